@@ -1,0 +1,18 @@
+#ifndef OSTRELLED_OS_H
+#define OSTRELLED_OS_H
+
+#include <ostrelled/Types.h>
+
+namespace xenomai {
+// Process-wide default for USE_DEFAULT; USE_STD from load time on, never changed.
+extern OSTRELLED_EXPORT RT_MODE rtDefaultMode;
+}
+
+extern "C" {
+// Returns the process-wide default mode (always USE_STD).
+OSTRELLED_EXPORT RT_MODE get_default_rt_mode();
+// Deliberately inert: ignores its argument, changes nothing and returns false.
+OSTRELLED_EXPORT bool set_default_rt_mode(RT_MODE mode);
+}
+
+#endif

@@ -1,0 +1,11 @@
+#ifndef OSTRELLED_OSTRELLED_H
+#define OSTRELLED_OSTRELLED_H
+
+// Everything the library offers, in one include.
+#include <ostrelled/Types.h>
+#include <ostrelled/StringAssistant.h>
+#include <ostrelled/OS.h>
+#include <ostrelled/OS_Clock.h>
+#include <ostrelled/OS_Thread.h>
+
+#endif

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs what building and testing need, on a Debian machine, as root.
+# Only missing packages are installed; a machine that has them all is left alone.
+set -euo pipefail
+packages=(cmake make g++ clang libclang-rt-dev binutils pkg-config libgtest-dev libgmock-dev
+  libbenchmark-dev procps psmisc gawk coreutils)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,78 @@
+#ifndef OSTRELLED_SRC_OS_PRIVATE_H
+#define OSTRELLED_SRC_OS_PRIVATE_H
+
+// Helpers shared by the operating-system sources. Never installed.
+
+#include <errno.h>
+#include <time.h>
+
+#include <ostrelled/OS.h>
+#include <ostrelled/OS_Clock.h>
+
+#include "Handle.h"
+
+namespace OS {
+namespace Private {
+
+// Resolution of a real-time mode, evaluated on every call: USE_RT, or
+// USE_DEFAULT while the process default is USE_RT. Everything else is standard.
+inline bool isRealTime(RT_MODE mode) {
+  return mode == USE_RT || (mode == USE_DEFAULT && get_default_rt_mode() == USE_RT);
+}
+
+// The mode a handle stores at construction: USE_DEFAULT becomes the default.
+inline RT_MODE storedMode(RT_MODE mode) { return mode == USE_DEFAULT ? get_default_rt_mode() : mode; }
+
+// Repeats call() while it returns failValue with errno EINTR; errno is left as
+// the last call set it. Calls that report errors by value (clock_nanosleep,
+// the pthread family) never match -1, so they are never repeated.
+template <class Call>
+inline auto retryOnEintr(Call call, decltype(call()) failValue = -1) -> decltype(call()) {
+  decltype(call()) result;
+  do {
+    result = call();
+  } while (result == failValue && errno == EINTR);
+  return result;
+}
+
+constexpr long kNanosPerSecond = 1000000000L;
+
+// Now on CLOCK_MONOTONIC.
+inline timespec monotonicNow(RT_MODE mode = USE_STD) {
+  timespec now{};
+  os_clock_get_time(CLOCK_MONOTONIC, &now, mode);
+  return now;
+}
+
+// An absolute CLOCK_MONOTONIC deadline expressed on the wall clock, for
+// sem_timedwait, which counts on CLOCK_REALTIME.
+inline timespec monotonicDeadlineToWall(const timespec& deadline, RT_MODE mode = USE_STD) {
+  timespec monotonic = deadline;
+  timespec wall{};
+  os_clock_monotonic_to_realtime(&monotonic, &wall, mode);
+  return wall;
+}
+
+// A wall-clock deadline nanos ahead of now, taken from the monotonic clock:
+// the deadline of every request to the sync manager.
+inline timespec wallDeadlineAfter(long nanos, RT_MODE mode = USE_STD) {
+  timespec wall = monotonicDeadlineToWall(monotonicNow(mode), mode);
+  wall.tv_nsec += nanos;
+  os_clock_adjust_clock_time(&wall);
+  return wall;
+}
+
+// Time left until an absolute CLOCK_MONOTONIC deadline, normalised; negative
+// or zero once it has passed. semtimedop takes such a relative span.
+inline timespec timeLeftUntil(const timespec& deadline, RT_MODE mode = USE_STD) {
+  timespec now = monotonicNow(mode);
+  timespec left{};
+  os_clock_get_clock_span(&now, &deadline, &left);
+  os_clock_adjust_clock_time(&left);
+  return left;
+}
+
+}  // namespace Private
+}  // namespace OS
+
+#endif
