@@ -1,0 +1,42 @@
+#ifndef OSTRELLED_SRC_OS_NAMEDOBJECT_H
+#define OSTRELLED_SRC_OS_NAMEDOBJECT_H
+
+// The one attach/detach procedure of every named object (mutex, reader/writer
+// mutex, semaphore, event). Each kind supplies its own steps; the procedure
+// owns the enabled semaphore, the request record and the attach count.
+
+#include <string>
+
+class sharememory_handle;
+
+namespace OS {
+
+class NamedObjectSteps {
+ public:
+  // After the manager's reply, before the block is opened. Returning false
+  // leaves the object unattached (for instance when a System V key is refused).
+  virtual bool beforeOpen() { return true; }
+  // The block is open: point the object's fields into it (block start = attach count).
+  virtual void bind(unsigned char* block) = 0;
+  // First attach on the machine (the count was 0): initialise the object's state.
+  virtual void initialise() = 0;
+  // Last detach on the machine (the count reached 0): destroy the primitives.
+  virtual void finalise() = 0;
+
+ protected:
+  ~NamedObjectSteps() = default;
+};
+
+// Attaches to the named block of blockSize bytes, creating it through the sync
+// manager on first use. Returns the opened block, or null when the object stays
+// unattached (no manager, no reply in time, block not openable, beforeOpen refused).
+sharememory_handle* attachNamedObject(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps);
+
+// Detaches: decrements the count and, at zero, finalises and asks the manager to
+// destroy the block. Always releases the caller's mapping and nulls `block`;
+// the caller then nulls its own pointers into the block.
+void detachNamedObject(const std::string& name, sharememory_handle*& block, NamedObjectSteps& steps);
+
+}  // namespace OS
+
+#endif
