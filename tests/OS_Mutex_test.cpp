@@ -29,14 +29,7 @@ bool relocksFromTheSameThread(mutex_handle* mutex) {
   return again;
 }
 
-timespec monotonicAfter(long millis) {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  t.tv_nsec += millis * 1000000L;
-  t.tv_sec += t.tv_nsec / 1000000000L;
-  t.tv_nsec %= 1000000000L;
-  return t;
-}
+timespec monotonicAfter(long millis) { return synctest::clockAfter(CLOCK_MONOTONIC, millis); }
 
 }  // namespace
 
@@ -114,20 +107,12 @@ TEST_F(NamedMutex, TheNextLockerRecoversFromAnOwnerKilledWhileHoldingIt) {
   std::string name = uniqueName("robust");
   mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
   ASSERT_NE(mutex->m_pMutex, nullptr);
-  int locked[2];
-  ASSERT_EQ(pipe(locked), 0);
-  pid_t holder = testsupport::startChild([&] {
+  pid_t holder = synctest::startParkedChild([&] {
     mutex_handle* own = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
     os_mutex_lock(own);
-    char byte = 1;
-    if (write(locked[1], &byte, 1) != 1) return 1;
-    pause();
-    return 0;
+    return own->m_pMutex != nullptr;
   });
-  char byte;
-  ASSERT_EQ(read(locked[0], &byte, 1), 1);
-  close(locked[0]);
-  close(locked[1]);
+  ASSERT_GT(holder, 0);
   kill(holder, SIGKILL);
   EXPECT_EQ(testsupport::waitChild(holder), 128 + SIGKILL);
 

@@ -74,11 +74,7 @@ class RawRequester {
 
  private:
   bool waitFinish(long millis) {
-    timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_nsec += millis * 1000000L;
-    deadline.tv_sec += deadline.tv_nsec / 1000000000L;
-    deadline.tv_nsec %= 1000000000L;
+    timespec deadline = synctest::clockAfter(CLOCK_REALTIME, millis);
     return sem_timedwait(m_finish, &deadline) == 0;
   }
 
@@ -253,19 +249,8 @@ TEST_F(NoManager, NamedObjectsWithoutAManagerStayUnattached) {
 }
 
 TEST_F(NoManager, AKilledManagerIsReplacedByANewOne) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t manager = testsupport::startChild([&] {
-    if (!os_sync_environment_initialize(false)) return 1;
-    char byte = 1;
-    if (write(ready[1], &byte, 1) != 1) return 2;
-    pause();
-    return 0;
-  });
-  char byte;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  close(ready[0]);
-  close(ready[1]);
+  pid_t manager = synctest::startParkedChild([] { return os_sync_environment_initialize(false); });
+  ASSERT_GT(manager, 0);
 
   std::string name = uniqueName("takeover");
   mutex_handle* old = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());

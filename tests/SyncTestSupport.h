@@ -4,17 +4,20 @@
 // Helpers for tests that host the sync manager or use its machine-wide names.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include <ostrelled/OS_Sync.h>
 
 #include "OS/OS_Private.h"
 #include "OS/OS_SyncClient.h"
+#include "TestSupport.h"
 
 namespace synctest {
 
@@ -22,6 +25,20 @@ namespace synctest {
 inline std::string uniqueName(const char* tag) {
   static int next = 0;
   return "ostrelled_test_" + std::string(tag) + "_" + std::to_string(getpid()) + "_" + std::to_string(next++);
+}
+
+// Now plus millis (negative: in the past) on the given clock.
+inline timespec clockAfter(clockid_t clock, long millis) {
+  timespec t;
+  clock_gettime(clock, &t);
+  long nanos = t.tv_nsec + millis * 1000000L;
+  t.tv_sec += nanos / 1000000000L;
+  t.tv_nsec = nanos % 1000000000L;
+  if (t.tv_nsec < 0) {
+    t.tv_nsec += 1000000000L;
+    t.tv_sec -= 1;
+  }
+  return t;
 }
 
 // Whether the named shared-memory object is present in /dev/shm.
@@ -57,6 +74,29 @@ inline void unlinkManagerNames() {
   sem_unlink(OS::SyncNames::kRequestSemaphore);
   sem_unlink(OS::SyncNames::kFinishSemaphore);
   shm_unlink(OS::SyncNames::kRequestArea);
+}
+
+// Forks a child that runs setup and then waits to be killed. Returns its pid
+// once setup succeeded, or -1 (the child reaped) when it failed or took over 10 s.
+inline pid_t startParkedChild(const std::function<bool()>& setup) {
+  int ready[2];
+  if (pipe(ready) != 0) return -1;
+  pid_t pid = testsupport::startChild([&] {
+    if (!setup()) return 1;
+    char byte = 1;
+    if (write(ready[1], &byte, 1) != 1) return 2;
+    for (;;) pause();
+  });
+  pollfd wait{ready[0], POLLIN, 0};
+  char byte;
+  bool ok = pid > 0 && poll(&wait, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1;
+  close(ready[0]);
+  close(ready[1]);
+  if (!ok && pid > 0) {
+    kill(pid, SIGKILL);
+    testsupport::waitChild(pid);
+  }
+  return ok ? pid : -1;
 }
 
 // Hosts the manager in the test process for the length of one test. A manager
