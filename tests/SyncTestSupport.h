@@ -31,28 +31,17 @@ inline std::string uniqueName(const char* tag) {
 inline timespec clockAfter(clockid_t clock, long millis) {
   timespec t;
   clock_gettime(clock, &t);
-  long nanos = t.tv_nsec + millis * 1000000L;
-  t.tv_sec += nanos / 1000000000L;
-  t.tv_nsec = nanos % 1000000000L;
-  if (t.tv_nsec < 0) {
-    t.tv_nsec += 1000000000L;
-    t.tv_sec -= 1;
-  }
+  t.tv_nsec += millis * 1000000L;
+  os_clock_adjust_clock_time(&t);
   return t;
 }
 
-// Whether the named shared-memory object is present in /dev/shm.
-inline bool shmExists(const std::string& name) {
-  std::string path = "/dev/shm/" + name.substr(name.find_first_not_of('/'));
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
-
+// The size of a shared-memory object in /dev/shm; -1 when it is not there.
 inline off_t shmSize(const std::string& name) {
-  std::string path = "/dev/shm/" + name.substr(name.find_first_not_of('/'));
   struct stat st;
-  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+  return stat(("/dev/shm/" + name.substr(name.find_first_not_of('/'))).c_str(), &st) == 0 ? st.st_size : -1;
 }
+inline bool shmExists(const std::string& name) { return shmSize(name) >= 0; }
 
 inline bool semaphoreExists(const char* name) {
   return access(("/dev/shm/sem." + std::string(name + 1)).c_str(), F_OK) == 0;
@@ -66,14 +55,6 @@ inline bool liveManagerAnswers() {
   bool answered = client.requestNothing(OS::Private::wallDeadlineAfter(500000000L));
   client.unlock();
   return answered;
-}
-
-// Removes what a dead manager left behind, so that "no manager" really means no names.
-inline void unlinkManagerNames() {
-  sem_unlink(OS::SyncNames::kEnabledSemaphore);
-  sem_unlink(OS::SyncNames::kRequestSemaphore);
-  sem_unlink(OS::SyncNames::kFinishSemaphore);
-  shm_unlink(OS::SyncNames::kRequestArea);
 }
 
 // Forks a child that runs setup and then waits to be killed. Returns its pid
@@ -115,7 +96,11 @@ class NoManager : public ::testing::Test {
  protected:
   void SetUp() override {
     if (liveManagerAnswers()) GTEST_SKIP() << "a sync manager is already running on this machine";
-    unlinkManagerNames();
+    // What a dead manager left behind goes too: "no manager" means no names.
+    for (const char* sem : {OS::SyncNames::kEnabledSemaphore, OS::SyncNames::kRequestSemaphore,
+                            OS::SyncNames::kFinishSemaphore})
+      sem_unlink(sem);
+    shm_unlink(OS::SyncNames::kRequestArea);
   }
 };
 
