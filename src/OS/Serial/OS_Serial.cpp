@@ -1,3 +1,7 @@
+// Serial lines: raw non-blocking configuration, and reads and writes through
+// POSIX asynchronous I/O so that a silent device cannot hold the caller past
+// the time-out.
+
 #include <ostrelled/OS_Serial.h>
 
 #include <aio.h>
@@ -18,7 +22,7 @@ namespace {
 
 // aio_cancel answers AIO_CANCELED, AIO_NOTCANCELED, AIO_ALLDONE or -1, never
 // this number (ECANCELED), so the cancel message is printed on every
-// time-out. Intended: callers watch for that line.
+// time-out. Intended and kept: the line marks every time-out.
 constexpr int kCancelledQuietly = 125;
 
 const char* const kWriteCancelMessage = "Can not cancel write operator, application maybe crashed!";
@@ -55,11 +59,11 @@ class Transfer {
   }
 
   // Waits for the transfer, each wait lasting at most patience. True with the
-  // byte count (and the error code of a failed transfer) once it is done;
-  // false when a wait ended without it (time-out, signal).
-  bool finish(const timespec& patience, LONG& count, int& error) {
+  // byte count (-1 for a failed transfer) once it is done; false when a wait
+  // ended without it (time-out, signal).
+  bool finish(const timespec& patience, LONG& count) {
     const aiocb* list[1] = {&m_cb};
-    while ((error = aio_error(&m_cb)) == EINPROGRESS) {
+    while (aio_error(&m_cb) == EINPROGRESS) {
       if (aio_suspend(list, 1, &patience) == -1) return false;
     }
     count = reap();
@@ -81,9 +85,9 @@ class Transfer {
   }
 
  private:
-  // The finished status is published while the library's worker still reads
-  // the control block under its request lock; aio_suspend takes that lock, so
-  // once it returns the block (on our stack) is ours alone.
+  // The C library publishes the finished status while its worker thread still
+  // reads the control block under its request lock; aio_suspend takes that
+  // lock, so once it returns the block (on our stack) is ours alone.
   LONG reap() {
     const aiocb* list[1] = {&m_cb};
     timespec none{};
@@ -228,8 +232,7 @@ int os_serial_write(int hHandle, const unsigned char* buf, int len, int dwTimeou
   if (len > 0) memcpy(copy.get(), buf, len);
   Transfer transfer(hHandle, copy.get(), static_cast<size_t>(len), LIO_WRITE);
   LONG written = -1;
-  int error = 0;
-  if (!transfer.finish(suspendPatience(dwTimeoutMillisecond), written, error)) {
+  if (!transfer.finish(suspendPatience(dwTimeoutMillisecond), written)) {
     transfer.abandon(kWriteCancelMessage);
     return -1;
   }
@@ -252,6 +255,7 @@ int os_serial_read(int hHandle, unsigned char* buf, int len, void* m_pHead, UINT
   std::unique_ptr<unsigned char[]> pReadBuffer(new unsigned char[2 * static_cast<size_t>(len)]);
   std::unique_ptr<unsigned char[]> pAioBuffer(new unsigned char[len]);
   const timespec patience = suspendPatience(dwTimeoutMillisecond);
+  bool inputAnnounced = false;  // the last gap wait reported input
   for (;;) {
     if (dwValidReadLen >= len) {
       if (len > 0) memcpy(buf, pReadBuffer.get() + dwTotalReadLen - len, len);
@@ -266,13 +270,13 @@ int os_serial_read(int hHandle, unsigned char* buf, int len, void* m_pHead, UINT
     }
 
     Transfer transfer(hHandle, pAioBuffer.get(), static_cast<size_t>(dwRequireReadNum), LIO_READ);
-    int error = 0;
-    if (!transfer.finish(patience, dwReadNum, error)) {
+    if (!transfer.finish(patience, dwReadNum)) {
       transfer.abandon(kReadCancelMessage);
       return -1;
     }
 
     if (dwReadNum > 0) {
+      inputAnnounced = false;
       memcpy(pReadBuffer.get() + dwTotalReadLen, pAioBuffer.get(), dwReadNum);
       if (!bReadValidHead && headLen != 0) {
         const LONG end = dwTotalReadLen + dwReadNum;
@@ -297,11 +301,14 @@ int os_serial_read(int hHandle, unsigned char* buf, int len, void* m_pHead, UINT
       continue;
     }
 
-    // Nothing at hand: the frame goes on if a byte comes within the gap. A
-    // line that reports end of file or a hard error stays "readable" for
-    // ever, so it ends the frame at once instead of spinning here.
-    const bool lineAlive = dwReadNum < 0 && (error == EAGAIN || error == EWOULDBLOCK || error == EINTR);
-    if (lineAlive && os_serial_select(hHandle, dwMaxByteInterval)) continue;
+    // Nothing at hand (a raw line answers 0, or -1 with EAGAIN): the frame
+    // goes on if a byte comes within the gap. A line that was reported
+    // readable and still gives nothing has hung up or failed; it would stay
+    // "readable" for ever, so the frame ends here instead of spinning.
+    if (!inputAnnounced && os_serial_select(hHandle, dwMaxByteInterval)) {
+      inputAnnounced = true;
+      continue;
+    }
     if (dwValidReadLen > 0) memcpy(buf, pReadBuffer.get() + dwTotalReadLen - dwValidReadLen, dwValidReadLen);
     if (!bReadValidHead && dwValidReadLen == 0 && dwTotalReadLen > 0) puts("The frame header may be truncated.");
     return static_cast<int>(dwValidReadLen);

@@ -1,3 +1,6 @@
+// Sockets: thin pass-throughs to the BSD calls, plus readiness waits that
+// outlast signals and a broken-link test. No state is kept here.
+
 #include <ostrelled/OS_Socket.h>
 
 #include <sys/ioctl.h>
@@ -7,6 +10,7 @@
 #include "OS/OS_Wait.h"
 
 using OS::Private::Readiness;
+using OS::Private::spanOf;
 
 namespace {
 
@@ -20,6 +24,8 @@ inline auto inMode(RT_MODE mode, Call call) -> decltype(call()) {
 
 // The one wait behind the four readiness functions. A signal does not end it:
 // the wait resumes for the time left until the deadline fixed at the start.
+// select() would carry the time left in its timeval; the poll-based wait
+// (which has no FD_SETSIZE ceiling) does not, so the rest is recomputed.
 bool waitFor(int s, timespec span, Readiness what, int* intErrorCode, RT_MODE mode) {
   if (s == -1) return false;
   // A poll (zero span) has no deadline to keep, so it reads no clock.
@@ -47,6 +53,8 @@ bool waitFor(int s, timespec span, Readiness what, int* intErrorCode, RT_MODE mo
   return result == 1;
 }
 
+// SO_SNDTIMEO/SO_RCVTIMEO in full timeval form; a zero value switches the
+// time-out off, which is the system's own meaning.
 int setTimeout(int s, int optname, DWORD milliseconds, RT_MODE mode) {
   timeval tv{};
   tv.tv_sec = static_cast<time_t>(milliseconds / 1000);
@@ -55,6 +63,8 @@ int setTimeout(int s, int optname, DWORD milliseconds, RT_MODE mode) {
 }
 
 }  // namespace
+
+// Pass-throughs: the system call's result and errno, unchanged.
 
 int os_socket(int domain, int type, int protocol, RT_MODE mode) {
   return inMode(mode, [&] { return socket(domain, type, protocol); });
@@ -131,6 +141,7 @@ bool os_socket_init_library() { return true; }
 // Same body as os_socket_init_library under a second name: Linux needs neither.
 bool os_socket_clear_library() { return os_socket_init_library(); }
 
+// errno is per thread, so this is the caller's own last failure.
 int os_socket_get_errno_code() { return errno; }
 
 void os_socket_disable_udp_unreached_report(int /*s*/) {}
@@ -143,25 +154,27 @@ int os_socket_set_recv_timeout(int s, DWORD dwMillionSecond, RT_MODE mode) {
   return setTimeout(s, SO_RCVTIMEO, dwMillionSecond, mode);
 }
 
+// Milliseconds and microseconds both become one span; the rest is shared.
 bool os_socket_readable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, OS::Private::spanOf<DWORD>(dwMillionSecond, 1000), Readiness::Readable, intErrorCode, mode);
+  return waitFor(s, spanOf<DWORD>(dwMillionSecond, 1000), Readiness::Readable, intErrorCode, mode);
 }
 
 bool os_socket_writable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, OS::Private::spanOf<DWORD>(dwMillionSecond, 1000), Readiness::Writable, intErrorCode, mode);
+  return waitFor(s, spanOf<DWORD>(dwMillionSecond, 1000), Readiness::Writable, intErrorCode, mode);
 }
 
 bool os_socket_precision_readable(int s, DWORD dwMicroSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, OS::Private::spanOf<DWORD>(dwMicroSecond, 1000000), Readiness::Readable, intErrorCode, mode);
+  return waitFor(s, spanOf<DWORD>(dwMicroSecond, 1000000), Readiness::Readable, intErrorCode, mode);
 }
 
 bool os_socket_precision_writable(int s, DWORD dwMicroSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, OS::Private::spanOf<DWORD>(dwMicroSecond, 1000000), Readiness::Writable, intErrorCode, mode);
+  return waitFor(s, spanOf<DWORD>(dwMicroSecond, 1000000), Readiness::Writable, intErrorCode, mode);
 }
 
 bool os_socket_is_link_broken(int s, RT_MODE mode) {
   // Nothing to read yet counts as intact; only an orderly close reads as 0.
   if (!os_socket_readable(s, 0, nullptr, mode)) return false;
+  // MSG_PEEK leaves any waiting bytes for the caller; 0 means an orderly close.
   char peek[4];
   return inMode(mode, [&] { return recv(s, peek, sizeof(peek), MSG_PEEK); }) == 0;
 }
