@@ -71,6 +71,8 @@ void* copyElements(TVARTYPE vt, const void* source, unsigned int keep, unsigned 
 // Slot uintIndex of an array with storage, or null when a set or get must fail.
 void* checkedSlot(safearray_handle* handle, unsigned int uintIndex, const void* element) {
   if (handle == nullptr || element == nullptr || uintIndex >= handle->m_uintArraySize) return nullptr;
+  // A typeless array has a count but no storage; the buffer test is only a second guard,
+  // as every typed array with a non-zero count has its buffer.
   const size_t width = elementWidth(handle->vt);
   if (width == 0 || handle->pReserveMemory == nullptr) return nullptr;
   return static_cast<unsigned char*>(handle->pReserveMemory) + uintIndex * width;
@@ -78,6 +80,8 @@ void* checkedSlot(safearray_handle* handle, unsigned int uintIndex, const void* 
 
 }  // namespace
 
+// The type is fixed here for the array's whole life; the elements come from one resize,
+// so a typeless array gets its count the same (deliberate) way as a later resize gives it.
 safearray_handle::safearray_handle(TVARTYPE vtElementType, unsigned int uintElementCount) {
   vt = vtElementType;
   m_uintArraySize = 0;
@@ -85,6 +89,8 @@ safearray_handle::safearray_handle(TVARTYPE vtElementType, unsigned int uintElem
   resize(uintElementCount);
 }
 
+// Copies still out go with the array: callers are told that destruction frees them,
+// units of string copies excepted.
 safearray_handle::~safearray_handle() {
   releaseAllBlock();
   clear();
@@ -162,6 +168,8 @@ bool safearray_set_element(safearray_handle* handle, unsigned int uintIndex, voi
 bool safearray_get_element(safearray_handle* handle, unsigned int uintIndex, void* element) {
   void* slot = checkedSlot(handle, uintIndex, element);
   if (slot == nullptr) return false;
+  // A string leaves as a new unit; whatever *element held before is the caller's and is
+  // overwritten, not freed.
   if (handle->vt == TVT_BSTR)
     *static_cast<LPBSTRUNIT*>(element) = DataType::copyBlock(*static_cast<LPBSTRUNIT*>(slot));
   else

@@ -49,6 +49,7 @@ TVARIANT* newVariantCopy(const TVARIANT& source) {
 
 CVariantRead::~CVariantRead() = default;
 
+// Both text results go out through the library's one buffer convention.
 bool CVariantRead::getType(char* pType, DWORD& dwLen) {
   if (m_pWrapperValue == nullptr) return false;
   std::string name;
@@ -90,6 +91,8 @@ bool CVariantWrite::setValue(const char* pValue, bool bIncludeType) {
 OSTRELLED_SCALAR_TYPES(OSTRELLED_DEFINE_WRITE)
 #undef OSTRELLED_DEFINE_WRITE
 
+// The handle holds one reference to each interface object for its whole life, so the
+// objects always exist; callers' references only ever extend that life.
 struct variant_wrapper_handle {
   variant_wrapper_handle()
       : m_bAllowRead(true), m_bAllowWrite(false), m_bOwnVariant(false), m_pWrapperValue(nullptr) {
@@ -193,6 +196,7 @@ IVariantWrite* variant_wrapper_get_variantwrite(variant_wrapper_handle* handle) 
 
 variant_wrapper_handle* variant_wrapper_clone(variant_wrapper_handle* handle) {
   if (handle == nullptr) return nullptr;
+  // Held by a smart pointer until complete: a failed copy of a string frees the clone.
   std::unique_ptr<variant_wrapper_handle> clone(new variant_wrapper_handle);
   clone->m_bAllowRead = handle->m_bAllowRead;
   clone->m_bAllowWrite = handle->m_bAllowWrite;
