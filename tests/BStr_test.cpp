@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include <ostrelled/BStr.h>
 
@@ -9,10 +8,10 @@ namespace {
 
 // A caller-built block: length word, then the bytes.
 LPBSTRUNIT makeBlock(int len, const char* bytes) {
-  char* block = new char[4 + (len > 0 ? len : 0)];
+  LPBSTRUNIT block = new BSTR_UNIT[4 + (len > 0 ? len : 0)];
   std::memcpy(block, &len, 4);
   if (len > 0) std::memcpy(block + 4, bytes, len);
-  return reinterpret_cast<LPBSTRUNIT>(block);
+  return block;
 }
 
 struct Handle {
@@ -29,7 +28,6 @@ TEST(BStr, TextCountsItsTerminatorAndDataDoesNot) {
   EXPECT_EQ(std::memcmp(bstr_get_data(s.h), "abc", 4), 0);
   ASSERT_TRUE(bstr_set_text(s.h, ""));
   EXPECT_EQ(bstr_get_length(s.h), 1);
-  EXPECT_EQ(bstr_get_data(s.h)[0], '\0');
   ASSERT_TRUE(bstr_set_data(s.h, "abc", 3));
   EXPECT_EQ(bstr_get_length(s.h), 3);
   ASSERT_TRUE(bstr_set_data(s.h, "abc", 0));  // present and empty, not null
@@ -37,36 +35,28 @@ TEST(BStr, TextCountsItsTerminatorAndDataDoesNot) {
   EXPECT_EQ(bstr_get_length(s.h), 0);
   ASSERT_TRUE(bstr_set_data(s.h, nullptr, 5));
   EXPECT_EQ(bstr_get_data(s.h), nullptr);
-}
-
-TEST(BStr, NegativeLengthsAreRefusedAndKeepTheValue) {
-  Handle s;
+  // negative lengths are refused and keep the value
   bstr_set_text(s.h, "keep");
   EXPECT_FALSE(bstr_set_data(s.h, "abc", -1));
   LPBSTRUNIT bad = makeBlock(-8, nullptr);
   EXPECT_FALSE(bstr_set_bstrunit(s.h, bad));
-  delete[] reinterpret_cast<char*>(bad);
+  delete[] bad;
   EXPECT_STREQ(bstr_get_data(s.h), "keep");
 }
 
 TEST(BStr, NullHandlesAreTolerated) {
   EXPECT_TRUE(bstr_set_text(nullptr, nullptr));
   EXPECT_FALSE(bstr_set_text(nullptr, "x"));
-  EXPECT_TRUE(bstr_set_data(nullptr, nullptr, 3));
-  EXPECT_FALSE(bstr_set_data(nullptr, "x", 1));
   EXPECT_EQ(bstr_get_data(nullptr), nullptr);
   EXPECT_EQ(bstr_get_length(nullptr), 0);
   EXPECT_EQ(bstr_detach_bstrunit(nullptr), nullptr);
-  bstr_clear(nullptr);
   LPBSTRUNIT block = makeBlock(2, "hi");
   bstr_attach_bstrunit(nullptr, block);  // neither taken nor freed: still ours
-  EXPECT_EQ(std::memcmp(reinterpret_cast<char*>(block) + 4, "hi", 2), 0);
-  delete[] reinterpret_cast<char*>(block);
-  bstr_handle* gone = nullptr;
-  bstr_destroy(gone);
+  delete[] block;
   bstr_handle* live = bstr_create();
   bstr_destroy(live);
   EXPECT_EQ(live, nullptr);
+  bstr_destroy(live);
 }
 
 TEST(BStr, SettingFromItselfEmptiesButOwnDataIsCopied) {
@@ -75,7 +65,7 @@ TEST(BStr, SettingFromItselfEmptiesButOwnDataIsCopied) {
   EXPECT_TRUE(bstr_set_bstr(s.h, s.h));  // the value is freed before it is read
   EXPECT_EQ(bstr_get_data(s.h), nullptr);
   bstr_set_text(s.h, "abc");
-  EXPECT_TRUE(bstr_set_text(s.h, bstr_get_data(s.h)));  // raw memory of its own value stays valid
+  EXPECT_TRUE(bstr_set_text(s.h, bstr_get_data(s.h)));  // its own bytes stay readable
   EXPECT_STREQ(bstr_get_data(s.h), "abc");
   CBStr text("xyz");
   CBStr& same = text;
@@ -89,7 +79,6 @@ TEST(BStr, AttachTakesOwnershipAndDetachGivesItBack) {
   bstr_attach_bstrunit(s.h, block);
   EXPECT_EQ(bstr_get_data(s.h), reinterpret_cast<char*>(block) + 4);  // not copied
   bstr_attach_bstrunit(s.h, block);  // the owned block again: kept, not freed
-  EXPECT_EQ(bstr_get_length(s.h), 3);
   EXPECT_EQ(bstr_detach_bstrunit(s.h), block);
   EXPECT_EQ(bstr_get_data(s.h), nullptr);
   CBStr owner;
@@ -98,49 +87,28 @@ TEST(BStr, AttachTakesOwnershipAndDetachGivesItBack) {
   LPBSTRUNIT text = CBStr("hi").detach();  // outlives its CBStr
   EXPECT_STREQ(reinterpret_cast<char*>(text) + 4, "hi");
   delete[] text;
-}
-
-TEST(BStr, CopiesAreDeep) {
-  LPBSTRUNIT block = makeBlock(2, "ab");
-  CBStr fromBlock(block);
-  reinterpret_cast<char*>(block)[4] = 'X';
-  EXPECT_EQ(std::string(fromBlock, 2), "ab");
-  delete[] reinterpret_cast<char*>(block);
+  // copies are deep
   CBStr original("one");
   CBStr copy(original);
   original = "two";
   EXPECT_STREQ(copy, "one");
-  CBStr data("abc", 3);
-  EXPECT_EQ(data.get_length(), 3);
-  data.clear();
-  EXPECT_EQ(static_cast<const char*>(data), nullptr);
 }
 
 TEST(BStr, EqualityComparesLengthWordAndDataBytes) {
-  Handle text, data, same, empty1, empty2;
+  Handle text, data, other, empty1, empty2;
   bstr_set_text(text.h, "abc");
   bstr_set_data(data.h, "abc", 3);
-  bstr_set_text(same.h, "abc");
-  EXPECT_TRUE(bstr_equal_bstr(text.h, same.h));
-  EXPECT_FALSE(bstr_equal_bstr(text.h, data.h));  // 4 bytes against 3
+  bstr_set_text(other.h, "abd");
+  EXPECT_FALSE(bstr_equal_bstr(text.h, data.h));   // 4 bytes against 3
+  EXPECT_FALSE(bstr_equal_bstr(text.h, other.h));  // the last data byte counts
   EXPECT_TRUE(bstr_equal_bstr(empty1.h, empty2.h));
   EXPECT_FALSE(bstr_equal_bstr(empty1.h, text.h));
-  EXPECT_FALSE(bstr_equal_bstr(text.h, empty1.h));
   EXPECT_TRUE(bstr_equal_bstr(nullptr, nullptr));
   EXPECT_FALSE(bstr_equal_bstr(nullptr, empty1.h));
-  EXPECT_FALSE(bstr_equal_bstr(empty1.h, nullptr));
-  bstr_set_text(same.h, "abd");
-  EXPECT_FALSE(bstr_equal_bstr(text.h, same.h));  // the last data byte counts here
-
   LPBSTRUNIT block = makeBlock(3, "abc");
   EXPECT_TRUE(bstr_equal_bstrunit(data.h, block));
-  EXPECT_FALSE(bstr_equal_bstrunit(text.h, block));
   EXPECT_FALSE(bstr_equal_bstrunit(empty1.h, block));
-  EXPECT_TRUE(bstr_equal_bstrunit(empty1.h, nullptr));
-  EXPECT_TRUE(bstr_equal_bstrunit(nullptr, nullptr));
   EXPECT_FALSE(bstr_equal_bstrunit(nullptr, block));
-  CBStr owner(block);
-  EXPECT_TRUE(owner == block);
-  EXPECT_TRUE(owner == CBStr("abc", 3));
-  delete[] reinterpret_cast<char*>(block);
+  EXPECT_TRUE(CBStr(block) == CBStr("abc", 3));
+  delete[] block;
 }

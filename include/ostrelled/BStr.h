@@ -13,8 +13,9 @@ OSTRELLED_EXPORT bstr_handle* bstr_create();
 OSTRELLED_EXPORT void bstr_destroy(bstr_handle*& handle);
 // Frees the value; the handle stays usable and empty.
 OSTRELLED_EXPORT void bstr_clear(bstr_handle* handle);
-// Copies text with its terminator (length word strlen + 1). A null text empties the handle.
-// Null handle: true for a null text, false otherwise. The old value is freed first.
+// Replaces the value by a copy of text with its terminator (length word strlen + 1); a
+// null text empties the handle. Null handle: true for a null text, false otherwise.
+// The source may lie inside the handle's own value.
 OSTRELLED_EXPORT bool bstr_set_text(bstr_handle* handle, const char* text);
 // Copies len raw bytes (no terminator added); len 0 gives a present, empty block and
 // null data empties the handle. A negative len is refused: false, value unchanged.

@@ -31,7 +31,9 @@ OSTRELLED_EXPORT bool variant_equal_variant(const TVARIANT& srcVar, const TVARIA
 
 // Converts in place; false (record unchanged) only for the impossible pairs: any
 // value to TVT_NULL, and TVT_I8/TVT_UI8 to TVT_BOOL (deliberate). A TVT_NULL record is
-// only retagged (a zero, or a null string). Text parses with base 0 and never fails.
+// only retagged (a zero, or a null string). Text parses with base 0 and never fails (a
+// null string reads as 0). Floats truncate toward zero through a 32- or 64-bit integer;
+// beyond that integer's range they clamp to its limits, and NaN gives 0.
 OSTRELLED_EXPORT bool variant_change_type(TVARIANT& var, TVARTYPE type);
 // Width in bits of a scalar tag (TVT_I4/TVT_UI4 are 64); 0 and false otherwise.
 OSTRELLED_EXPORT bool variant_get_datatype_size(TVARTYPE type, UINT& uMaxBit);
