@@ -8,6 +8,8 @@
 #include <ostrelled/ScalarTypes.h>
 #include <ostrelled/VariantInterface.h>
 #include <ostrelled/Variant.h>
+#include <ostrelled/SafeArray.h>
+#include <ostrelled/VariantWrapper.h>
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
 #include <ostrelled/OS_Thread.h>
