@@ -25,7 +25,7 @@ done
 
 kill -TERM $daemon
 wait $daemon
-cat "$daemon_log"
+tail -n 1 "$daemon_log"
 left=$(ls /dev/shm | grep -E 'os_mutex_manage|named_mutex_demo' || true)
 if [ -n "$left" ]; then echo "names left behind: $left"; exit 1; fi
 echo "after SIGTERM: no manager or demo names are left in /dev/shm"

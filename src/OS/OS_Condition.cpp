@@ -4,6 +4,8 @@
 #include "OS/OS_MutexHandle.h"
 #include "OS/OS_Private.h"
 
+// A condition private to the process, bound to (not owning) an anonymous mutex.
+// Its clock is CLOCK_MONOTONIC, so deadlines do not move with the wall clock.
 class condition_handle {
  public:
   condition_handle(mutex_handle* mutex, RT_MODE mode) : m_pMutexHandle(mutex), m_RtMode(OS::Private::storedMode(mode)) {
@@ -29,6 +31,7 @@ class condition_handle {
 
 namespace {
 
+// Every error but a timeout counts as a failed wait.
 int waitResult(int result) {
   if (result == 0) return WAIT_CONDITION_OK;
   return result == ETIMEDOUT ? WAIT_CONDITION_TIMEOUT : WAIT_CONDITION_FAILED;
@@ -37,6 +40,7 @@ int waitResult(int result) {
 }  // namespace
 
 condition_handle* os_condition_create(mutex_handle* lck_handle, RT_MODE mode) {
+  // A named mutex lives in other processes too, where this condition does not exist.
   if (lck_handle == nullptr || lck_handle->m_pMutexShareMemory != nullptr) return nullptr;
   return new condition_handle(lck_handle, mode);
 }

@@ -87,11 +87,13 @@ bool lockFailed(pthread_mutex_t* mutex, int result, Retake retake) {
 mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName)
     : m_pMutexShareMemory(nullptr), m_pMutex(nullptr), m_RtMode(OS::Private::storedMode(mode)) {
   if (strMutexName != nullptr) {
+    // An empty name is still a name: the manager ignores it and the handle stays unattached.
     m_strMutexName = strMutexName;
     // Too long for the request area: the handle stays unattached.
     if (m_strMutexName.size() > OS::kMaxObjectNameLength) return;
     MutexSteps steps(*this, uintFlag);
     m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, OS::Private::kMutexBlockSize, steps);
+    // bind ran only for a block that opened; without one nothing may point anywhere.
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
     return;
   }
@@ -103,6 +105,7 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
 
 mutex_handle::~mutex_handle() {
   if (m_pMutexShareMemory != nullptr) {
+    // Only the machine's last handle destroys the mutex; others just let go of the block.
     MutexSteps steps(*this, 0);
     OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
   } else if (m_pMutex != nullptr) {
@@ -130,6 +133,7 @@ void os_mutex_lock(mutex_handle* handle) {
   if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result, OS::Private::Retake::Lock);
 }
 
+// The result is ignored: unlocking a mutex this thread does not hold is the caller's error.
 void os_mutex_unlock(mutex_handle* handle) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return;
   pthread_mutex_unlock(handle->m_pMutex);

@@ -38,6 +38,7 @@ bool sharememory_handle::mapDescriptor(size_t size) {
 
 bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int uintMemorySize) {
   (void)OS::Private::isRealTime(m_RtMode);  // both modes map alike
+  // A handle that maps something already lets go of it first: recreating never leaks a mapping.
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
   // No O_EXCL: an existing object is reused, resized and cleared below.
@@ -65,6 +66,7 @@ bool sharememory_handle::sharememory_open(const char* strShmName) {
   m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR, 0777); });
   if (m_hShareMemoryHandle == -1) return false;
   m_strShareMemoryName = name;
+  // No zero fill here: an opener joins whatever state the object holds.
   struct stat st;
   // The size travels as an unsigned 32-bit count, so only its low bits are kept.
   if (fstat(m_hShareMemoryHandle, &st) != 0 || !mapDescriptor(static_cast<unsigned int>(st.st_size))) {
@@ -78,6 +80,7 @@ bool sharememory_handle::sharememory_open(const char* strShmName) {
   return true;
 }
 
+// The name survives the close, so that a later destroy can still unlink it.
 void sharememory_handle::sharememory_close() {
   if (m_hShareMemoryHandle != -1) {
     close(m_hShareMemoryHandle);
@@ -90,6 +93,7 @@ void sharememory_handle::sharememory_close() {
   }
 }
 
+// Unlinking removes the name only: every mapping of the object stays valid until unmapped.
 void sharememory_handle::sharememory_destroy() {
   sharememory_close();
   shm_unlink(m_strShareMemoryName.c_str());
@@ -97,7 +101,8 @@ void sharememory_handle::sharememory_destroy() {
 
 namespace {
 
-// Builds a handle and runs one member operation on it; a failure frees the handle.
+// Builds a handle and runs one member operation on it; a failure frees the
+// handle, leaving errno as the failing system call set it.
 template <class Setup>
 sharememory_handle* makeShareMemory(RT_MODE mode, Setup setup) {
   sharememory_handle* handle = new sharememory_handle(mode);

@@ -84,6 +84,7 @@ os_sync_manager_handle* os_sync_manager = nullptr;
 }
 
 bool os_sync_manager_handle::start() {
+  // Created, not opened: an area left by a dead manager is reused in place and cleared.
   m_pMutexManagerShareMemory = os_sharememory_create(kRequestArea, OS::kRequestAreaSize, USE_DEFAULT);
   if (m_pMutexManagerShareMemory == nullptr) return false;
   // A manager that died left its names behind; they are replaced, not reused.
@@ -130,6 +131,7 @@ sharememory_handle* os_sync_manager_handle::createMemory(const char* strMemoryNa
   return block;
 }
 
+// Processes still attached keep their mappings; only the name goes.
 void os_sync_manager_handle::destroyMemory(const char* strMemoryName) {
   auto found = m_ShareMemoryMap.find(strMemoryName);
   if (found == m_ShareMemoryMap.end()) return;
@@ -165,6 +167,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
     }
     timespec deadline = OS::Private::wallDeadlineAfter(OS::kRequestTimeoutNanos);
     if (sem_timedwait(request, &deadline) != 0) continue;
+    // The client wrote the record before its post; the semaphore orders the bytes for us.
     unsigned int method;
     memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
     if (method == OS::MUTEX_CREATE_METHOD) {
