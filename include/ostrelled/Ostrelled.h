@@ -7,5 +7,8 @@
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
 #include <ostrelled/OS_Thread.h>
+#include <ostrelled/OS_ShareMemory.h>
+#include <ostrelled/OS_Sync.h>
+#include <ostrelled/OS_Mutex.h>
 
 #endif

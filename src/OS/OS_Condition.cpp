@@ -1,0 +1,66 @@
+#include <errno.h>
+#include <pthread.h>
+
+#include "OS/OS_MutexHandle.h"
+#include "OS/OS_Private.h"
+
+class condition_handle {
+ public:
+  condition_handle(mutex_handle* mutex, RT_MODE mode) : m_pMutexHandle(mutex), m_RtMode(OS::Private::storedMode(mode)) {
+    pthread_condattr_init(&m_Cattr);
+    pthread_condattr_setclock(&m_Cattr, CLOCK_MONOTONIC);
+    pthread_cond_init(&m_Cond, &m_Cattr);
+  }
+  ~condition_handle() {
+    pthread_cond_destroy(&m_Cond);
+    pthread_condattr_destroy(&m_Cattr);
+  }
+  condition_handle(const condition_handle&) = delete;
+  condition_handle& operator=(const condition_handle&) = delete;
+
+  // The bound mutex's pthread mutex; null when that mutex never attached.
+  pthread_mutex_t* mutex() const { return m_pMutexHandle->m_pMutex; }
+
+  mutex_handle* m_pMutexHandle;  // not owned
+  RT_MODE m_RtMode;
+  pthread_condattr_t m_Cattr;
+  pthread_cond_t m_Cond;
+};
+
+namespace {
+
+int waitResult(int result) {
+  if (result == 0) return WAIT_CONDITION_OK;
+  return result == ETIMEDOUT ? WAIT_CONDITION_TIMEOUT : WAIT_CONDITION_FAILED;
+}
+
+}  // namespace
+
+condition_handle* os_condition_create(mutex_handle* lck_handle, RT_MODE mode) {
+  if (lck_handle == nullptr || lck_handle->m_pMutexShareMemory != nullptr) return nullptr;
+  return new condition_handle(lck_handle, mode);
+}
+
+void os_condition_destroy(condition_handle*& handle) { destroyHandle(handle); }
+
+void os_condition_notify(condition_handle* handle) {
+  if (handle != nullptr) pthread_cond_signal(&handle->m_Cond);
+}
+
+void os_condition_notify_all(condition_handle* handle) {
+  if (handle != nullptr) pthread_cond_broadcast(&handle->m_Cond);
+}
+
+int os_condition_wait(condition_handle* handle) {
+  if (handle == nullptr) return -1;
+  // Bound to an unattached mutex there is nothing to release and retake.
+  if (handle->mutex() == nullptr) return WAIT_CONDITION_FAILED;
+  return waitResult(pthread_cond_wait(&handle->m_Cond, handle->mutex()));
+}
+
+int os_condition_wait_timeout(condition_handle* handle, timespec timeout) {
+  if (handle == nullptr) return -1;
+  if (handle->mutex() == nullptr) return WAIT_CONDITION_FAILED;
+  // The condition counts on CLOCK_MONOTONIC, the clock of the deadline.
+  return waitResult(pthread_cond_timedwait(&handle->m_Cond, handle->mutex(), &timeout));
+}

@@ -1,0 +1,131 @@
+#include "OS/OS_MutexHandle.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <new>
+
+#include "OS/OS_NamedObject.h"
+#include "OS/OS_Private.h"
+#include "OS/OS_SyncClient.h"
+
+static_assert(OS::Private::kMutexBlockSize == 44, "a named mutex block is the count and one pthread mutex");
+
+namespace {
+
+// Decremented by every destroy and incremented nowhere; nothing reads it. Kept as it is.
+std::atomic<long> gMutexCnt{0};
+
+// The steps of a named mutex within the shared attach and detach procedure.
+class MutexSteps final : public OS::NamedObjectSteps {
+ public:
+  MutexSteps(mutex_handle& handle, unsigned int flags) : m_handle(handle), m_flags(flags) {}
+  void bind(unsigned char* block) override {
+    m_handle.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + OS::Private::kMutexOffset);
+  }
+  void initialise() override {
+    OS::Private::initMutex(m_handle.m_pMutex, recursiveType(m_flags), (m_flags & MUTEX_PRIO_INHERIT) != 0, true);
+  }
+  void finalise() override { pthread_mutex_destroy(m_handle.m_pMutex); }
+
+  static int recursiveType(unsigned int flags) {
+    return (flags & MUTEX_RECURSIVE) != 0 ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_NORMAL;
+  }
+
+ private:
+  mutex_handle& m_handle;
+  unsigned int m_flags;
+};
+
+}  // namespace
+
+namespace OS {
+namespace Private {
+
+int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared) {
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  pthread_mutexattr_settype(&attr, type);
+  if (prioInherit) pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_INHERIT);
+  if (processShared) {
+    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+  }
+  int result = pthread_mutex_init(mutex, &attr);
+  pthread_mutexattr_destroy(&attr);
+  return result;
+}
+
+bool lockRecovering(pthread_mutex_t* mutex, Retake retake) {
+  int result = pthread_mutex_lock(mutex);
+  if (result == 0) return true;
+  if (result == EOWNERDEAD) {
+    if (pthread_mutex_consistent(mutex) != 0) {
+      puts("mutex lock fixed failed!");
+      return false;  // held, but in its inconsistent state
+    }
+    // Let a waiter that queued behind the dead owner see a healthy mutex.
+    pthread_mutex_unlock(mutex);
+    if (retake == Retake::Lock)
+      pthread_mutex_lock(mutex);
+    else
+      pthread_mutex_trylock(mutex);
+    return true;
+  }
+  printf("mutex lock error:%d.\n", result);
+  return false;
+}
+
+}  // namespace Private
+}  // namespace OS
+
+mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName)
+    : m_pMutexShareMemory(nullptr), m_pMutex(nullptr), m_RtMode(OS::Private::storedMode(mode)) {
+  if (strMutexName != nullptr) {
+    m_strMutexName = strMutexName;
+    // Too long for the request area: the handle stays unattached.
+    if (m_strMutexName.size() > OS::kMaxObjectNameLength) return;
+    MutexSteps steps(*this, uintFlag);
+    m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, OS::Private::kMutexBlockSize, steps);
+    if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
+    return;
+  }
+  auto* mutex = static_cast<pthread_mutex_t*>(calloc(1, sizeof(pthread_mutex_t)));
+  if (mutex == nullptr) throw std::bad_alloc();
+  OS::Private::initMutex(mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0, false);
+  m_pMutex = mutex;
+}
+
+mutex_handle::~mutex_handle() {
+  if (m_pMutexShareMemory != nullptr) {
+    MutexSteps steps(*this, 0);
+    OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
+  } else if (m_pMutex != nullptr) {
+    pthread_mutex_destroy(m_pMutex);
+    free(m_pMutex);
+  }
+  m_pMutex = nullptr;
+}
+
+mutex_handle* os_mutex_create(unsigned int uintFlag, RT_MODE mode, const char* strMutexName) {
+  return new mutex_handle(uintFlag, mode, strMutexName);
+}
+
+void os_mutex_destroy(mutex_handle*& handle) {
+  if (handle != nullptr) --gMutexCnt;
+  destroyHandle(handle);
+}
+
+void os_mutex_lock(mutex_handle* handle) {
+  if (handle == nullptr || handle->m_pMutex == nullptr) return;
+  // Both modes make the same calls; the mode is only consulted.
+  (void)OS::Private::isRealTime(handle->m_RtMode);
+  OS::Private::lockRecovering(handle->m_pMutex);
+}
+
+void os_mutex_unlock(mutex_handle* handle) {
+  if (handle == nullptr || handle->m_pMutex == nullptr) return;
+  pthread_mutex_unlock(handle->m_pMutex);
+}

@@ -1,0 +1,47 @@
+#ifndef OSTRELLED_SRC_OS_MUTEXHANDLE_H
+#define OSTRELLED_SRC_OS_MUTEXHANDLE_H
+
+// The mutex handle's definition and the pthread mutex helpers shared by every
+// object that keeps a mutex, in the process or in a named block.
+
+#include <pthread.h>
+
+#include <string>
+
+#include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_ShareMemory.h>
+
+class mutex_handle {
+ public:
+  mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName);
+  ~mutex_handle();
+  mutex_handle(const mutex_handle&) = delete;
+  mutex_handle& operator=(const mutex_handle&) = delete;
+
+  std::string m_strMutexName;
+  sharememory_handle* m_pMutexShareMemory;
+  pthread_mutex_t* m_pMutex;  // in the block, on the heap, or null when unattached
+  RT_MODE m_RtMode;
+};
+
+namespace OS {
+namespace Private {
+
+// A named mutex block: the attach count, then the mutex, unpadded.
+constexpr unsigned int kMutexOffset = 4;
+constexpr unsigned int kMutexBlockSize = kMutexOffset + sizeof(pthread_mutex_t);
+
+// Initialises *mutex of the given pthread type; a process-shared one is also robust.
+int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared);
+
+// How a repaired mutex is taken back after pthread_mutex_consistent.
+enum class Retake { Lock, TryLock };
+
+// Locks, repairing a mutex whose owner died ("mutex lock fixed failed!" when
+// that fails). Other errors print "mutex lock error:%d.\n". True when held.
+bool lockRecovering(pthread_mutex_t* mutex, Retake retake = Retake::Lock);
+
+}  // namespace Private
+}  // namespace OS
+
+#endif

@@ -1,0 +1,36 @@
+#ifndef OSTRELLED_SRC_OS_SHAREMEMORYHANDLE_H
+#define OSTRELLED_SRC_OS_SHAREMEMORYHANDLE_H
+
+// Definition of the shared-memory handle, for the library's own users of its size.
+
+#include <stddef.h>
+
+#include <string>
+
+#include <ostrelled/OS_ShareMemory.h>
+
+class sharememory_handle {
+ public:
+  explicit sharememory_handle(RT_MODE mode);
+  ~sharememory_handle();
+  sharememory_handle(const sharememory_handle&) = delete;
+  sharememory_handle& operator=(const sharememory_handle&) = delete;
+
+  bool sharememory_create(const char* strShmName, unsigned int uintMemorySize);
+  bool sharememory_open(const char* strShmName);
+  void sharememory_close();
+  void sharememory_destroy();
+  void* sharememory_get_buffer() const { return m_pMemoryBuffer; }
+  size_t sharememory_get_size() const { return m_uintMemorySize; }
+
+ private:
+  bool mapDescriptor(size_t size);
+
+  int m_hShareMemoryHandle;
+  size_t m_uintMemorySize;
+  std::string m_strShareMemoryName;
+  void* m_pMemoryBuffer;
+  RT_MODE m_RtMode;
+};
+
+#endif

@@ -1,0 +1,219 @@
+#include <ostrelled/OS_Sync.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+
+#include <ostrelled/OS_Thread.h>
+
+#include "OS/OS_Private.h"
+#include "OS/OS_ShareMemoryHandle.h"
+#include "OS/OS_SyncClient.h"
+
+using namespace OS::SyncNames;
+using OS::Private::retryOnEintr;
+
+namespace {
+
+// Named objects need well under a page; a larger size word is garbage in the
+// request area and would have the manager populate (and lock) that much memory.
+constexpr unsigned int kMaxManagedBlockSize = 16u * 1024u * 1024u;
+
+sem_t* createSemaphore(const char* name, unsigned int value) {
+  sem_t* sem = sem_open(name, O_CREAT | O_EXCL, 0755, value);
+  if (sem == SEM_FAILED) {
+    printf("Error:can not create %s, errno = %d!\n", name, errno);
+    return nullptr;
+  }
+  return sem;
+}
+
+void releaseBlock(sharememory_handle*& block) {
+  os_sharememory_close(block, true);
+  os_sharememory_destroy(block);
+}
+
+// A name read from the request area: at most the longest object name and
+// terminated within it, or empty when the area holds anything else.
+std::string requestName(const unsigned char* at) {
+  const char* text = reinterpret_cast<const char*>(at);
+  size_t length = strnlen(text, OS::kMaxObjectNameLength + 1);
+  return length > OS::kMaxObjectNameLength ? std::string() : std::string(text, length);
+}
+
+}  // namespace
+
+class os_sync_manager_handle {
+ public:
+  os_sync_manager_handle()
+      : m_bRequestExitThread(false),
+        m_bThreadActive(false),
+        m_hThreadHandle(),
+        m_pMutexManagerEnableSemaphore(nullptr),
+        m_pMutexManagerShareMemory(nullptr),
+        m_bServing(false) {}
+  ~os_sync_manager_handle() = default;
+
+  bool start();
+  void stop();
+  sharememory_handle* createMemory(const char* strMemoryName, unsigned int uintMemorySize);
+  void destroyMemory(const char* strMemoryName);
+  static LPVOID manager_thread(void* lpData);
+  // Waits, at most `millis`, until the thread has made its two semaphores.
+  void waitUntilServing(long millis) const;
+
+ private:
+  void serve(sem_t* request, sem_t* finish);
+
+  std::atomic<bool> m_bRequestExitThread;
+  bool m_bThreadActive;
+  pthread_t m_hThreadHandle;
+  sem_t* m_pMutexManagerEnableSemaphore;
+  sharememory_handle* m_pMutexManagerShareMemory;
+  std::map<std::string, sharememory_handle*> m_ShareMemoryMap;
+  std::atomic<bool> m_bServing;
+};
+
+namespace {
+os_sync_manager_handle* os_sync_manager = nullptr;
+}
+
+bool os_sync_manager_handle::start() {
+  m_pMutexManagerShareMemory = os_sharememory_create(kRequestArea, OS::kRequestAreaSize, USE_DEFAULT);
+  if (m_pMutexManagerShareMemory == nullptr) return false;
+  // A manager that died left its names behind; they are replaced, not reused.
+  sem_unlink(kEnabledSemaphore);
+  m_pMutexManagerEnableSemaphore = createSemaphore(kEnabledSemaphore, 1);
+  if (m_pMutexManagerEnableSemaphore != nullptr) {
+    m_bRequestExitThread = false;
+    OS::Thread::create(&m_hThreadHandle, manager_thread, this, USE_DEFAULT, 0);
+    m_bThreadActive = true;
+    return true;
+  }
+  releaseBlock(m_pMutexManagerShareMemory);
+  // A semaphore unlink of the area's name: it finds nothing. Kept as it is.
+  sem_unlink(kRequestArea);
+  return false;
+}
+
+void os_sync_manager_handle::stop() {
+  m_bRequestExitThread = true;
+  if (m_bThreadActive) {
+    OS::Thread::join(m_hThreadHandle, USE_DEFAULT);
+    m_bThreadActive = false;
+  }
+  if (m_pMutexManagerEnableSemaphore != nullptr) {
+    sem_close(m_pMutexManagerEnableSemaphore);
+    m_pMutexManagerEnableSemaphore = nullptr;
+    sem_unlink(kEnabledSemaphore);
+  }
+  if (m_pMutexManagerShareMemory != nullptr) {
+    releaseBlock(m_pMutexManagerShareMemory);
+    sem_unlink(kRequestArea);  // as in start: finds nothing, kept
+  }
+  // Every managed name goes, also while processes use it; they keep their mappings.
+  for (auto& entry : m_ShareMemoryMap) releaseBlock(entry.second);
+  m_ShareMemoryMap.clear();
+}
+
+sharememory_handle* os_sync_manager_handle::createMemory(const char* strMemoryName, unsigned int uintMemorySize) {
+  auto found = m_ShareMemoryMap.find(strMemoryName);
+  // An existing block is handed out as it is: never resized, never cleared.
+  if (found != m_ShareMemoryMap.end()) return found->second;
+  sharememory_handle* block = os_sharememory_create(strMemoryName, uintMemorySize, USE_DEFAULT);
+  if (block != nullptr) m_ShareMemoryMap.emplace(strMemoryName, block);
+  return block;
+}
+
+void os_sync_manager_handle::destroyMemory(const char* strMemoryName) {
+  auto found = m_ShareMemoryMap.find(strMemoryName);
+  if (found == m_ShareMemoryMap.end()) return;
+  releaseBlock(found->second);
+  m_ShareMemoryMap.erase(found);
+}
+
+LPVOID os_sync_manager_handle::manager_thread(void* lpData) {
+  auto* self = static_cast<os_sync_manager_handle*>(lpData);
+  sem_unlink(kFinishSemaphore);
+  sem_unlink(kRequestSemaphore);
+  sem_t* request = createSemaphore(kRequestSemaphore, 0);
+  sem_t* finish = createSemaphore(kFinishSemaphore, 0);
+  self->m_bServing = true;
+  // A failed semaphore does not stop the thread: it idles until asked to leave.
+  self->serve(request, finish);
+  if (request != nullptr) sem_close(request);
+  if (finish != nullptr) sem_close(finish);
+  sem_unlink(kFinishSemaphore);
+  sem_unlink(kRequestSemaphore);
+  return nullptr;
+}
+
+void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
+  auto* area = static_cast<unsigned char*>(os_sharememory_get_buffer(m_pMutexManagerShareMemory));
+  if (area == nullptr) return;
+  while (!m_bRequestExitThread) {
+    if (request == nullptr || finish == nullptr) {
+      // Nothing can arrive; still leave within one request period when asked.
+      timespec pause{0, OS::kRequestTimeoutNanos};
+      nanosleep(&pause, nullptr);
+      continue;
+    }
+    timespec deadline = OS::Private::wallDeadlineAfter(OS::kRequestTimeoutNanos);
+    if (sem_timedwait(request, &deadline) != 0) continue;
+    unsigned int method;
+    memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
+    if (method == OS::MUTEX_CREATE_METHOD) {
+      unsigned int size;
+      memcpy(&size, area + OS::kCreateSizeOffset, sizeof size);
+      std::string name = requestName(area + OS::kCreateNameOffset);
+      if (size != 0 && size <= kMaxManagedBlockSize && !name.empty()) createMemory(name.c_str(), size);
+    } else if (method == OS::MUTEX_DESTROY_METHOD) {
+      std::string name = requestName(area + OS::kDestroyNameOffset);
+      if (!name.empty()) destroyMemory(name.c_str());
+    }
+    // Exactly one answer per request, also for the ones ignored above.
+    sem_post(finish);
+  }
+}
+
+void os_sync_manager_handle::waitUntilServing(long millis) const {
+  timespec deadline = OS::Private::monotonicNow();
+  deadline.tv_nsec += millis * 1000000L;
+  os_clock_adjust_clock_time(&deadline);
+  while (!m_bServing) {
+    timespec left = OS::Private::timeLeftUntil(deadline);
+    if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return;
+    timespec pause{0, 1000000L};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+bool os_sync_environment_initialize(bool bAsClient) {
+  if (bAsClient) {
+    OS::CSyncClient client;
+    bool reachable = client.create();
+    client.destroy();
+    return reachable;
+  }
+  // Any earlier manager of this process is left running on purpose: called once.
+  os_sync_manager = new os_sync_manager_handle();
+  if (!os_sync_manager->start()) {
+    destroyHandle(os_sync_manager);
+    return false;
+  }
+  // Named objects created right after this call must find the request and
+  // finish semaphores, which the thread makes once it runs.
+  os_sync_manager->waitUntilServing(1000);
+  return true;
+}
+
+void os_sync_environment_uninitialize() {
+  if (os_sync_manager == nullptr) return;
+  os_sync_manager->stop();
+  destroyHandle(os_sync_manager);
+}
