@@ -9,15 +9,15 @@
 #include <string>
 
 #include "Handle.h"
+#include "OS/OS_MutexHandle.h"
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
+#include "OS/OS_SyncClient.h"
 #include "OS/OS_SyncKinds.h"
 #include "OS/OS_SyncPrimitives.h"
 #include "OS/OS_SysVSemaphore.h"
 
 namespace {
-
-using OS::Primitives::Sharing;
 
 // What a waiter sleeps on between looks at the flag.
 enum class Wakeup { Condition, SysV, Posix };
@@ -33,8 +33,6 @@ constexpr unsigned int kWakeupAt = 44;
 constexpr EventLayout layoutOf(Wakeup kind) {
   return kind == Wakeup::SysV ? EventLayout{52, 48} : kind == Wakeup::Condition ? EventLayout{96, 92} : EventLayout{80, 76};
 }
-
-constexpr size_t kMaxNameLength = 1023;
 
 // How one sleep of a wait loop ended.
 enum class Slept {
@@ -65,7 +63,7 @@ class event_handle : private OS::SysVSemaphoreOps<OS::kEventMessagePrefix> {
   bool usable() const;
   Wakeup wakeup() const;
   int semId() const { return *m_hSem.m_hNamedHandle; }
-  bool lockMutex() { return OS::Primitives::lockRepairing(m_pMutex); }
+  bool lockMutex() { return OS::Private::lockRecovering(m_pMutex); }
   void unlockMutex() { pthread_mutex_unlock(m_pMutex); }
   void wake(bool bPassingOn);
   Slept sleepOnce(const timespec* deadline);
@@ -113,7 +111,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
   }
 
   void initialise() override {
-    OS::Primitives::initMutex(m_owner.m_pMutex, Sharing::Machine);
+    OS::Private::initMutex(m_owner.m_pMutex, PTHREAD_MUTEX_NORMAL, false, true);
     if (m_kind == Wakeup::SysV) {
       if (m_bUseCondition) {
         puts("warning: can not use condition because semaphore is managed by OS, it should be system V semaphore.");
@@ -123,7 +121,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
       *m_owner.m_hSem.m_hNamedHandle = id;
       m_owner.setSemVal(id, 0);
     } else if (m_kind == Wakeup::Condition) {
-      OS::Primitives::initCond(m_owner.m_pCond, Sharing::Machine);
+      OS::Private::initCond(m_owner.m_pCond, true);
     } else {
       sem_init(m_owner.m_hSem.m_hAnonymousHandle, 1, 0);
     }
@@ -172,7 +170,7 @@ void event_handle::init_event_handle(RT_MODE mode) {
 event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
                            bool bManageByOS, bool bUseConditionInsteadOfSem) {
   init_event_handle(mode);
-  if (strEventName != nullptr && strlen(strEventName) > kMaxNameLength) return;
+  if (strEventName != nullptr && strlen(strEventName) > OS::kMaxObjectNameLength) return;
   // Tested on the mode as passed, not as resolved: USE_DEFAULT is never refused.
   if (strEventName != nullptr && mode == USE_RT && bManageByOS) {
     puts("event_handle can not work in rt mode while named semaphore is managed by os.");
@@ -190,9 +188,9 @@ event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const
 
   // An anonymous event always sleeps on a condition variable, whatever the arguments.
   m_pMutex = new pthread_mutex_t();
-  OS::Primitives::initMutex(m_pMutex, Sharing::Process);
+  OS::Private::initMutex(m_pMutex, PTHREAD_MUTEX_NORMAL, false, false);
   m_pCond = new pthread_cond_t();
-  OS::Primitives::initCond(m_pCond, Sharing::Process);
+  OS::Private::initCond(m_pCond, false);
   m_pManualReset = new bool(bManualReset);
   m_pIsSetEvent = new bool(bInitial);
   m_pManageByOS = new bool(false);
@@ -296,7 +294,7 @@ bool event_handle::wait(const timespec* deadline) {
 
 Slept event_handle::sleepOnce(const timespec* deadline) {
   if (wakeup() != Wakeup::Condition) return sleepOnSemaphore(deadline);
-  int rc = OS::Primitives::waitRepairing(m_pCond, m_pMutex, deadline);
+  int rc = OS::Private::waitRecovering(m_pCond, m_pMutex, deadline);
   if (deadline == nullptr) return rc == 0 ? Slept::Again : Slept::Leave;
   if (rc != 0 && rc != ETIMEDOUT) return Slept::Leave;
   timespec left = OS::Private::timeLeftUntil(*deadline, m_RtMode);

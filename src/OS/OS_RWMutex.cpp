@@ -9,13 +9,13 @@
 #include <string>
 
 #include "Handle.h"
+#include "OS/OS_MutexHandle.h"
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
+#include "OS/OS_SyncClient.h"
 #include "OS/OS_SyncPrimitives.h"
 
 namespace {
-
-using OS::Primitives::Sharing;
 
 // Named block: attach count, read count, write flag, ref mutex, resource
 // access, allow condition. Resource access is a semaphore of one unit in the
@@ -29,8 +29,6 @@ constexpr unsigned int kWriteFlagAt = 8;
 constexpr unsigned int kRefMutexAt = 12;
 constexpr unsigned int kResourceAccessAt = 52;
 constexpr unsigned int kAllowCondAt = 92;
-
-constexpr size_t kMaxNameLength = 1023;
 
 }  // namespace
 
@@ -58,7 +56,7 @@ class rw_mutex_handle {
   void destroyThreadRWMutexOnPosix();
   void destroyProcessRWMutexOnPosix();
   bool tryLockMutex(pthread_mutex_t* pMutex);
-  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Primitives::lockRepairing(pMutex); }
+  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Private::lockRecovering(pMutex); }
   void unlockMutex(pthread_mutex_t* pMutex) { pthread_mutex_unlock(pMutex); }
 
   bool attached() const {
@@ -66,7 +64,7 @@ class rw_mutex_handle {
   }
   unsigned int& readCount() { return *m_RefRead.m_pCount; }
   unsigned int& writeFlag() { return *m_RefWrite.m_pCount; }
-  void waitAllowed() { OS::Primitives::waitRepairing(m_pAllowCond, m_pRefMutex); }
+  void waitAllowed() { OS::Private::waitRecovering(m_pAllowCond, m_pRefMutex); }
   // Never blocks: it is taken under the ref mutex only once the counts say
   // nobody is inside, and given back under it before anybody may enter.
   void takeResource() { OS::Private::retryOnEintr([&] { return sem_wait(m_pResourceAccess); }); }
@@ -98,9 +96,9 @@ class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
   void initialise() override {
     m_owner.readCount() = 0;
     m_owner.writeFlag() = 0;
-    OS::Primitives::initMutex(m_owner.m_pRefMutex, Sharing::Machine);
+    OS::Private::initMutex(m_owner.m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, true);
     sem_init(m_owner.m_pResourceAccess, 1, 1);
-    OS::Primitives::initCond(m_owner.m_pAllowCond, Sharing::Machine);
+    OS::Private::initCond(m_owner.m_pAllowCond, true);
   }
 
   void finalise() override {
@@ -118,7 +116,7 @@ class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
 rw_mutex_handle::rw_mutex_handle(RT_MODE mode, const char* strMutexName)
     : m_RtMode(OS::Private::storedMode(mode)) {
   nullPointers();
-  if (strMutexName != nullptr && strlen(strMutexName) > kMaxNameLength) return;
+  if (strMutexName != nullptr && strlen(strMutexName) > OS::kMaxObjectNameLength) return;
   if (strMutexName != nullptr)
     createProcessRWMutexOnPosix(strMutexName);
   else
@@ -144,11 +142,11 @@ void rw_mutex_handle::createThreadRWMutexOnPosix() {
   m_RefRead.m_pCount = new unsigned int(0);
   m_RefWrite.m_pCount = new unsigned int(0);
   m_pRefMutex = new pthread_mutex_t();
-  OS::Primitives::initMutex(m_pRefMutex, Sharing::Process);
+  OS::Private::initMutex(m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, false);
   m_pResourceAccess = new sem_t();
   sem_init(m_pResourceAccess, 0, 1);
   m_pAllowCond = new pthread_cond_t();
-  OS::Primitives::initCond(m_pAllowCond, Sharing::Process);
+  OS::Private::initCond(m_pAllowCond, false);
 }
 
 void rw_mutex_handle::createProcessRWMutexOnPosix(const char* strMutexName) {

@@ -10,6 +10,7 @@
 #include "Handle.h"
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
+#include "OS/OS_SyncClient.h"
 #include "OS/OS_SyncKinds.h"
 #include "OS/OS_SysVSemaphore.h"
 
@@ -23,8 +24,6 @@ struct SemaphoreLayout {
 constexpr unsigned int kSemaphoreAt = 4;
 constexpr SemaphoreLayout kPosixLayout{37, 36};  // sem_t, process-shared
 constexpr SemaphoreLayout kSysVLayout{9, 8};     // System V set id
-
-constexpr size_t kMaxNameLength = 1023;
 
 }  // namespace
 
@@ -103,7 +102,7 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
 semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
                                    bool bManageByOS)
     : m_RtMode(OS::Private::storedMode(mode)) {
-  if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > kMaxNameLength) return;
+  if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > OS::kMaxObjectNameLength) return;
   if (strSemaphoreName != nullptr && bManageByOS && OS::Private::isRealTime(mode)) {
     puts("semaphore_handle can not work in rt mode while named semaphore is managed by os.");
     return;
