@@ -42,6 +42,14 @@ class RWMutexVariants : public ::testing::TestWithParam<bool> {
     });
   }
 
+  // Threads that enter as readers and stay inside; finished() counts them in.
+  Waiters readers(int count) {
+    return Waiters(count, [this](int) {
+      os_rw_mutex_lock_rd(m_mutex);
+      return true;
+    });
+  }
+
   std::string m_name;
   rw_mutex_handle* m_mutex = nullptr;
 };
@@ -52,10 +60,7 @@ std::string variantName(const ::testing::TestParamInfo<bool>& info) { return inf
 
 TEST_P(RWMutexVariants, ReadersShareAndAWriterWaitsForTheLastOfThem) {
   os_rw_mutex_lock_rd(m_mutex);
-  Waiters second(1, [this](int) {
-    os_rw_mutex_lock_rd(m_mutex);
-    return true;
-  });
+  Waiters second = readers(1);
   ASSERT_TRUE(second.joinWithin(5)) << "a second reader was kept out";
 
   std::atomic<int> written{0};
@@ -73,22 +78,16 @@ TEST_P(RWMutexVariants, ReadersShareAndAWriterWaitsForTheLastOfThem) {
 
 TEST_P(RWMutexVariants, AWriterIsAloneAndItsUnlockLetsEveryoneIn) {
   os_rw_mutex_lock_wr(m_mutex);
-  std::atomic<int> readers{0};
-  Waiters r(2, [&](int) {
-    os_rw_mutex_lock_rd(m_mutex);
-    ++readers;
-    return true;
-  });
+  Waiters r = readers(2);
   std::atomic<int> written{0};
   Waiters w = writer(written);
   settle();
-  EXPECT_EQ(readers, 0);
+  EXPECT_EQ(r.finished(), 0);
   EXPECT_EQ(written, 0);
   os_rw_mutex_unlock(m_mutex);
   // The unlock wakes all of them; the other writer may go first or after the
   // readers, who stay inside until the main thread lets them out.
   ASSERT_TRUE(r.joinWithin(5));
-  EXPECT_EQ(readers, 2);
   os_rw_mutex_unlock(m_mutex);
   os_rw_mutex_unlock(m_mutex);
   ASSERT_TRUE(w.joinWithin(5));
@@ -100,10 +99,7 @@ TEST_P(RWMutexVariants, ReadersGoAheadOfAWaitingWriter) {
   std::atomic<int> written{0};
   Waiters w = writer(written);
   settle();
-  Waiters late(1, [this](int) {
-    os_rw_mutex_lock_rd(m_mutex);
-    return true;
-  });
+  Waiters late = readers(1);
   ASSERT_TRUE(late.joinWithin(5)) << "a waiting writer held a new reader back";
   EXPECT_EQ(written, 0);
   os_rw_mutex_unlock(m_mutex);
