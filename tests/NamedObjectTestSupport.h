@@ -2,11 +2,10 @@
 #define OSTRELLED_TESTS_NAMEDOBJECTTESTSUPPORT_H
 
 // Shared by the tests of named synchronisation objects: a sync manager hosted
-// by the test process for the whole run, unique object names, and deadlines.
+// by the test process for the whole run, unique names, deadlines and waiters.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,12 +17,13 @@
 
 #include <ostrelled/OS_Sync.h>
 
+#include "OS/OS_Private.h"
 #include "TestSupport.h"
 
 namespace testsupport {
 
-// Starts the manager before the first test and stops it after the last, so
-// that no manager outlives the run. Forked children are plain clients.
+// The manager lives from before the first test to after the last, so none
+// outlives the run. Forked children are plain clients.
 class SyncManagerEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
@@ -33,7 +33,7 @@ class SyncManagerEnvironment : public ::testing::Environment {
   void TearDown() override { os_sync_environment_uninitialize(); }
 };
 
-// A name no other run or test uses: the pid keeps runs apart, the counter tests.
+// The pid keeps concurrent runs apart, the counter the tests of one run.
 inline std::string uniqueName(const char* what) {
   static int counter = 0;
   return std::string("ostrelled_test_") + what + "_" + std::to_string(getpid()) + "_" + std::to_string(++counter);
@@ -44,23 +44,19 @@ inline bool blockExists(const std::string& name) {
   return stat(("/dev/shm/" + name).c_str(), &st) == 0;
 }
 
-// An absolute CLOCK_MONOTONIC time `millis` from now (negative: in the past).
+// The absolute CLOCK_MONOTONIC time `millis` from now (negative: past).
 inline timespec deadlineIn(long millis) {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  long nanos = t.tv_nsec + (millis % 1000) * 1000000L;
-  t.tv_sec += millis / 1000 + nanos / 1000000000L;
-  t.tv_nsec = nanos % 1000000000L;
-  if (t.tv_nsec < 0) {
-    t.tv_nsec += 1000000000L;
-    t.tv_sec -= 1;
-  }
+  timespec t = OS::Private::monotonicNow();
+  t.tv_nsec += millis * 1000000L;
+  os_clock_adjust_clock_time(&t);
   return t;
 }
 
-// Threads that each wait once and are counted when they return. A waiter that
-// never returns is abandoned (detached, its counters kept alive), so that a
-// broken object fails the test instead of hanging it.
+inline void settle() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
+
+// Threads that each run one wait and are counted when they return. A thread
+// that never returns is detached (its counts kept alive), so that a broken
+// object fails its test instead of hanging it.
 class Waiters {
  public:
   Waiters(int count, const std::function<bool(int)>& wait) : m_counts(std::make_shared<Counts>()) {
@@ -75,17 +71,14 @@ class Waiters {
   int succeeded() const { return m_counts->succeeded; }
   bool joinWithin(double seconds) {
     bool all = waitUntil([&] { return finished() == static_cast<int>(m_threads.size()); }, seconds);
-    for (auto& t : m_threads) {
-      if (!t.joinable()) continue;
-      all ? t.join() : t.detach();
-    }
+    for (auto& t : m_threads)
+      if (t.joinable()) all ? t.join() : t.detach();
     return all;
   }
 
  private:
   struct Counts {
-    std::atomic<int> finished{0};
-    std::atomic<int> succeeded{0};
+    std::atomic<int> finished{0}, succeeded{0};
   };
   std::shared_ptr<Counts> m_counts;
   std::vector<std::thread> m_threads;

@@ -43,6 +43,9 @@ enum class Slept {
 
 }  // namespace
 
+// A flag guarded by a mutex, and a primitive to sleep on until it is raised.
+// Every field is a pointer so that one code path serves the heap (anonymous)
+// and the shared block (named), where the flags are the machine-wide state.
 class event_handle : private OS::SysVSemaphoreOps<OS::kEventMessagePrefix> {
  public:
   event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName, bool bManageByOS,
@@ -69,13 +72,13 @@ class event_handle : private OS::SysVSemaphoreOps<OS::kEventMessagePrefix> {
   Slept sleepOnce(const timespec* deadline);
   Slept sleepOnSemaphore(const timespec* deadline);
 
-  sharememory_handle* m_pEventShareMemory;
+  sharememory_handle* m_pEventShareMemory;  // the named block, when attached
   std::string m_strEventName;
-  pthread_mutex_t* m_pMutex;
-  pthread_cond_t* m_pCond;
-  sem_handle m_hSem;
+  pthread_mutex_t* m_pMutex;  // guards the flags; robust in a block
+  pthread_cond_t* m_pCond;    // the condition kind's wake-up
+  sem_handle m_hSem;          // the semaphore kinds' wake-up
   bool* m_pManualReset;
-  bool* m_pIsSetEvent;
+  bool* m_pIsSetEvent;  // the event's state; the wake-up primitives only carry news of it
   bool* m_pManageByOS;
   bool* m_pUseConditionInsteadOfSem;
   RT_MODE m_RtMode;
@@ -92,6 +95,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
         m_bInitial(bInitial),
         m_bUseCondition(bUseConditionInsteadOfSem) {}
 
+  // Every named kind needs the block's file to be visible, as the System V kind does.
   bool beforeOpen() override { return OS::SysV::keyOfBlock(m_owner.m_strEventName, "event", m_key); }
 
   void bind(unsigned char* block) override {
@@ -123,6 +127,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
     } else if (m_kind == Wakeup::Condition) {
       OS::Private::initCond(m_owner.m_pCond, true);
     } else {
+      // Starts empty even for an event created set: waiters look at the flag first.
       sem_init(m_owner.m_hSem.m_hAnonymousHandle, 1, 0);
     }
     *m_owner.m_pManualReset = m_bManualReset;
@@ -131,6 +136,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
     *m_owner.m_pUseConditionInsteadOfSem = m_bUseCondition;
   }
 
+  // The kind is read back from the block: this handle may not be the creator.
   void finalise() override {
     switch (m_owner.wakeup()) {
       case Wakeup::SysV:
@@ -181,7 +187,8 @@ event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const
     m_strEventName = strEventName;
     Wakeup kind = bManageByOS ? Wakeup::SysV : bUseConditionInsteadOfSem ? Wakeup::Condition : Wakeup::Posix;
     NamedSteps steps(*this, kind, bManualReset, bInitial, bUseConditionInsteadOfSem);
-    m_pEventShareMemory = OS::attachNamedObject(m_strEventName, layoutOf(kind).size, steps);
+    m_pEventShareMemory = OS::Private::attachSameKind(m_strEventName, layoutOf(kind).size, steps);
+    // bind() may have pointed fields into a block that was then refused.
     if (m_pEventShareMemory == nullptr) init_event_handle(mode);
     return;
   }
@@ -267,6 +274,7 @@ void event_handle::resetEvent() {
   unlockMutex();
 }
 
+// One loop for both waits; sleepOnce tells whether to look at the flag again.
 bool event_handle::wait(const timespec* deadline) {
   if (!usable() || !lockMutex()) return false;
   timespec normalised{};
@@ -292,6 +300,8 @@ bool event_handle::wait(const timespec* deadline) {
   return result;
 }
 
+// The condition kind sleeps inside the mutex; a timed sleep ends the loop once
+// less than a millisecond is left, so no waiter spins out the last instant.
 Slept event_handle::sleepOnce(const timespec* deadline) {
   if (wakeup() != Wakeup::Condition) return sleepOnSemaphore(deadline);
   int rc = OS::Private::waitRecovering(m_pCond, m_pMutex, deadline);

@@ -37,6 +37,9 @@ union ref_handle {
   unsigned int* m_pCount;
 };
 
+// Two counters under a ref mutex, a condition on which blocked lockers wait,
+// and the resource access held for as long as anybody is inside. On the heap
+// for one process's threads, or in a named block for several processes.
 class rw_mutex_handle {
  public:
   rw_mutex_handle(RT_MODE mode, const char* strMutexName);
@@ -51,6 +54,7 @@ class rw_mutex_handle {
  private:
   class NamedSteps;
 
+  // The thread variant owns its heap objects; the process variant points into its block.
   void createThreadRWMutexOnPosix();
   void createProcessRWMutexOnPosix(const char* strMutexName);
   void destroyThreadRWMutexOnPosix();
@@ -70,13 +74,13 @@ class rw_mutex_handle {
   void takeResource() { OS::Private::retryOnEintr([&] { return sem_wait(m_pResourceAccess); }); }
   void nullPointers();
 
-  ref_handle m_RefRead;
-  ref_handle m_RefWrite;
+  ref_handle m_RefRead;   // readers inside
+  ref_handle m_RefWrite;  // 1 while the writer is inside
   std::string m_strMutexName;
   sharememory_handle* m_pMutexShareMemory = nullptr;
-  pthread_mutex_t* m_pRefMutex = nullptr;
-  sem_t* m_pResourceAccess = nullptr;
-  pthread_cond_t* m_pAllowCond = nullptr;
+  pthread_mutex_t* m_pRefMutex = nullptr;  // guards both counters; robust in a block
+  sem_t* m_pResourceAccess = nullptr;      // one unit, taken by whoever lets the first one in
+  pthread_cond_t* m_pAllowCond = nullptr;  // broadcast whenever the lock becomes free
   RT_MODE m_RtMode;
 };
 
@@ -149,6 +153,7 @@ void rw_mutex_handle::createThreadRWMutexOnPosix() {
   OS::Private::initCond(m_pAllowCond, false);
 }
 
+// A refused attach leaves every pointer null, and each operation then does nothing.
 void rw_mutex_handle::createProcessRWMutexOnPosix(const char* strMutexName) {
   m_strMutexName = strMutexName;
   NamedSteps steps(*this);
@@ -196,6 +201,8 @@ void rw_mutex_handle::lockRdOnPosix() {
   unlockMutex(m_pRefMutex);
 }
 
+// A writer waits until nobody at all is inside; readers that arrive meanwhile
+// still get in, which is the intended preference.
 void rw_mutex_handle::lockWrOnPosix() {
   if (!attached()) return;
   lockMutex(m_pRefMutex);
@@ -205,6 +212,8 @@ void rw_mutex_handle::lockWrOnPosix() {
   unlockMutex(m_pRefMutex);
 }
 
+// One call serves a reader and the writer: the counts tell which one leaves.
+// An unattached handle has nothing to release.
 void rw_mutex_handle::unlockOnPosix() {
   if (!attached()) return;
   lockMutex(m_pRefMutex);
@@ -218,6 +227,7 @@ void rw_mutex_handle::unlockOnPosix() {
     unlockMutex(m_pRefMutex);
     return;
   }
+  // The lock is free: everyone waiting re-checks the counts under the ref mutex.
   readCount() = 0;
   writeFlag() = 0;
   pthread_cond_broadcast(m_pAllowCond);

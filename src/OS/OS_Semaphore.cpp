@@ -12,6 +12,7 @@
 #include "OS/OS_Private.h"
 #include "OS/OS_SyncClient.h"
 #include "OS/OS_SyncKinds.h"
+#include "OS/OS_SyncPrimitives.h"
 #include "OS/OS_SysVSemaphore.h"
 
 namespace {
@@ -27,6 +28,10 @@ constexpr SemaphoreLayout kSysVLayout{9, 8};     // System V set id
 
 }  // namespace
 
+// A counting semaphore of one of three kinds: a heap sem_t (anonymous), a
+// process-shared sem_t in a named block, or a System V set whose id sits in a
+// named block. The System V kind is the one the kernel can undo for a process
+// that exits; it is reached only through OS::createSemaphore.
 class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefix> {
  public:
   semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName, bool bManageByOS);
@@ -42,16 +47,17 @@ class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefi
  private:
   class NamedSteps;
 
+  // Both views of the union share one pointer, so either tells whether one is held.
   bool attached() const { return m_hSem.m_hAnonymousHandle != nullptr; }
   // Read on every operation: the block's flag, not this opener's wish, decides.
   bool managedByOS() const { return *m_pManageByOS; }
   int semId() const { return *m_hSem.m_hNamedHandle; }
 
-  std::string m_strSemaphoreName;
-  sharememory_handle* m_pSemaphoreShareMemory = nullptr;
-  sem_handle m_hSem{};
-  bool* m_pManageByOS = nullptr;
-  bool m_bUndoTrack = false;
+  std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
+  sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
+  sem_handle m_hSem{};                                    // null while unattached
+  bool* m_pManageByOS = nullptr;                          // kind flag: in the block, or a heap false
+  bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
 };
 
@@ -63,6 +69,8 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
 
   const SemaphoreLayout& layout() const { return m_bManageByOS ? kSysVLayout : kPosixLayout; }
 
+  // The set is keyed by the block's own file, so it exists once the manager
+  // has created the block and before anybody initialises it.
   bool beforeOpen() override { return OS::SysV::keyOfBlock(m_owner.m_strSemaphoreName, "semaphore", m_key); }
 
   void bind(unsigned char* block) override {
@@ -102,6 +110,7 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
 semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
                                    bool bManageByOS)
     : m_RtMode(OS::Private::storedMode(mode)) {
+  // Every refusal leaves all pointers null: an unattached handle whose waits fail.
   if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > OS::kMaxObjectNameLength) return;
   if (strSemaphoreName != nullptr && bManageByOS && OS::Private::isRealTime(mode)) {
     puts("semaphore_handle can not work in rt mode while named semaphore is managed by os.");
@@ -111,7 +120,8 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
   if (strSemaphoreName != nullptr) {
     m_strSemaphoreName = strSemaphoreName;
     NamedSteps steps(*this, bManageByOS, intInitialCount);
-    m_pSemaphoreShareMemory = OS::attachNamedObject(m_strSemaphoreName, steps.layout().size, steps);
+    m_pSemaphoreShareMemory = OS::Private::attachSameKind(m_strSemaphoreName, steps.layout().size, steps);
+    // bind() may have run before a later step refused the block.
     if (m_pSemaphoreShareMemory == nullptr) {
       m_hSem.m_hAnonymousHandle = nullptr;
       m_pManageByOS = nullptr;
@@ -130,6 +140,7 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
   m_pManageByOS = new bool(false);
 }
 
+// The last detach on the machine removes the semaphore (see NamedSteps::finalise).
 semaphore_handle::~semaphore_handle() {
   if (m_pSemaphoreShareMemory != nullptr) {
     NamedSteps steps(*this, false, 0);
@@ -149,6 +160,8 @@ bool semaphore_handle::wait() {
   return OS::Private::retryOnEintr([&] { return sem_wait(m_hSem.m_hAnonymousHandle); }) == 0;
 }
 
+// The deadline is on CLOCK_MONOTONIC: semtimedop wants the span left, and
+// sem_timedwait counts on the wall clock, so each gets its own conversion.
 bool semaphore_handle::waitTimeout(const timespec& timeout) {
   if (!attached()) return false;
   if (managedByOS()) {

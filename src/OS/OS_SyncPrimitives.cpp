@@ -2,6 +2,8 @@
 
 #include <errno.h>
 
+#include "OS/OS_ShareMemoryHandle.h"
+
 namespace OS {
 namespace Private {
 
@@ -24,6 +26,13 @@ int waitRecovering(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec*
     rc = 0;
   }
   return rc;
+}
+
+sharememory_handle* attachSameKind(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps) {
+  sharememory_handle* block = attachNamedObject(name, blockSize, steps);
+  // The creator still holds the block, so this detach never finalises it.
+  if (block != nullptr && block->sharememory_get_size() != blockSize) detachNamedObject(name, block, steps);
+  return block;
 }
 
 }  // namespace Private
