@@ -60,7 +60,10 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
 
 bool lockRecovering(pthread_mutex_t* mutex, Retake retake) {
   int result = pthread_mutex_lock(mutex);
-  if (result == 0) return true;
+  return result == 0 || lockFailed(mutex, result, retake);
+}
+
+bool lockFailed(pthread_mutex_t* mutex, int result, Retake retake) {
   if (result == EOWNERDEAD) {
     if (pthread_mutex_consistent(mutex) != 0) {
       puts("mutex lock fixed failed!");
@@ -122,7 +125,9 @@ void os_mutex_lock(mutex_handle* handle) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return;
   // Both modes make the same calls; the mode is only consulted.
   (void)OS::Private::isRealTime(handle->m_RtMode);
-  OS::Private::lockRecovering(handle->m_pMutex);
+  // The uncontended path stays one call deep; recovery and errors go out of line.
+  int result = pthread_mutex_lock(handle->m_pMutex);
+  if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result, OS::Private::Retake::Lock);
 }
 
 void os_mutex_unlock(mutex_handle* handle) {

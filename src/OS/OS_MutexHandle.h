@@ -40,6 +40,8 @@ enum class Retake { Lock, TryLock };
 // Locks, repairing a mutex whose owner died ("mutex lock fixed failed!" when
 // that fails). Other errors print "mutex lock error:%d.\n". True when held.
 bool lockRecovering(pthread_mutex_t* mutex, Retake retake = Retake::Lock);
+// The part of lockRecovering after pthread_mutex_lock returned `result`, not 0.
+bool lockFailed(pthread_mutex_t* mutex, int result, Retake retake);
 
 }  // namespace Private
 }  // namespace OS

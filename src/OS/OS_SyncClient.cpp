@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
@@ -108,14 +109,85 @@ bool CSyncClient::requestNothing(const timespec& wallDeadline) {
   return postAndWait(wallDeadline);
 }
 
+namespace {
+
+// Which objects the protocol names denote right now: each name's inode and
+// creation time under /dev/shm. A manager that starts anew makes new ones.
+struct ProtocolIdentity {
+  struct Entry {
+    dev_t device;
+    ino_t inode;
+    timespec changed;
+  } entries[4];
+
+  bool read() {
+    static const char* const kPaths[4] = {"/dev/shm/sem.os_mutex_manage_enabled_semaphore",
+                                          "/dev/shm/sem.os_mutex_manage_request_semaphore",
+                                          "/dev/shm/sem.os_mutex_manage_finish_semaphore",
+                                          "/dev/shm/os_mutex_manage_enabled_sharemomory"};
+    for (int i = 0; i < 4; ++i) {
+      struct stat st;
+      if (stat(kPaths[i], &st) != 0) return false;
+      entries[i] = {st.st_dev, st.st_ino, st.st_ctim};
+    }
+    return true;
+  }
+  bool operator==(const ProtocolIdentity& other) const {
+    for (int i = 0; i < 4; ++i) {
+      const Entry& a = entries[i];
+      const Entry& b = other.entries[i];
+      if (a.device != b.device || a.inode != b.inode || a.changed.tv_sec != b.changed.tv_sec ||
+          a.changed.tv_nsec != b.changed.tv_nsec)
+        return false;
+    }
+    return true;
+  }
+};
+
+// Opening the three semaphores and the (locked) request area costs several
+// times a whole request, so each thread keeps its client open between
+// requests. What travels between processes is unchanged. The names are
+// looked at before every request and the client reopened when they denote
+// other objects (a new manager); the look comes before the open, so a
+// replacement in between shows up as a mismatch next time.
+class CachedClient {
+ public:
+  CSyncClient* acquire() {
+    ProtocolIdentity now;
+    bool present = now.read();
+    if (m_bOpen && present && now == m_identity) return &m_client;
+    m_bOpen = false;
+    // Also when the names are missing: create() then prints what it could not open.
+    if (!m_client.create()) return nullptr;
+    m_identity = now;
+    m_bOpen = present;  // without a valid identity it is reopened next time
+    return &m_client;
+  }
+  // After a request went unanswered, trust nothing that is open.
+  void invalidate() {
+    m_client.destroy();
+    m_bOpen = false;
+  }
+
+ private:
+  CSyncClient m_client;
+  ProtocolIdentity m_identity{};
+  bool m_bOpen = false;
+};
+
+thread_local CachedClient tCachedClient;
+
+}  // namespace
+
 sharememory_handle* attachNamedObject(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps) {
   // Every kind refuses longer names first; this keeps the request area safe regardless.
   if (name.size() > kMaxObjectNameLength) return nullptr;
-  CSyncClient client;
-  if (!client.create()) return nullptr;
-  client.lock();
+  CSyncClient* client = tCachedClient.acquire();
+  if (client == nullptr) return nullptr;
+  client->lock();
   sharememory_handle* block = nullptr;
-  if (client.requestCreate(name.c_str(), blockSize) && steps.beforeOpen()) {
+  bool answered = client->requestCreate(name.c_str(), blockSize);
+  if (answered && steps.beforeOpen()) {
     // The manager answers also requests it ignored (an invalid name, a failed
     // create), so the reply alone proves nothing: the block must open, and be
     // large enough for the object, or the object stays unattached.
@@ -131,15 +203,16 @@ sharememory_handle* attachNamedObject(const std::string& name, unsigned int bloc
       memcpy(base, &count, sizeof count);
     }
   }
-  client.unlock();
+  client->unlock();
+  if (!answered) tCachedClient.invalidate();
   return block;
 }
 
 void detachNamedObject(const std::string& name, sharememory_handle*& block, NamedObjectSteps& steps) {
   if (block == nullptr) return;
-  CSyncClient client;
-  if (client.create()) {
-    client.lock();
+  if (CSyncClient* client = tCachedClient.acquire()) {
+    bool answered = true;
+    client->lock();
     unsigned char* base = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
     unsigned int count;
     memcpy(&count, base, sizeof count);
@@ -154,11 +227,13 @@ void detachNamedObject(const std::string& name, sharememory_handle*& block, Name
       steps.finalise();
       // Without a reply the name stays until the manager stops; with one the
       // manager has unlinked it already and this second unlink finds nothing.
-      os_sharememory_close(block, client.requestDestroy(name.c_str()));
+      answered = client->requestDestroy(name.c_str());
+      os_sharememory_close(block, answered);
     } else {
       os_sharememory_close(block, false);
     }
-    client.unlock();
+    client->unlock();
+    if (!answered) tCachedClient.invalidate();
   }
   os_sharememory_destroy(block);
 }

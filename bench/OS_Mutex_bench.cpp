@@ -1,0 +1,107 @@
+// Mutex costs beside their raw POSIX equivalents, in the same run.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_Sync.h>
+
+namespace {
+
+const std::string kNamePrefix = "ostrelled_bench_" + std::to_string(getpid());
+
+void BM_NamedMutexLockUnlock(benchmark::State& state) {
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, (kNamePrefix + "_lock").c_str());
+  for (auto _ : state) {
+    os_mutex_lock(mutex);
+    os_mutex_unlock(mutex);
+  }
+  os_mutex_destroy(mutex);
+}
+
+// The same layout as a named mutex block: a 4-byte count, then the mutex.
+void BM_RawRobustSharedMutexLockUnlock(benchmark::State& state) {
+  std::string name = kNamePrefix + "_raw";
+  int fd = shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+  if (fd < 0 || ftruncate(fd, 44) != 0) return state.SkipWithError("shm_open");
+  void* block = mmap(nullptr, 44, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  auto* mutex = reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(block) + 4);
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(mutex, &attr);
+  pthread_mutexattr_destroy(&attr);
+  for (auto _ : state) {
+    pthread_mutex_lock(mutex);
+    pthread_mutex_unlock(mutex);
+  }
+  pthread_mutex_destroy(mutex);
+  munmap(block, 44);
+  shm_unlink(name.c_str());
+}
+
+void BM_AnonymousMutexLockUnlock(benchmark::State& state) {
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, nullptr);
+  for (auto _ : state) {
+    os_mutex_lock(mutex);
+    os_mutex_unlock(mutex);
+  }
+  os_mutex_destroy(mutex);
+}
+
+void BM_RawPrivateMutexLockUnlock(benchmark::State& state) {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  for (auto _ : state) {
+    pthread_mutex_lock(&mutex);
+    pthread_mutex_unlock(&mutex);
+  }
+}
+
+// Create (attach through the manager) and destroy (detach, unlink) per iteration.
+void BM_NamedMutexLife(benchmark::State& state) {
+  std::string name = kNamePrefix + "_life";
+  for (auto _ : state) {
+    mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
+    os_mutex_destroy(mutex);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+// The system calls of one block's life, of the same size, without the protocol.
+void BM_RawShmLife(benchmark::State& state) {
+  std::string name = kNamePrefix + "_rawlife";
+  for (auto _ : state) {
+    int fd = shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+    if (ftruncate(fd, 44) != 0) state.SkipWithError("ftruncate");
+    void* block = mmap(nullptr, 44, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    munmap(block, 44);
+    shm_unlink(name.c_str());
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK(BM_NamedMutexLockUnlock);
+BENCHMARK(BM_RawRobustSharedMutexLockUnlock);
+BENCHMARK(BM_AnonymousMutexLockUnlock);
+BENCHMARK(BM_RawPrivateMutexLockUnlock);
+BENCHMARK(BM_NamedMutexLife);
+BENCHMARK(BM_RawShmLife);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  // Uses the machine's manager when one runs; otherwise hosts one for the run.
+  bool hosted = !os_sync_environment_initialize(true) && os_sync_environment_initialize(false);
+  benchmark::RunSpecifiedBenchmarks();
+  if (hosted) os_sync_environment_uninitialize();
+  benchmark::Shutdown();
+  return 0;
+}
