@@ -1,11 +1,10 @@
 #ifndef OSTRELLED_TESTS_NAMEDOBJECTTESTSUPPORT_H
 #define OSTRELLED_TESTS_NAMEDOBJECTTESTSUPPORT_H
 
-// Shared by the tests of named synchronisation objects: a sync manager hosted
-// by the test process for the whole run, unique names, deadlines and waiters.
+// Shared by the tests of semaphores, events and reader/writer mutexes: a sync
+// manager for the whole run, deadlines, and waiting threads.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,31 +17,24 @@
 #include <ostrelled/OS_Sync.h>
 
 #include "OS/OS_Private.h"
+#include "SyncTestSupport.h"
 #include "TestSupport.h"
 
 namespace testsupport {
 
-// The manager lives from before the first test to after the last, so none
-// outlives the run. Forked children are plain clients.
+// Hosts the manager from before the first test to after the last, so that
+// none outlives the run; a manager already serving the machine is used as it
+// is. Forked children are plain clients.
 class SyncManagerEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
+    if (synctest::liveManagerAnswers()) return;
     ASSERT_TRUE(os_sync_environment_initialize(false));
-    ASSERT_TRUE(waitUntil([] { return os_sync_environment_initialize(true); }));
   }
   void TearDown() override { os_sync_environment_uninitialize(); }
 };
 
-// The pid keeps concurrent runs apart, the counter the tests of one run.
-inline std::string uniqueName(const char* what) {
-  static int counter = 0;
-  return std::string("ostrelled_test_") + what + "_" + std::to_string(getpid()) + "_" + std::to_string(++counter);
-}
-
-inline bool blockExists(const std::string& name) {
-  struct stat st;
-  return stat(("/dev/shm/" + name).c_str(), &st) == 0;
-}
+using synctest::uniqueName;
 
 // The absolute CLOCK_MONOTONIC time `millis` from now (negative: past).
 inline timespec deadlineIn(long millis) {

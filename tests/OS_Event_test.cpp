@@ -132,7 +132,7 @@ TEST_P(NamedEventKinds, SetInOneProcessWakesAWaiterInAnother) {
   close(ready[0]);
   close(ready[1]);
   os_event_destroy(event);
-  EXPECT_FALSE(blockExists(m_name));
+  EXPECT_FALSE(synctest::shmExists(m_name));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, EventKinds, ::testing::Values(Anonymous, NamedCondition, NamedPosix, NamedSysV),
@@ -173,5 +173,5 @@ TEST(Event, UnusableHandlesAnswerFalseAndIgnoreTheRest) {
     EXPECT_FALSE(os_event_wait_timeout(event, deadlineIn(10)));
     os_event_destroy(event);
   }
-  EXPECT_FALSE(blockExists(named));
+  EXPECT_FALSE(synctest::shmExists(named));
 }

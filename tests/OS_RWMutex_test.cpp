@@ -37,7 +37,7 @@ class RWMutexVariants : public ::testing::TestWithParam<bool> {
   void SetUp() override { m_mutex = os_rw_mutex_create(USE_STD, GetParam() ? m_name.c_str() : nullptr); }
   void TearDown() override {
     os_rw_mutex_destroy(m_mutex);
-    EXPECT_FALSE(blockExists(m_name));
+    EXPECT_FALSE(synctest::shmExists(m_name));
   }
   std::string m_name = uniqueName("rw");
   rw_mutex_handle* m_mutex = nullptr;
@@ -120,7 +120,7 @@ TEST(RWMutex, LastReaderLeavingInAnotherProcessLetsTheWriterIn) {
   EXPECT_EQ(written, 1);
   for (int fd : {toChild[0], toChild[1], toParent[0], toParent[1]}) close(fd);
   os_rw_mutex_destroy(mutex);
-  EXPECT_FALSE(blockExists(name));
+  EXPECT_FALSE(synctest::shmExists(name));
 }
 
 TEST(RWMutex, UnusableHandlesDoNothing) {

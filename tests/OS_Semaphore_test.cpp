@@ -91,9 +91,9 @@ TEST_P(NamedSemaphoreKinds, KindIsHonouredAndLastDetachRemovesBlockAndSet) {
   EXPECT_FALSE(os_semaphore_wait_timeout(otherKind, deadlineIn(-1)));  // a block of another kind is left alone
   os_semaphore_destroy(otherKind);
   os_semaphore_destroy(first);
-  EXPECT_TRUE(blockExists(m_name));
+  EXPECT_TRUE(synctest::shmExists(m_name));
   os_semaphore_destroy(second);
-  EXPECT_FALSE(blockExists(m_name));
+  EXPECT_FALSE(synctest::shmExists(m_name));
   EXPECT_EQ(semctl(set, 0, GETVAL), -1);
 }
 
@@ -145,5 +145,5 @@ TEST(Semaphore, UnusableHandlesAnswerFalseAndIgnoreTheRest) {
     EXPECT_FALSE(os_semaphore_wait_timeout(sem, deadlineIn(10)));
     os_semaphore_destroy(sem);
   }
-  EXPECT_FALSE(blockExists(named));
+  EXPECT_FALSE(synctest::shmExists(named));
 }
