@@ -50,8 +50,13 @@ class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefi
   // Both views of the union share one pointer, so either tells whether one is held.
   bool attached() const { return m_hSem.m_hAnonymousHandle != nullptr; }
   // Read on every operation: the block's flag, not this opener's wish, decides.
-  bool managedByOS() const { return *m_pManageByOS; }
+  // An anonymous semaphore's flag is always false, so it is not even loaded.
+  bool managedByOS() const { return m_pSemaphoreShareMemory != nullptr && *m_pManageByOS; }
   int semId() const { return *m_hSem.m_hNamedHandle; }
+  // The POSIX semaphore of an attached handle. The anonymous one is reached
+  // without loading a pointer first: in an uncontended release or wait that
+  // load would stand between two atomic operations and cost a third of the call.
+  sem_t* posixSem() { return m_pSemaphoreShareMemory == nullptr ? &m_anonymousSem : m_hSem.m_hAnonymousHandle; }
 
   std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
   sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
@@ -59,6 +64,9 @@ class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefi
   bool* m_pManageByOS = nullptr;                          // kind flag: in the block, or a heap false
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
+  // Storage of the anonymous kind, which m_hSem and m_pManageByOS point at.
+  sem_t m_anonymousSem{};
+  bool m_bAnonymousManageByOS = false;
 };
 
 // The semaphore's own part of attaching to and detaching from its block.
@@ -129,15 +137,11 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
     return;
   }
 
-  auto* sem = new sem_t();
-  if (sem_init(sem, 0, static_cast<unsigned int>(intInitialCount)) != 0) {
-    // A count the system refuses (negative or above SEM_VALUE_MAX) leaves
-    // the handle unattached rather than holding an uninitialised semaphore.
-    delete sem;
-    return;
-  }
-  m_hSem.m_hAnonymousHandle = sem;
-  m_pManageByOS = new bool(false);
+  // A count the system refuses (negative or above SEM_VALUE_MAX) leaves the
+  // handle unattached rather than holding an uninitialised semaphore.
+  if (sem_init(&m_anonymousSem, 0, static_cast<unsigned int>(intInitialCount)) != 0) return;
+  m_hSem.m_hAnonymousHandle = &m_anonymousSem;
+  m_pManageByOS = &m_bAnonymousManageByOS;
 }
 
 // The last detach on the machine removes the semaphore (see NamedSteps::finalise).
@@ -146,18 +150,20 @@ semaphore_handle::~semaphore_handle() {
     NamedSteps steps(*this, false, 0);
     OS::detachNamedObject(m_strSemaphoreName, m_pSemaphoreShareMemory, steps);
   } else if (attached()) {
-    delete m_pManageByOS;
-    sem_destroy(m_hSem.m_hAnonymousHandle);
-    delete m_hSem.m_hAnonymousHandle;
+    sem_destroy(&m_anonymousSem);
   }
   m_hSem.m_hAnonymousHandle = nullptr;
   m_pManageByOS = nullptr;
 }
 
-bool semaphore_handle::wait() {
+inline bool semaphore_handle::wait() {
   if (!attached()) return false;
   if (managedByOS()) return waitSem(semId(), m_bUndoTrack);
-  return OS::Private::retryOnEintr([&] { return sem_wait(m_hSem.m_hAnonymousHandle); }) == 0;
+  // A unit that is there is taken without sem_wait's cancellation check,
+  // which costs as much as the take itself.
+  sem_t* sem = posixSem();
+  if (sem_trywait(sem) == 0) return true;
+  return OS::Private::retryOnEintr([&] { return sem_wait(sem); }) == 0;
 }
 
 // The deadline is on CLOCK_MONOTONIC: semtimedop wants the span left, and
@@ -172,15 +178,15 @@ bool semaphore_handle::waitTimeout(const timespec& timeout) {
     return waitSemTimeout(semId(), &left, m_bUndoTrack);
   }
   timespec wall = OS::Private::monotonicDeadlineToWall(timeout, m_RtMode);
-  return OS::Private::retryOnEintr([&] { return sem_timedwait(m_hSem.m_hAnonymousHandle, &wall); }) == 0;
+  return OS::Private::retryOnEintr([&] { return sem_timedwait(posixSem(), &wall); }) == 0;
 }
 
-void semaphore_handle::release() {
+inline void semaphore_handle::release() {
   if (!attached()) return;
   if (managedByOS())
     postSem(semId(), m_bUndoTrack);
   else
-    sem_post(m_hSem.m_hAnonymousHandle);
+    sem_post(posixSem());
 }
 
 semaphore_handle* OS::createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
