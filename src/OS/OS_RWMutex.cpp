@@ -59,8 +59,11 @@ class rw_mutex_handle {
   void createProcessRWMutexOnPosix(const char* strMutexName);
   void destroyThreadRWMutexOnPosix();
   void destroyProcessRWMutexOnPosix();
+  // Part of the handle's operations, though no lock path uses it.
   bool tryLockMutex(pthread_mutex_t* pMutex);
-  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Private::lockRecovering(pMutex); }
+  // A mutex repaired after its owner died is taken back with a blocking lock:
+  // a trylock could lose it to another locker and leave the counters unguarded.
+  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Private::lockRecovering(pMutex, OS::Private::Retake::Lock); }
   void unlockMutex(pthread_mutex_t* pMutex) { pthread_mutex_unlock(pMutex); }
 
   bool attached() const {

@@ -61,7 +61,7 @@ class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefi
   std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
   sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
   sem_handle m_hSem{};                                    // null while unattached
-  bool* m_pManageByOS = nullptr;                          // kind flag: in the block, or a heap false
+  bool* m_pManageByOS = nullptr;                          // kind flag: in the block, or the false below
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
   // Storage of the anonymous kind, which m_hSem and m_pManageByOS point at.
