@@ -9,6 +9,8 @@
 
 #include <ostrelled/OS_ShareMemory.h>
 
+#include "OS/OS_NamedObject.h"
+
 namespace OS {
 namespace SyncNames {
 // Fixed across the machine: every process finds the manager by these strings.
@@ -28,9 +30,8 @@ constexpr size_t kRequestMethodOffset = 0;
 constexpr size_t kCreateSizeOffset = 4;
 constexpr size_t kCreateNameOffset = 8;
 constexpr size_t kDestroyNameOffset = 4;
-// Longest name of a named object. A create of such a name ends at byte 1032,
+// A create request for a name of kMaxObjectNameLength ends at byte 1032,
 // past the area's 1029 bytes but inside the same (page-sized) mapping.
-constexpr size_t kMaxObjectNameLength = 1023;
 // The manager's request wait and every client's reply wait.
 constexpr long kRequestTimeoutNanos = 100000000L;
 
