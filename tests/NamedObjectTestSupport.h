@@ -16,7 +16,6 @@
 
 #include <ostrelled/OS_Sync.h>
 
-#include "OS/OS_Private.h"
 #include "SyncTestSupport.h"
 #include "TestSupport.h"
 
@@ -37,12 +36,7 @@ class SyncManagerEnvironment : public ::testing::Environment {
 using synctest::uniqueName;
 
 // The absolute CLOCK_MONOTONIC time `millis` from now (negative: past).
-inline timespec deadlineIn(long millis) {
-  timespec t = OS::Private::monotonicNow();
-  t.tv_nsec += millis * 1000000L;
-  os_clock_adjust_clock_time(&t);
-  return t;
-}
+inline timespec deadlineIn(long millis) { return synctest::clockAfter(CLOCK_MONOTONIC, millis); }
 
 inline void settle() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
 

@@ -12,7 +12,6 @@
 #include "OS/OS_MutexHandle.h"
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
-#include "OS/OS_SyncClient.h"
 #include "OS/OS_SyncKinds.h"
 #include "OS/OS_SyncPrimitives.h"
 #include "OS/OS_SysVSemaphore.h"
