@@ -16,5 +16,8 @@
 #include <ostrelled/OS_ShareMemory.h>
 #include <ostrelled/OS_Sync.h>
 #include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_Semaphore.h>
+#include <ostrelled/OS_Event.h>
 
 #endif

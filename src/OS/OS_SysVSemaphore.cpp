@@ -1,0 +1,80 @@
+#include "OS/OS_SysVSemaphore.h"
+
+#include <stdio.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include "OS/OS_Private.h"
+
+namespace OS {
+namespace SysV {
+namespace {
+
+// The caller defines semctl's fourth argument on Linux.
+union semun {
+  int val;
+  semid_ds* buf;
+  unsigned short* array;
+};
+
+sembuf operation(short delta, bool bUndoTrack) {
+  sembuf op{};
+  op.sem_num = 0;
+  op.sem_op = delta;
+  op.sem_flg = bUndoTrack ? SEM_UNDO : 0;
+  return op;
+}
+
+// EAGAIN is how a timed wait ends without a unit; it is not an error worth a line.
+void reportWaitFailure(const char* prefix, const char* call) {
+  if (errno != EAGAIN) printf("%s:%s[wait] failed,errno=%d!!\n", prefix, call, errno);
+}
+
+}  // namespace
+
+void destroySem(int intSemId) { semctl(intSemId, 0, IPC_RMID); }
+
+int getSemVal(int intSemId) { return semctl(intSemId, 0, GETVAL); }
+
+void setSemVal(int intSemId, int intValue) {
+  semun arg{};
+  arg.val = intValue;
+  semctl(intSemId, 0, SETVAL, arg);
+}
+
+void postSem(const char* prefix, int intSemId, bool bUndoTrack) {
+  sembuf op = operation(1, bUndoTrack);
+  if (Private::retryOnEintr([&] { return semop(intSemId, &op, 1); }) != 0)
+    printf("%s:semop[post] failed,errno=%d!!\n", prefix, errno);
+}
+
+bool waitSem(const char* prefix, int intSemId, bool bUndoTrack) {
+  sembuf op = operation(-1, bUndoTrack);
+  if (Private::retryOnEintr([&] { return semop(intSemId, &op, 1); }) == 0) return true;
+  reportWaitFailure(prefix, "semop");
+  return false;
+}
+
+// Not retried on EINTR: the span is relative, so a retry would wait the whole
+// span again. An interrupted timed wait ends like a time-out, with a message.
+bool waitSemTimeout(const char* prefix, int intSemId, timespec* timeSpan, bool bUndoTrack) {
+  sembuf op = operation(-1, bUndoTrack);
+  if (semtimedop(intSemId, &op, 1, timeSpan) == 0) return true;
+  reportWaitFailure(prefix, "semtimedop");
+  return false;
+}
+
+int createSet(key_t key) { return semget(key, 1, IPC_CREAT | 0755); }
+
+bool keyOfBlock(const std::string& name, const char* what, key_t& key) {
+  std::string path = "/dev/shm/" + name;
+  key = ftok(path.c_str(), 0);
+  if (key != -1) return true;
+  // The line has always shown the path buffer after it was released, that is
+  // glibc's text for a null string; kept byte for byte.
+  printf("can't access memory file[%s], create %s failed\n", "(null)", what);
+  return false;
+}
+
+}  // namespace SysV
+}  // namespace OS
