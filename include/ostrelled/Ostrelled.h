@@ -7,5 +7,14 @@
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
 #include <ostrelled/OS_Thread.h>
+#include <ostrelled/OS_CLibrary.h>
+#include <ostrelled/OS_File.h>
+#include <ostrelled/OS_FileSystem.h>
+#include <ostrelled/OS_Folder.h>
+#include <ostrelled/OS_System.h>
+#include <ostrelled/OS_Environment.h>
+#include <ostrelled/OS_DynamicLibraryLoader.h>
+#include <ostrelled/OS_MemoryManager.h>
+#include <ostrelled/OS_UTF8Helper.h>
 
 #endif

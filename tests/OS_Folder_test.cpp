@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include <stdexcept>
+#include <string>
+
+#include <ostrelled/OS_File.h>
+#include <ostrelled/OS_Folder.h>
+
+#include "OS/OS_Shell.h"
+#include "TempDirectory.h"
+
+using testsupport::readFile;
+using testsupport::writeFile;
+
+namespace {
+
+// Each test works inside its own directory, so relative paths and anything a
+// broken command might create stay there.
+class OS_Folder : public ::testing::Test {
+ protected:
+  testsupport::TempDirectory m_dir;
+  testsupport::WorkingDirectory m_here{m_dir.path()};
+};
+
+bool exists(const std::string& path) {
+  struct stat info {};
+  return lstat(path.c_str(), &info) == 0;
+}
+
+// Names the shell would act on if they reached it unquoted.
+const char* const kHostileNames[] = {
+    "with space", "dq\"uote", "sq'uote", "dollar$HOME", "$(touch pwned)", "`touch pwned2`", "back\\slash",
+    "it's \"$(touch pwned3)\"", "new\nline"};
+
+}  // namespace
+
+TEST_F(OS_Folder, NullAndEmptyPathsAreRefused) {
+  for (const char* bad : {static_cast<const char*>(nullptr), ""}) {
+    EXPECT_FALSE(os_folder_exist(bad));
+    EXPECT_FALSE(os_folder_create(bad));
+    EXPECT_FALSE(os_folder_remove(bad, true));
+    EXPECT_FALSE(os_folder_move(bad, "x"));
+    EXPECT_FALSE(os_folder_move("x", bad));
+    EXPECT_FALSE(os_folder_copy(bad, "x", false));
+    EXPECT_FALSE(os_folder_copy("x", bad, true));
+  }
+}
+
+TEST_F(OS_Folder, ExistAcceptsDirectoriesAndLinksToThem) {
+  mkdir("d", 0755);
+  writeFile("f", "");
+  symlink("d", "l");
+  EXPECT_TRUE(os_folder_exist("d"));
+  EXPECT_TRUE(os_folder_exist("d//"));
+  EXPECT_TRUE(os_folder_exist("l"));
+  EXPECT_FALSE(os_folder_exist("f"));
+  EXPECT_FALSE(os_folder_exist("missing"));
+  EXPECT_THROW(os_folder_exist("//"), std::out_of_range);
+}
+
+TEST_F(OS_Folder, CreateMakesParentsWithFullModeAndTakesTildeLiterally) {
+  const mode_t old = umask(077);
+  EXPECT_TRUE(os_folder_create("a/b//c/"));
+  EXPECT_TRUE(os_folder_create((m_dir / "abs/x").c_str()));
+  umask(old);
+  struct stat info {};
+  ASSERT_EQ(stat("a/b/c", &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0777u);
+  EXPECT_TRUE(os_folder_exist("abs/x"));
+  EXPECT_TRUE(os_folder_create("a/b"));
+
+  writeFile("a/file", "");
+  EXPECT_FALSE(os_folder_create("a/file/sub"));
+  EXPECT_FALSE(os_folder_create("~/ostrelled_never"));
+  mkdir("~", 0755);
+  EXPECT_TRUE(os_folder_create("~/made"));
+  EXPECT_TRUE(exists("~/made"));
+}
+
+TEST_F(OS_Folder, RemoveEmptyOnlyOrWithContents) {
+  os_folder_create("full/inner");
+  writeFile("full/inner/f", "x");
+  EXPECT_FALSE(os_folder_remove("full", false));
+  EXPECT_TRUE(exists("full/inner/f"));
+  EXPECT_TRUE(os_folder_remove("full/inner/", true));
+  EXPECT_TRUE(os_folder_remove("full//", false));
+  EXPECT_FALSE(exists("full"));
+}
+
+TEST_F(OS_Folder, MoveIntoAnExistingDestinationNestsTheSource) {
+  os_folder_create("src");
+  writeFile("src/f", "x");
+  os_folder_create("dst");
+  EXPECT_TRUE(os_folder_move("src/", "dst"));
+  EXPECT_EQ(readFile("dst/src/f"), "x");
+  EXPECT_TRUE(os_folder_move("dst", "renamed"));
+  EXPECT_TRUE(exists("renamed/src/f"));
+  EXPECT_FALSE(os_folder_move("missing", "elsewhere"));
+}
+
+TEST_F(OS_Folder, CopyNestsIntoExistingAndFillsMissingDestinations) {
+  os_folder_create("src/sub");
+  writeFile("src/f", "1");
+  writeFile("src/sub/g", "2");
+  writeFile("src/.hidden", "");
+  os_folder_create("existing");
+  EXPECT_TRUE(os_folder_copy((m_dir / "src").c_str(), "existing", false));
+  EXPECT_EQ(readFile("existing/src/sub/g"), "2");
+  EXPECT_TRUE(os_folder_copy("src/", "fresh", false));
+  EXPECT_EQ(readFile("fresh/f"), "1");
+  EXPECT_FALSE(exists("fresh/src"));
+  EXPECT_FALSE(exists("fresh/.hidden"));  // the shell's "/*" skips dot entries
+
+  // A source without any separator names its root by its last character only.
+  EXPECT_TRUE(os_folder_copy("src", "existing/", false));
+  EXPECT_TRUE(exists("existing/c/f"));
+
+  os_folder_create("empty");
+  os_folder_create("target");
+  EXPECT_FALSE(os_folder_copy((m_dir / "empty").c_str(), "target", false));
+  EXPECT_TRUE(os_folder_copy((m_dir / "empty").c_str(), "target", true));  // awk's status, not cp's
+}
+
+TEST_F(OS_Folder, CopyKeepingExistingFilesLeavesThemAlone) {
+  os_folder_create("src");
+  writeFile("src/old", "new content");
+  writeFile("src/added", "a");
+  os_folder_create("dst/src");
+  writeFile("dst/src/old", "old content");
+  EXPECT_TRUE(os_folder_copy((m_dir / "src").c_str(), "dst/", true));
+  EXPECT_EQ(readFile("dst/src/old"), "old content");
+  EXPECT_EQ(readFile("dst/src/added"), "a");
+  EXPECT_TRUE(os_folder_copy((m_dir / "src/").c_str(), "dst", false));
+  EXPECT_EQ(readFile("dst/src/old"), "new content");
+}
+
+TEST_F(OS_Folder, HostilePathsAreTakenLiterallyByEveryCommand) {
+  for (const char* name : kHostileNames) {
+    SCOPED_TRACE(name);
+    const std::string sourceName = std::string("s ") + name;
+    const std::string source = m_dir / sourceName;
+    const std::string target = std::string("t ") + name;
+    ASSERT_TRUE(os_folder_create(source.c_str()));
+    writeFile(source + "/f", "x");
+    ASSERT_TRUE(os_folder_copy(source.c_str(), target.c_str(), false));  // contents into a new target
+    EXPECT_EQ(readFile(target + "/f"), "x");
+    ASSERT_TRUE(os_folder_copy((source + "/").c_str(), target.c_str(), true));  // nested into it
+    // The nested copy is named after the last component; "\\" separates too.
+    const std::string nested = sourceName.substr(sourceName.find_last_of("/\\") + 1);
+    EXPECT_EQ(readFile(target + "/" + nested + "/f"), "x");
+    EXPECT_TRUE(os_folder_move(target.c_str(), (target + " moved").c_str()));
+    EXPECT_TRUE(os_folder_exist((target + " moved").c_str()));
+    EXPECT_TRUE(os_folder_remove((target + " moved").c_str(), true));
+    EXPECT_TRUE(os_folder_remove(source.c_str(), true));
+    EXPECT_FALSE(exists(source));
+  }
+  EXPECT_FALSE(exists("pwned"));
+  EXPECT_FALSE(exists("pwned2"));
+  EXPECT_FALSE(exists("pwned3"));
+}
+
+TEST(OS_Shell, OrdinaryPathsGiveTheTemplateByteForByte) {
+  using namespace OS::Shell;
+  const char* path = "/tmp/some dir/with-ordinary_chars.~+=@%!#&;|<>(){}*?[]";
+  const std::string p = path;
+  EXPECT_EQ(formatCommand(kRemoveTree, {path}), "rm \"" + p + "\" -rf");
+  EXPECT_EQ(formatCommand(kMove, {path, "b"}), "mv \"" + p + "\" \"b\"");
+  EXPECT_EQ(formatCommand(kCopyOverwriting, {path, "b/"}), "cp -arf \"" + p + "\"/* \"b/\"");
+  EXPECT_EQ(formatCommand(kCopyKeeping, {path, "b/"}),
+            "awk 'BEGIN { cmd=\"cp -ari '\\''" + p + "'\\''/* '\\''b/'\\''/\";print \"n\"|cmd;}'");
+  EXPECT_EQ(formatCommand(kKill, {nullptr}), "killall -9 \"\"");
+  EXPECT_TRUE(statusSucceeded(0));
+  EXPECT_FALSE(statusSucceeded(-1));
+  EXPECT_FALSE(statusSucceeded(1 << 8));
+  EXPECT_FALSE(statusSucceeded(9));
+}
