@@ -50,30 +50,34 @@ inline bool isDigit(char c) { return static_cast<unsigned>(static_cast<signed ch
 // What atoi gives for a run of digits on this C library: strtol's value,
 // saturated at LONG_MAX, then cut to int. Done by hand because the locale and
 // sign handling of strtol would cost more than the whole comparison.
-inline int digitRunValue(const char* p) {
+int saturatedRunValue(const char* p) {
   unsigned long value = 0;
   for (; isDigit(*p); ++p) {
     const unsigned long digit = static_cast<unsigned long>(*p - '0');
-    if (value > (static_cast<unsigned long>(LONG_MAX) - digit) / 10) {
-      value = LONG_MAX;
-      break;
-    }
+    if (value > (static_cast<unsigned long>(LONG_MAX) - digit) / 10) return static_cast<int>(LONG_MAX);
     value = value * 10 + digit;
   }
   return static_cast<int>(static_cast<long>(value));
 }
 
-// Natural "first orders after second". One pass up to the first difference (or
-// the shared end), counting the digits both share just before it; the
-// comparison then restarts at the beginning of that digit run.
+// The common case: 18 digits cannot overflow a long, so no check per digit.
+inline int digitRunValue(const char* start) {
+  unsigned long value = 0;
+  for (const char* p = start; isDigit(*p); ++p) {
+    if (p - start == 18) return saturatedRunValue(start);
+    value = value * 10 + static_cast<unsigned long>(*p - '0');
+  }
+  return static_cast<int>(static_cast<long>(value));
+}
+
+// Natural "first orders after second". One pass to the first difference (or
+// the shared end); the comparison then restarts at the beginning of the run
+// of digits both strings share just before it, if any.
 bool naturalGreater(const char* first, const char* second) {
   size_t sameLen = 0;
-  size_t digitPrefix = 0;
-  while (first[sameLen] == second[sameLen] && first[sameLen] != '\0') {
-    digitPrefix = isDigit(first[sameLen]) ? digitPrefix + 1 : 0;
-    ++sameLen;
-  }
-  const size_t ignoreOffset = sameLen - digitPrefix;
+  while (first[sameLen] == second[sameLen] && first[sameLen] != '\0') ++sameLen;
+  size_t ignoreOffset = sameLen;
+  while (ignoreOffset > 0 && isDigit(first[ignoreOffset - 1])) --ignoreOffset;
   const char a = first[ignoreOffset];
   const char b = second[ignoreOffset];
   if (a == '\0') return false;
