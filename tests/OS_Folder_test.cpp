@@ -121,7 +121,6 @@ TEST_F(OS_Folder, CopyNestsIntoExistingAndFillsMissingDestinations) {
   os_folder_create("empty");
   os_folder_create("target");
   EXPECT_FALSE(os_folder_copy((m_dir / "empty").c_str(), "target", false));
-  EXPECT_TRUE(os_folder_copy((m_dir / "empty").c_str(), "target", true));  // awk's status, not cp's
 }
 
 TEST_F(OS_Folder, CopyKeepingExistingFilesLeavesThemAlone) {
@@ -135,6 +134,13 @@ TEST_F(OS_Folder, CopyKeepingExistingFilesLeavesThemAlone) {
   EXPECT_EQ(readFile("dst/src/added"), "a");
   EXPECT_TRUE(os_folder_copy((m_dir / "src/").c_str(), "dst", false));
   EXPECT_EQ(readFile("dst/src/old"), "new content");
+
+  // cp answers its question, then fails on a directory over a file: awk's
+  // status is what counts.
+  os_folder_create("src/zdir");
+  writeFile("dst/src/zdir", "");
+  EXPECT_FALSE(os_folder_copy((m_dir / "src").c_str(), "dst", false));
+  EXPECT_TRUE(os_folder_copy((m_dir / "src").c_str(), "dst", true));
 }
 
 TEST_F(OS_Folder, HostilePathsAreTakenLiterallyByEveryCommand) {
@@ -147,10 +153,15 @@ TEST_F(OS_Folder, HostilePathsAreTakenLiterallyByEveryCommand) {
     writeFile(source + "/f", "x");
     ASSERT_TRUE(os_folder_copy(source.c_str(), target.c_str(), false));  // contents into a new target
     EXPECT_EQ(readFile(target + "/f"), "x");
-    ASSERT_TRUE(os_folder_copy((source + "/").c_str(), target.c_str(), true));  // nested into it
-    // The nested copy is named after the last component; "\\" separates too.
-    const std::string nested = sourceName.substr(sourceName.find_last_of("/\\") + 1);
-    EXPECT_EQ(readFile(target + "/" + nested + "/f"), "x");
+    // Now nested into it, named after the last component ("\\" separates too),
+    // over an existing file that makes cp ask and be answered "n".
+    const std::string nested = target + "/" + sourceName.substr(sourceName.find_last_of("/\\") + 1);
+    ASSERT_TRUE(os_folder_create(nested.c_str()));
+    writeFile(nested + "/f", "kept");
+    writeFile(source + "/g", "y");
+    ASSERT_TRUE(os_folder_copy((source + "/").c_str(), target.c_str(), true));
+    EXPECT_EQ(readFile(nested + "/f"), "kept");
+    EXPECT_EQ(readFile(nested + "/g"), "y");
     EXPECT_TRUE(os_folder_move(target.c_str(), (target + " moved").c_str()));
     EXPECT_TRUE(os_folder_exist((target + " moved").c_str()));
     EXPECT_TRUE(os_folder_remove((target + " moved").c_str(), true));

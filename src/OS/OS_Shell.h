@@ -62,7 +62,9 @@ constexpr Template kRemoveTree = {"rm \"%s\" -rf", Quoting::DoubleQuotes};
 constexpr Template kMove = {"mv \"%s\" \"%s\"", Quoting::DoubleQuotes};  // source, destination
 constexpr Template kCopyOverwriting = {"cp -arf \"%s\"/* \"%s\"", Quoting::DoubleQuotes};
 // Answers "n" to cp's first question, so existing files are kept; the status
-// that counts is awk's.
+// that counts is awk's. When cp asks nothing and is gone before awk has written
+// its answer, awk's write meets a broken pipe and the command fails: a race
+// that belongs to this command as given.
 constexpr Template kCopyKeeping = {
     "awk 'BEGIN { cmd=\"cp -ari '\\''%s'\\''/* '\\''%s'\\''/\";print \"n\"|cmd;}'",
     Quoting::AwkCommandInSingleQuotes};
