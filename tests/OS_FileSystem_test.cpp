@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <set>
 #include <string>
 #include <vector>
@@ -18,41 +18,32 @@ namespace {
 struct Recorder : IWalkThroughCallback {
   std::vector<std::string> events;
   std::set<std::string> roots;
-  void onWalkFile(const char* relative, const char* root) override {
-    events.push_back(std::string("F:") + relative);
+  void record(const char* kind, const char* relative, const char* root) {
+    events.push_back(kind + std::string(relative));
     roots.insert(root);
   }
-  void onWalkDirectory(const char* relative, const char* root) override {
-    events.push_back(std::string("D:") + relative);
-    roots.insert(root);
-  }
+  void onWalkFile(const char* relative, const char* root) override { record("F:", relative, root); }
+  void onWalkDirectory(const char* relative, const char* root) override { record("D:", relative, root); }
   std::set<std::string> eventSet() const { return {events.begin(), events.end()}; }
 };
 
 // top/{a, sub/{b, deeper/c}, link -> sub, fifo}
 void makeTree(const std::string& root) {
-  mkdir((root + "/top").c_str(), 0755);
-  mkdir((root + "/top/sub").c_str(), 0755);
-  mkdir((root + "/top/sub/deeper").c_str(), 0755);
-  testsupport::writeFile(root + "/top/a", "");
-  testsupport::writeFile(root + "/top/sub/b", "");
-  testsupport::writeFile(root + "/top/sub/deeper/c", "");
+  for (const char* folder : {"/top", "/top/sub", "/top/sub/deeper"}) mkdir((root + folder).c_str(), 0755);
+  for (const char* file : {"/top/a", "/top/sub/b", "/top/sub/deeper/c"}) testsupport::writeFile(root + file, "");
   symlink("sub", (root + "/top/link").c_str());
   mkfifo((root + "/top/fifo").c_str(), 0600);
 }
 
-struct NameRow {
-  const char* path;
-  const char* base;
-  const char* dir;
-  const char* suffix;
-};
+using NameFunction = bool (*)(const char*, char*, const DWORD&);
 
-std::string namePart(bool (*part)(const char*, char*, const DWORD&), const char* path, DWORD& size) {
-  size = 0;
+// A name part fetched the way callers do: size query, then the buffer.
+std::string namePart(NameFunction part, const char* path) {
+  DWORD size = 0;
   EXPECT_TRUE(part(path, nullptr, size));
   std::string buffer(size + 1, '#');
   EXPECT_TRUE(part(path, &buffer[0], size));
+  EXPECT_EQ(size, strlen(buffer.c_str()) + 1);
   return buffer.c_str();
 }
 
@@ -73,74 +64,56 @@ TEST(OS_FileSystem, WalkIsPreOrderRelativeAndNeverFollowsLinks) {
   for (size_t i = 0; i < events.size(); ++i) {
     if (events[i][0] != 'D') continue;
     const std::string prefix = events[i].substr(2) + "/";
-    size_t j = i + 1;
-    while (j < events.size() && events[j].compare(2, prefix.size(), prefix) == 0) ++j;
-    for (size_t k = 0; k < events.size(); ++k) {
-      if (k <= i || k >= j) EXPECT_NE(events[k].compare(2, prefix.size(), prefix), 0) << events[k];
-    }
+    auto inside = [&](size_t k) { return events[k].compare(2, prefix.size(), prefix) == 0; };
+    size_t end = i + 1;
+    while (end < events.size() && inside(end)) ++end;
+    for (size_t k = 0; k < events.size(); ++k) EXPECT_TRUE(k > i && k < end ? true : !inside(k)) << events[k];
   }
 }
 
-TEST(OS_FileSystem, DepthLimitsStopOpeningDirectories) {
+TEST(OS_FileSystem, DepthLimitsAndRootForms) {
   testsupport::TempDirectory dir;
   makeTree(dir.path());
-  Recorder none;
+  Recorder none, one, fromRoot, relative, odd;
   os_filesystem_walk_through_ex("top", dir.path().c_str(), 0, &none);
   EXPECT_EQ(none.events, std::vector<std::string>{"D:top"});
-  Recorder one;
   os_filesystem_walk_through_ex("top", (dir.path() + "/").c_str(), 1, &one);
   EXPECT_EQ(one.eventSet(), (std::set<std::string>{"D:top", "F:top/a", "D:top/sub", "F:top/link", "F:top/fifo"}));
   EXPECT_EQ(one.roots, std::set<std::string>{dir.path() + "/"});
-}
-
-TEST(OS_FileSystem, RootFormsDecideThePathsHandedOut) {
-  testsupport::TempDirectory dir;
-  makeTree(dir.path());
-  Recorder fromRoot;  // an empty start directory is the root itself
-  os_filesystem_walk_through_ex("", (dir.path() + "/top/sub").c_str(), 1, &fromRoot);
+  os_filesystem_walk_through_ex("", (dir.path() + "/top/sub").c_str(), 1, &fromRoot);  // the root itself
   EXPECT_EQ(fromRoot.eventSet(), (std::set<std::string>{"D:", "F:b", "D:deeper"}));
   {
-    testsupport::WorkingDirectory here(dir.path());
-    Recorder relative;  // an empty root leaves paths relative to the working directory
+    testsupport::WorkingDirectory here(dir.path());  // an empty root: relative to the working directory
     os_filesystem_walk_through("top/sub/deeper", "", &relative);
     EXPECT_EQ(relative.events, (std::vector<std::string>{"D:top/sub/deeper", "F:top/sub/deeper/c"}));
     EXPECT_EQ(relative.roots, std::set<std::string>{""});
   }
-  Recorder backslash;  // a trailing backslash is kept and no "/" is added
-  os_filesystem_walk_through_ex("x", "r\\", 0, &backslash);
-  EXPECT_EQ(backslash.roots, std::set<std::string>{"r\\"});
-  os_filesystem_walk_through("top", dir.path().c_str(), nullptr);  // walks without reporting
-  os_filesystem_walk_through("missing", dir.path().c_str(), &backslash);
-  EXPECT_EQ(backslash.events.back(), "D:missing");
+  os_filesystem_walk_through_ex("x", "r\\", 0, &odd);  // a trailing backslash is kept, no "/" added
+  EXPECT_EQ(odd.roots, std::set<std::string>{"r\\"});
+  os_filesystem_walk_through("top", nullptr, &odd);
+  os_filesystem_walk_through(nullptr, dir.path().c_str(), &odd);
+  os_filesystem_walk_through("top", dir.path().c_str(), nullptr);
+  EXPECT_EQ(odd.events.size(), 1u);
 }
 
 TEST(OS_FileSystem, NamePartsOfCleanedPaths) {
-  const NameRow rows[] = {
-      {"/usr/lib/", "lib", "/usr/", ""},      {"a\\b\\c", "c", "a/b/", ""},
-      {"file", "file", ".", ""},              {"/usr/lib//", "lib", "/usr/", ""},
-      {"a\\b", "b", "a/", ""},                {"/file", "file", "/", ""},
-      {"archive.tar.gz", "archive.tar.gz", ".", "gz"}, {"dir.d/file", "file", "dir.d/", ""},
-      {"name.", "name.", ".", ""},            {"/home/u/.profile", ".profile", "/home/u/", "profile"},
-  };
-  for (const NameRow& row : rows) {
+  struct Row {
+    const char *path, *base, *dir, *suffix;
+  } const rows[] = {
+      {"/usr/lib/", "lib", "/usr/", ""}, {"a\\b\\c", "c", "a/b/", ""}, {"file", "file", ".", ""},
+      {"/usr/lib//", "lib", "/usr/", ""}, {"/file", "file", "/", ""}, {"archive.tar.gz", "archive.tar.gz", ".", "gz"},
+      {"dir.d/file", "file", "dir.d/", ""}, {"name.", "name.", ".", ""}, {"/u/.profile", ".profile", "/u/", "profile"}};
+  for (const Row& row : rows) {
     SCOPED_TRACE(row.path);
-    DWORD size = 0;
-    EXPECT_EQ(namePart(os_filesystem_base_name, row.path, size), row.base);
-    EXPECT_EQ(size, strlen(row.base) + 1);
-    EXPECT_EQ(namePart(os_filesystem_dir_name, row.path, size), row.dir);
-    EXPECT_EQ(size, strlen(row.dir) + 1);
-    EXPECT_EQ(namePart(os_filesystem_file_suffix, row.path, size), row.suffix);
-    EXPECT_EQ(size, strlen(row.suffix) + 1);
+    EXPECT_EQ(namePart(os_filesystem_base_name, row.path), row.base);
+    EXPECT_EQ(namePart(os_filesystem_dir_name, row.path), row.dir);
+    EXPECT_EQ(namePart(os_filesystem_file_suffix, row.path), row.suffix);
   }
 }
 
 TEST(OS_FileSystem, NameBufferProtocolEdges) {
   char buffer[8] = "#######";
-  DWORD size = 4;  // "lib" needs 4
-  EXPECT_TRUE(os_filesystem_base_name("/usr/lib", buffer, size));
-  EXPECT_STREQ(buffer, "lib");
-  size = 3;
-  strcpy(buffer, "#######");
+  DWORD size = 3;  // "lib" needs 4
   EXPECT_FALSE(os_filesystem_base_name("/usr/lib", buffer, size));
   EXPECT_EQ(size, 3u);
   EXPECT_STREQ(buffer, "#######");
@@ -148,7 +121,7 @@ TEST(OS_FileSystem, NameBufferProtocolEdges) {
   for (const char* empty : {"", "/", "\\//"}) {
     size = 5;
     EXPECT_TRUE(os_filesystem_file_suffix(empty, buffer, size));
-    EXPECT_EQ(size, 0u);  // 0, not 1, for nothing left
+    EXPECT_EQ(size, 0u);  // 0, not 1, when nothing is left
     EXPECT_STREQ(buffer, "");
     size = 5;
     EXPECT_TRUE(os_filesystem_base_name(empty, nullptr, size));

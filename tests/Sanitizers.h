@@ -1,9 +1,8 @@
 #ifndef OSTRELLED_TESTS_SANITIZERS_H
 #define OSTRELLED_TESTS_SANITIZERS_H
 
-// OSTRELLED_TEST_UNDER_ASAN is 1 in the AddressSanitizer build (g++ or clang++),
-// whose runtime replaces a few system calls: mlock and mlockall do nothing
-// there, and a dlopen with RTLD_DEEPBIND ends the process.
+// 1 in the AddressSanitizer build, whose runtime makes mlock and mlockall
+// no-ops and ends a process that dlopens with RTLD_DEEPBIND.
 #if defined(__SANITIZE_ADDRESS__)
 #define OSTRELLED_TEST_UNDER_ASAN 1
 #elif defined(__has_feature)

@@ -1,10 +1,10 @@
 #ifndef OSTRELLED_TESTS_TEMPDIRECTORY_H
 #define OSTRELLED_TESTS_TEMPDIRECTORY_H
 
-// A fresh directory under /tmp per test, removed with everything in it.
+// A fresh directory under /tmp per test, removed with everything in it, and
+// small file helpers.
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -24,9 +24,6 @@ class TempDirectory {
     std::error_code ignored;
     std::filesystem::remove_all(m_strPath, ignored);
   }
-  TempDirectory(const TempDirectory&) = delete;
-  TempDirectory& operator=(const TempDirectory&) = delete;
-
   const std::string& path() const { return m_strPath; }
   std::string operator/(const std::string& name) const { return m_strPath + "/" + name; }
 
@@ -37,13 +34,13 @@ class TempDirectory {
 // Makes dir the working directory for the lifetime of the object.
 class WorkingDirectory {
  public:
-  explicit WorkingDirectory(const std::string& dir) : m_strOld(std::filesystem::current_path()) {
+  explicit WorkingDirectory(const std::string& dir) : m_old(std::filesystem::current_path()) {
     std::filesystem::current_path(dir);
   }
-  ~WorkingDirectory() { std::filesystem::current_path(m_strOld); }
+  ~WorkingDirectory() { std::filesystem::current_path(m_old); }
 
  private:
-  std::string m_strOld;
+  std::filesystem::path m_old;
 };
 
 inline void writeFile(const std::string& path, const std::string& content) {

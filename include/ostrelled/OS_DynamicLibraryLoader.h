@@ -15,7 +15,8 @@ extern "C" {
 // os_dynamic_library_loader_load_ex(path, resolve_all_symbols_hint).
 OSTRELLED_EXPORT void* os_dynamic_library_loader_load(const char* strLibraryPath);
 // dlopen with the mode built from hints; on failure prints
-// "Load library '<path>' failed:<message>" and returns null.
+// "Load library '<path>' failed:<message>" and returns null. A null path
+// gives the main program, as dlopen does.
 OSTRELLED_EXPORT void* os_dynamic_library_loader_load_ex(const char* strLibraryPath, int hints);
 // dlsym; null for a null handle. The dlerror state is left unread on purpose.
 OSTRELLED_EXPORT void* os_dynamic_library_loader_get_proc(void* hModuleHandle, const char* strProcName);

@@ -24,7 +24,7 @@ class IWalkThroughCallback {
 extern "C" {
 // Depth-first, pre-order walk of rootDir + dirPath in directory order, without
 // depth limit. A "/" is appended to a non-empty rootDir that ends in neither "/"
-// nor "\\". rootDir must not be null. A null callback still walks the tree.
+// nor "\\". A null rootDir or dirPath walks nothing; a null callback still walks the tree.
 OSTRELLED_EXPORT void os_filesystem_walk_through(const char* dirPath, const char* rootDir,
                                                  IWalkThroughCallback* pCallback);
 // The same walk, opening at most uintMaxDeep levels: 0 reports only the start

@@ -19,7 +19,7 @@ OSTRELLED_EXPORT bool os_system_kill_application(const char* strApplicationName)
 // Output is not captured. A null command gives false while a shell exists.
 OSTRELLED_EXPORT bool os_system_invoke_command(const char* strCommand);
 // Value of an environment variable by the size-query protocol (dwLen written
-// back despite the const). False when the variable is unset.
+// back despite the const). False when the variable is unset or the name null.
 OSTRELLED_EXPORT bool os_system_get_os_environmentVariable(const char* strEnvironmentVariableName,
                                                            char* strEnvironmentVariableValue, const DWORD& dwLen);
 // bReplace true, or an unset/empty variable: sets the value. Otherwise appends

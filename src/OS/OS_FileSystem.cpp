@@ -60,10 +60,10 @@ struct Walk {
 
 void os_filesystem_walk_through_ex_p(const char* dirPath, const char* rootDir, unsigned int uintCurrentDeep,
                                      unsigned int uintMaxDeep, IWalkThroughCallback* pCallback) {
-  // A null rootDir makes this constructor throw; callers must pass a root.
+  if (dirPath == nullptr || rootDir == nullptr) return;  // not accepted: nothing is walked or reported
   Walk walk{rootDir, {}, uintMaxDeep, pCallback};
   if (!walk.root.empty() && !isSeparator(walk.root.back())) walk.root += '/';
-  walk.path = walk.root + (dirPath == nullptr ? "" : dirPath);
+  walk.path = walk.root + dirPath;
   walk.level(uintCurrentDeep);
 }
 

@@ -7,6 +7,7 @@
 
 #include <ostrelled/StringAssistant.h>
 
+#include "OS/OS_Private.h"
 #include "OS/OS_Shell.h"
 
 namespace {
@@ -35,7 +36,7 @@ bool os_system_run_application(const char* strApplicationName, const char* strCo
     _exit(-1);
   }
   int status = 0;
-  waitpid(pid, &status, bBlockParent ? 0 : WNOHANG);
+  OS::Private::retryOnEintr([&] { return waitpid(pid, &status, bBlockParent ? 0 : WNOHANG); });
   // A child still running leaves status 0, which counts as success.
   return (status & 0x7f) == 0 && ((status >> 8) & 0xff) != kCouldNotStart;
 }
@@ -48,6 +49,7 @@ bool os_system_invoke_command(const char* strCommand) { return OS::Shell::runCom
 
 bool os_system_get_os_environmentVariable(const char* strEnvironmentVariableName, char* strEnvironmentVariableValue,
                                           const DWORD& dwLen) {
+  if (strEnvironmentVariableName == nullptr) return false;
   const char* value = getenv(strEnvironmentVariableName);
   if (value == nullptr) return false;
   // The interface declares dwLen const, yet the length is written back through it.
