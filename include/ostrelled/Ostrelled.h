@@ -4,6 +4,12 @@
 // Everything the library offers, in one include.
 #include <ostrelled/Types.h>
 #include <ostrelled/StringAssistant.h>
+#include <ostrelled/BStr.h>
+#include <ostrelled/ScalarTypes.h>
+#include <ostrelled/VariantInterface.h>
+#include <ostrelled/Variant.h>
+#include <ostrelled/SafeArray.h>
+#include <ostrelled/VariantWrapper.h>
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
 #include <ostrelled/OS_Thread.h>

@@ -71,6 +71,6 @@ typedef struct tagTVARIANT {
 
 // Selects the real-time or the standard branch of a call. USE_DEFAULT falls
 // back to get_default_rt_mode(), which is always USE_STD.
-enum RT_MODE { USE_DEFAULT = 0, USE_RT = 1, USE_STD = 2 };
+enum RT_MODE : int { USE_DEFAULT = 0, USE_RT = 1, USE_STD = 2 };
 
 #endif
