@@ -34,8 +34,9 @@ void makeTree() {
   if (mkdtemp(pattern) == nullptr) abort();
   g_root = pattern;
   for (int d = 0; d < kFolders; ++d) {
-    // Ten top folders of a hundred each, so the walk also goes down and up.
-    const std::string folder = g_root + "/t" + std::to_string(d % 10) + "/f" + std::to_string(d);
+    // Ten group folders holding the other 990, so the walk also goes down and up.
+    const std::string group = g_root + "/tree/g" + std::to_string(d % 10);
+    const std::string folder = d < 10 ? group : group + "/f" + std::to_string(d);
     std::filesystem::create_directories(folder);
     for (int f = 0; f < kFilesPerFolder; ++f) {
       const int fd = open((folder + "/file" + std::to_string(f)).c_str(), O_CREAT | O_WRONLY, 0644);
@@ -59,7 +60,7 @@ void BM_WalkLibrary(benchmark::State& state) {
   size_t entries = 0;
   for (auto _ : state) {
     Counter counter;
-    os_filesystem_walk_through("", g_root.c_str(), &counter);
+    os_filesystem_walk_through("tree", g_root.c_str(), &counter);
     entries = counter.files + counter.directories;
   }
   state.counters["entries"] = entries;
@@ -74,7 +75,7 @@ int countEntry(const char*, const struct stat*, int, struct FTW*) {
 void BM_WalkNftw(benchmark::State& state) {
   for (auto _ : state) {
     g_nftwEntries = 0;
-    nftw(g_root.c_str(), countEntry, 64, FTW_PHYS);
+    nftw((g_root + "/tree").c_str(), countEntry, 64, FTW_PHYS);
   }
   state.counters["entries"] = g_nftwEntries;
 }
