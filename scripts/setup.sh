@@ -3,7 +3,7 @@
 # Only missing packages are installed; a machine that has them all is left alone.
 set -euo pipefail
 packages=(cmake make g++ clang libclang-rt-dev binutils pkg-config libgtest-dev libgmock-dev
-  libbenchmark-dev procps psmisc gawk coreutils)
+  libbenchmark-dev procps psmisc gawk coreutils zlib1g)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

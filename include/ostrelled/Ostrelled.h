@@ -19,5 +19,16 @@
 #include <ostrelled/OS_RWMutex.h>
 #include <ostrelled/OS_Semaphore.h>
 #include <ostrelled/OS_Event.h>
+#include <ostrelled/OS_CLibrary.h>
+#include <ostrelled/OS_File.h>
+#include <ostrelled/OS_FileSystem.h>
+#include <ostrelled/OS_Folder.h>
+#include <ostrelled/OS_System.h>
+#include <ostrelled/OS_Environment.h>
+#include <ostrelled/OS_DynamicLibraryLoader.h>
+#include <ostrelled/OS_MemoryManager.h>
+#include <ostrelled/OS_UTF8Helper.h>
+#include <ostrelled/OS_Serial.h>
+#include <ostrelled/OS_Socket.h>
 
 #endif

@@ -1,0 +1,26 @@
+#ifndef OSTRELLED_SRC_OS_FILEPRIVATE_H
+#define OSTRELLED_SRC_OS_FILEPRIVATE_H
+
+// Path handling shared by the file and folder functions. Never installed.
+
+#include <string>
+
+namespace OS {
+namespace FilePrivate {
+
+// True for a null pointer or an empty string: such paths are refused before
+// anything touches the file system.
+inline bool isBadPath(const char* path) { return path == nullptr || path[0] == '\0'; }
+
+// The path without its trailing "/". A path of slashes only throws
+// std::out_of_range; file and folder tests rely on that being kept.
+std::string withoutTrailingSlashes(const char* path);
+
+// The existence test of files and folders: access(F_OK) after stripping
+// trailing slashes, then the stat type is directory (or not, for files).
+bool existsAs(const char* path, bool bDirectory);
+
+}  // namespace FilePrivate
+}  // namespace OS
+
+#endif

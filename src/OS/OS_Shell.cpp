@@ -1,0 +1,16 @@
+#include "OS/OS_Shell.h"
+
+#include <stdlib.h>
+
+namespace OS {
+namespace Shell {
+
+bool runCommand(const char* command) { return statusSucceeded(system(command)); }
+
+bool run(const Template& command, std::initializer_list<const char*> texts) {
+  const std::string text = formatCommand(command, texts);
+  return runCommand(text.c_str());
+}
+
+}  // namespace Shell
+}  // namespace OS
