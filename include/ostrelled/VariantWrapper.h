@@ -63,8 +63,9 @@ class OSTRELLED_EXPORT CInterfaceStub : public Interface {
   ULONG m_dwRef;
 };
 
-typedef CInterfaceStub<IVariantRead> IVariantReadStub;
-typedef CInterfaceStub<IVariantWrite> IVariantWriteStub;
+// The count-holding stubs of the read and the write interface.
+class OSTRELLED_EXPORT IVariantReadStub : public CInterfaceStub<IVariantRead> {};
+class OSTRELLED_EXPORT IVariantWriteStub : public CInterfaceStub<IVariantWrite> {};
 
 // Reads the variant it is pointed at (not owned). Every operation fails while it points
 // at none. Text results follow CStringAssistant::getBaseStringFromSTLString: a null

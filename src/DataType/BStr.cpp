@@ -39,7 +39,7 @@ bool bstr_set_text(bstr_handle* handle, const char* text) {
 }
 
 bool bstr_set_data(bstr_handle* handle, const char* data, int len) {
-  if (len < 0) return false;
+  if (handle != nullptr && len < 0) return false;
   return replaceValue(handle, data, [data, len] { return makeBlock(data, static_cast<size_t>(len)); });
 }
 

@@ -62,18 +62,21 @@ OSTRELLED_SCALAR_TYPES(OSTRELLED_DEFINE_SETTER)
 
 void variant_set_string(TVARIANT& srcVar, const char* var, bool bIncludeType) {
   if (var == nullptr) return;  // the record is kept as it was, not even cleared
-  variant_clear(srcVar);
+  // The copy comes first so that a text inside the record's own block stays readable.
   TVARIANT value;
   variant_init(value);
   value.vt = TVT_BSTR;
   value.bstrVal = makeBlock(var, std::strlen(var) + 1);
+  variant_clear(srcVar);
   storeIntoCleared(srcVar, value, bIncludeType);
 }
 
 void variant_set_bstrunit(TVARIANT& srcVar, LPBSTRUNIT var) {
+  // Copied before the clear, so the record's own block may be passed in.
+  LPBSTRUNIT copy = copyBlock(var);
   variant_clear(srcVar);
   srcVar.vt = TVT_BSTR;
-  srcVar.bstrVal = copyBlock(var);
+  srcVar.bstrVal = copy;
 }
 
 void variant_set_variant(TVARIANT& srcVar, const TVARIANT& newVar) {
