@@ -109,9 +109,11 @@ bool os_file_copy(const char* strSrcFilePath, const char* strDstFilePath, bool /
       // counts as success; kept as the interface promises.
       const int count = File::read(source, block, kCopyBlock);
       if (count < 1) break;
-      if (File::write(target, block, static_cast<unsigned int>(count)) != count) {
+      const int written = File::write(target, block, static_cast<unsigned int>(count));
+      if (written != count) {
+        // A short write sets no errno of its own: report it as an I/O error.
         result = false;
-        failure = errno;
+        failure = written == -1 ? errno : EIO;
         break;
       }
     }
