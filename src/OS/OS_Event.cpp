@@ -264,10 +264,9 @@ void event_handle::resetEvent() {
     if (wakeup() == Wakeup::SysV) {
       setSemVal(semId(), 0);
     } else if (wakeup() == Wakeup::Posix) {
-      // Drop every pending wake-up, as setSemVal(0) does for the System V kind;
-      // waiters left awake would only find the flag clear and sleep again.
-      while (sem_trywait(m_hSem.m_hAnonymousHandle) == 0) {
-      }
+      // One pending wake-up is taken without blocking; a waiter woken by
+      // another one finds the flag clear and sleeps again.
+      sem_trywait(m_hSem.m_hAnonymousHandle);
     }
   }
   unlockMutex();
@@ -331,7 +330,7 @@ Slept event_handle::sleepOnSemaphore(const timespec* deadline) {
   // A timed wait that ran out (or was interrupted) goes round again: the
   // time-left check above ends the loop. Anything else is a broken primitive.
   int error = errno;
-  bool sleepAgain = taken || (deadline != nullptr && (error == EAGAIN || error == ETIMEDOUT || error == EINTR));
+  bool sleepAgain = taken || error == EINTR || (deadline != nullptr && (error == EAGAIN || error == ETIMEDOUT));
   if (!lockMutex()) return Slept::LockLost;
   return sleepAgain ? Slept::Again : Slept::Leave;
 }

@@ -162,7 +162,8 @@ inline bool semaphore_handle::wait() {
   // which costs as much as the take itself.
   sem_t* sem = posixSem();
   if (sem_trywait(sem) == 0) return true;
-  return OS::Private::retryOnEintr([&] { return sem_wait(sem); }) == 0;
+  // A signal ends the wait with false, as any failed wait does.
+  return sem_wait(sem) == 0;
 }
 
 // The deadline is on CLOCK_MONOTONIC: semtimedop wants the span left, and
@@ -177,7 +178,7 @@ bool semaphore_handle::waitTimeout(const timespec& timeout) {
     return waitSemTimeout(semId(), &left, m_bUndoTrack);
   }
   timespec wall = OS::Private::monotonicDeadlineToWall(timeout, m_RtMode);
-  return OS::Private::retryOnEintr([&] { return sem_timedwait(posixSem(), &wall); }) == 0;
+  return sem_timedwait(posixSem(), &wall) == 0;
 }
 
 inline void semaphore_handle::release() {

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <map>
@@ -81,6 +83,13 @@ class os_sync_manager_handle {
 
 namespace {
 os_sync_manager_handle* os_sync_manager = nullptr;
+
+bool nameStillLinked(const char* strMemoryName) {
+  int fd = shm_open(strMemoryName, O_RDONLY, 0);
+  if (fd == -1) return errno != ENOENT;
+  close(fd);
+  return true;
+}
 }
 
 bool os_sync_manager_handle::start() {
@@ -124,8 +133,15 @@ void os_sync_manager_handle::stop() {
 
 sharememory_handle* os_sync_manager_handle::createMemory(const char* strMemoryName, unsigned int uintMemorySize) {
   auto found = m_ShareMemoryMap.find(strMemoryName);
-  // An existing block is handed out as it is: never resized, never cleared.
-  if (found != m_ShareMemoryMap.end()) return found->second;
+  if (found != m_ShareMemoryMap.end()) {
+    // An existing block is handed out as it is: never resized, never cleared.
+    if (nameStillLinked(strMemoryName)) return found->second;
+    // Its name was unlinked behind the manager's back (a client that took a
+    // late reply as its own): forget the stale block so the name works again.
+    os_sharememory_close(found->second, false);
+    os_sharememory_destroy(found->second);
+    m_ShareMemoryMap.erase(found);
+  }
   sharememory_handle* block = os_sharememory_create(strMemoryName, uintMemorySize, USE_DEFAULT);
   if (block != nullptr) m_ShareMemoryMap.emplace(strMemoryName, block);
   return block;

@@ -26,8 +26,11 @@ sembuf operation(short delta, bool bUndoTrack) {
 }
 
 // EAGAIN is how a timed wait ends without a unit; it is not an error worth a line.
+// errno survives the line, so the caller still sees why the wait ended.
 void reportWaitFailure(const char* prefix, const char* call) {
-  if (errno != EAGAIN) printf("%s:%s[wait] failed,errno=%d!!\n", prefix, call, errno);
+  const int error = errno;
+  if (error != EAGAIN) printf("%s:%s[wait] failed,errno=%d!!\n", prefix, call, error);
+  errno = error;
 }
 
 }  // namespace
@@ -48,9 +51,11 @@ void postSem(const char* prefix, int intSemId, bool bUndoTrack) {
     printf("%s:semop[post] failed,errno=%d!!\n", prefix, errno);
 }
 
+// A signal ends the wait like any other failure, with its line; callers that
+// loop on a flag simply wait again.
 bool waitSem(const char* prefix, int intSemId, bool bUndoTrack) {
   sembuf op = operation(-1, bUndoTrack);
-  if (Private::retryOnEintr([&] { return semop(intSemId, &op, 1); }) == 0) return true;
+  if (semop(intSemId, &op, 1) == 0) return true;
   reportWaitFailure(prefix, "semop");
   return false;
 }
