@@ -1,25 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <stdlib.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <ostrelled/OS_MemoryManager.h>
 
-#include "Sanitizers.h"
-#include "TestSupport.h"
-
 TEST(OS_MemoryManager, LockCallsPassThroughAndLockAllKeepsTwoBits) {
-  const long page = sysconf(_SC_PAGESIZE);
-  void* memory = aligned_alloc(page, page);
-  EXPECT_TRUE(os_memory_manager_mlock(memory, page) && os_memory_manager_munlock(memory, page));
-  free(memory);
-  EXPECT_TRUE(os_memory_manager_munlockall());
-  if (OSTRELLED_TEST_UNDER_ASAN) GTEST_SKIP() << "the sanitizer runtime turns mlock and mlockall into no-ops";
+  char memory[64];
+  EXPECT_TRUE(os_memory_manager_mlock(memory, sizeof memory) && os_memory_manager_munlock(memory, sizeof memory));
+  if (mlockall(0) == 0) GTEST_SKIP() << "mlockall is a no-op here (the sanitizer runtime)";
   errno = 0;
-  EXPECT_FALSE(os_memory_manager_mlockall(4));  // only unknown bits: mlockall(0), refused
+  EXPECT_FALSE(os_memory_manager_mlockall(4));  // no known bit left: mlockall(0), refused
   EXPECT_EQ(errno, EINVAL);
-  if (geteuid() == 0) {  // in a child, so the test process is never pinned
-    EXPECT_EQ(testsupport::runChild([] { return os_memory_manager_mlockall(1 | 2 | 8) ? 0 : 1; }), 0);
-  }
+  EXPECT_TRUE(geteuid() != 0 || (os_memory_manager_mlockall(1 | 2 | 8) && os_memory_manager_munlockall()));
 }

@@ -8,39 +8,28 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 namespace testsupport {
 
-class TempDirectory {
- public:
-  TempDirectory() {
+// When entered, the directory is also the working directory for its lifetime.
+struct TempDirectory {
+  explicit TempDirectory(bool enter = false) : previous(enter ? std::filesystem::current_path() : "") {
     char pattern[] = "/tmp/ostrelled_test_XXXXXX";
     if (mkdtemp(pattern) == nullptr) abort();
-    m_strPath = pattern;
+    path = pattern;
+    if (enter) std::filesystem::current_path(path);
   }
   ~TempDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_strPath, ignored);
+    if (!previous.empty()) std::filesystem::current_path(previous);
+    std::filesystem::remove_all(path, error);
   }
-  const std::string& path() const { return m_strPath; }
-  std::string operator/(const std::string& name) const { return m_strPath + "/" + name; }
+  std::string operator/(const std::string& name) const { return path + "/" + name; }
 
- private:
-  std::string m_strPath;
-};
-
-// Makes dir the working directory for the lifetime of the object.
-class WorkingDirectory {
- public:
-  explicit WorkingDirectory(const std::string& dir) : m_old(std::filesystem::current_path()) {
-    std::filesystem::current_path(dir);
-  }
-  ~WorkingDirectory() { std::filesystem::current_path(m_old); }
-
- private:
-  std::filesystem::path m_old;
+  std::filesystem::path previous;
+  std::string path;
+  std::error_code error;
 };
 
 inline void writeFile(const std::string& path, const std::string& content) {
@@ -48,8 +37,9 @@ inline void writeFile(const std::string& path, const std::string& content) {
 }
 
 inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
 }
 
 }  // namespace testsupport
