@@ -4,111 +4,60 @@
 
 #include <ostrelled/BStr.h>
 
-namespace {
-
-// A caller-built block: length word, then the bytes.
-LPBSTRUNIT makeBlock(int len, const char* bytes) {
-  LPBSTRUNIT block = new BSTR_UNIT[4 + (len > 0 ? len : 0)];
-  std::memcpy(block, &len, 4);
-  if (len > 0) std::memcpy(block + 4, bytes, len);
-  return block;
-}
-
-struct Handle {
+// Each test starts with one empty handle.
+class BStr : public testing::Test {
+ protected:
+  ~BStr() override { bstr_destroy(h); }
   bstr_handle* h = bstr_create();
-  ~Handle() { bstr_destroy(h); }
 };
 
-}  // namespace
-
-TEST(BStr, TextCountsItsTerminatorAndDataDoesNot) {
-  Handle s;
-  ASSERT_TRUE(bstr_set_text(s.h, "abc"));
-  EXPECT_EQ(bstr_get_length(s.h), 4);
-  EXPECT_EQ(std::memcmp(bstr_get_data(s.h), "abc", 4), 0);
-  ASSERT_TRUE(bstr_set_text(s.h, ""));
-  EXPECT_EQ(bstr_get_length(s.h), 1);
-  ASSERT_TRUE(bstr_set_data(s.h, "abc", 3));
-  EXPECT_EQ(bstr_get_length(s.h), 3);
-  ASSERT_TRUE(bstr_set_data(s.h, "abc", 0));  // present and empty, not null
-  ASSERT_NE(bstr_get_data(s.h), nullptr);
-  EXPECT_EQ(bstr_get_length(s.h), 0);
-  ASSERT_TRUE(bstr_set_data(s.h, nullptr, 5));
-  EXPECT_EQ(bstr_get_data(s.h), nullptr);
-  // negative lengths are refused and keep the value
-  bstr_set_text(s.h, "keep");
-  EXPECT_FALSE(bstr_set_data(s.h, "abc", -1));
-  LPBSTRUNIT bad = makeBlock(-8, nullptr);
-  EXPECT_FALSE(bstr_set_bstrunit(s.h, bad));
+TEST_F(BStr, TextCountsItsTerminatorDataDoesNotAndNegativeLengthsAreRefused) {
+  ASSERT_TRUE(bstr_set_text(h, "abc"));
+  EXPECT_EQ(bstr_get_length(h), 4);
+  ASSERT_TRUE(bstr_set_data(h, "abc", 0));  // present and empty, not null
+  EXPECT_NE(bstr_get_data(h), nullptr);
+  bstr_set_text(h, "keep");
+  EXPECT_FALSE(bstr_set_data(h, "abc", -1));
+  LPBSTRUNIT bad = CBStr("x").detach();
+  const int negative = -8;
+  std::memcpy(bad, &negative, 4);
+  EXPECT_FALSE(bstr_set_bstrunit(h, bad));
   delete[] bad;
-  EXPECT_STREQ(bstr_get_data(s.h), "keep");
+  EXPECT_STREQ(bstr_get_data(h), "keep");
 }
 
-TEST(BStr, NullHandlesAreTolerated) {
-  EXPECT_TRUE(bstr_set_text(nullptr, nullptr));
-  EXPECT_FALSE(bstr_set_text(nullptr, "x"));
-  EXPECT_EQ(bstr_get_data(nullptr), nullptr);
-  EXPECT_EQ(bstr_get_length(nullptr), 0);
-  EXPECT_EQ(bstr_detach_bstrunit(nullptr), nullptr);
-  LPBSTRUNIT block = makeBlock(2, "hi");
-  bstr_attach_bstrunit(nullptr, block);  // neither taken nor freed: still ours
-  delete[] block;
-  bstr_handle* live = bstr_create();
-  bstr_destroy(live);
-  EXPECT_EQ(live, nullptr);
-  bstr_destroy(live);
+TEST_F(BStr, SettingFromItselfEmptiesButOwnBytesAreCopied) {
+  bstr_set_text(h, "abc");
+  EXPECT_TRUE(bstr_set_text(h, bstr_get_data(h)));  // its own bytes stay readable
+  EXPECT_STREQ(bstr_get_data(h), "abc");
+  EXPECT_TRUE(bstr_set_bstr(h, h));  // the value is freed before it is read (intended)
+  EXPECT_EQ(bstr_get_data(h), nullptr);
 }
 
-TEST(BStr, SettingFromItselfEmptiesButOwnDataIsCopied) {
-  Handle s;
-  bstr_set_text(s.h, "abc");
-  EXPECT_TRUE(bstr_set_bstr(s.h, s.h));  // the value is freed before it is read
-  EXPECT_EQ(bstr_get_data(s.h), nullptr);
-  bstr_set_text(s.h, "abc");
-  EXPECT_TRUE(bstr_set_text(s.h, bstr_get_data(s.h)));  // its own bytes stay readable
-  EXPECT_STREQ(bstr_get_data(s.h), "abc");
-  CBStr text("xyz");
-  CBStr& same = text;
-  text = same;
-  EXPECT_EQ(static_cast<const char*>(text), nullptr);
-}
-
-TEST(BStr, AttachTakesOwnershipAndDetachGivesItBack) {
-  Handle s;
-  LPBSTRUNIT block = makeBlock(3, "abc");
-  bstr_attach_bstrunit(s.h, block);
-  EXPECT_EQ(bstr_get_data(s.h), reinterpret_cast<char*>(block) + 4);  // not copied
-  bstr_attach_bstrunit(s.h, block);  // the owned block again: kept, not freed
-  EXPECT_EQ(bstr_detach_bstrunit(s.h), block);
-  EXPECT_EQ(bstr_get_data(s.h), nullptr);
+TEST_F(BStr, AttachTakesOwnershipDetachGivesItBackAndCopiesAreDeep) {
+  LPBSTRUNIT block = CBStr("abc").detach();  // outlives its CBStr
+  bstr_attach_bstrunit(nullptr, block);      // no handle: the block stays ours
+  bstr_attach_bstrunit(h, block);
+  EXPECT_EQ(bstr_get_data(h), reinterpret_cast<char*>(block) + 4);  // not copied
+  bstr_attach_bstrunit(h, block);  // the owned block again: kept, not freed
+  EXPECT_EQ(bstr_detach_bstrunit(h), block);
+  EXPECT_EQ(bstr_get_data(h), nullptr);
   CBStr owner;
   owner.attach(block);  // freed by owner's destructor
-  EXPECT_EQ(owner.get_length(), 3);
-  LPBSTRUNIT text = CBStr("hi").detach();  // outlives its CBStr
-  EXPECT_STREQ(reinterpret_cast<char*>(text) + 4, "hi");
-  delete[] text;
-  // copies are deep
-  CBStr original("one");
-  CBStr copy(original);
-  original = "two";
-  EXPECT_STREQ(copy, "one");
+  CBStr copy(owner);
+  owner = "two";
+  EXPECT_STREQ(copy, "abc");
 }
 
-TEST(BStr, EqualityComparesLengthWordAndDataBytes) {
-  Handle text, data, other, empty1, empty2;
-  bstr_set_text(text.h, "abc");
-  bstr_set_data(data.h, "abc", 3);
-  bstr_set_text(other.h, "abd");
-  EXPECT_FALSE(bstr_equal_bstr(text.h, data.h));   // 4 bytes against 3
-  EXPECT_FALSE(bstr_equal_bstr(text.h, other.h));  // the last data byte counts
-  EXPECT_TRUE(bstr_equal_bstr(empty1.h, empty2.h));
-  EXPECT_FALSE(bstr_equal_bstr(empty1.h, text.h));
+TEST_F(BStr, EqualityComparesLengthWordAndDataBytes) {
+  CBStr text("abc"), data("abc", 3), other("abd"), empty;
+  EXPECT_FALSE(text == data);   // 4 bytes against 3
+  EXPECT_FALSE(text == other);  // the last data byte counts
+  EXPECT_FALSE(empty == text);
+  EXPECT_TRUE(empty == CBStr());
   EXPECT_TRUE(bstr_equal_bstr(nullptr, nullptr));
-  EXPECT_FALSE(bstr_equal_bstr(nullptr, empty1.h));
-  LPBSTRUNIT block = makeBlock(3, "abc");
-  EXPECT_TRUE(bstr_equal_bstrunit(data.h, block));
-  EXPECT_FALSE(bstr_equal_bstrunit(empty1.h, block));
-  EXPECT_FALSE(bstr_equal_bstrunit(nullptr, block));
-  EXPECT_TRUE(CBStr(block) == CBStr("abc", 3));
+  EXPECT_FALSE(bstr_equal_bstr(nullptr, h));
+  LPBSTRUNIT block = CBStr("abc", 3).detach();
+  EXPECT_TRUE(data == block);
   delete[] block;
 }
