@@ -5,7 +5,6 @@
 
 #include <signal.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,10 +20,8 @@ inline double secondsSince(const std::chrono::steady_clock::time_point& start) {
 // Polls pred until it holds or the time runs out; returns its last answer.
 inline bool waitUntil(const std::function<bool()>& pred, double seconds = 5.0) {
   auto start = std::chrono::steady_clock::now();
-  while (!pred()) {
+  for (; !pred(); std::this_thread::sleep_for(std::chrono::milliseconds(2)))
     if (secondsSince(start) > seconds) return pred();
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
   return true;
 }
 
@@ -38,25 +35,14 @@ inline pid_t startChild(const std::function<int()>& body) {
 // Waits for a child with a deadline; a child that overstays is killed with
 // SIGKILL. Returns its exit code, 128 + signal when killed, or -1 on error.
 inline int waitChild(pid_t pid, double seconds = 10.0) {
-  auto start = std::chrono::steady_clock::now();
-  int status = 0;
-  for (;;) {
-    pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r == pid) break;
-    if (r < 0) return -1;
-    if (secondsSince(start) > seconds) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return 128 + SIGKILL;
-    }
-    usleep(1000);
+  int status = -1;  // neither exited nor signalled: what an error leaves
+  if (!waitUntil([&] { return waitpid(pid, &status, WNOHANG) != 0; }, seconds)) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
   }
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
-// startChild and waitChild in one call.
 inline int runChild(const std::function<int()>& body, double seconds = 10.0) {
   return waitChild(startChild(body), seconds);
 }
