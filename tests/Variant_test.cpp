@@ -172,3 +172,32 @@ TEST(VariantRead, SetFromReadInterfaceUsesTheOverloadOfItsType) {
   variant_set_variantread(v, &text);
   EXPECT_EQ(bytesOf(v), bytesOf(CVariant("hello")));
 }
+
+TEST(VariantConversion, BitFieldsMaskUnsignedAndSignExtendOnlyWhenTheTopBitIsSet) {
+  struct Row {
+    TVARTYPE vt;
+    long long in;
+    int bits;
+    bool ok;
+    long long out;
+  } rows[] = {
+      {TVT_UI1, 0xFF, 4, true, 0x0F},          {TVT_I1, 0x0F, 4, true, -1},
+      {TVT_I1, 0x17, 4, true, 0x17},           // top field bit clear: higher bits stay (intended)
+      {TVT_UI8, -1, 63, true, LLONG_MAX},      {TVT_I4, 0x80, 8, true, -128},
+      {TVT_R8, 0, 4, false, 0},
+  };
+  for (const Row& r : rows) {
+    CVariant v;
+    v.vt = r.vt;
+    v.llVal = r.in;
+    EXPECT_EQ(variant_ajust_data_value(v, r.bits), r.ok) << r.vt;
+    if (r.ok) {
+      EXPECT_EQ(variant_resolve_as_longlong(v), r.out) << r.vt;
+    }
+  }
+  UINT width = 7;
+  EXPECT_FALSE(variant_get_datatype_size(TVT_BSTR, width));
+  EXPECT_EQ(width, 0u);
+  EXPECT_TRUE(variant_get_datatype_size(TVT_I4, width));
+  EXPECT_EQ(width, 64u);  // LONG is 64 bits wide here
+}
