@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Compares the unmangled names exported by the built library with the lists
-# under exports/. Usage: check_exports.sh path/to/libOstrelled.so [exports-dir]
+# Compares the unmangled names exported by the built library with the list
+# in exports/libOstrelled.txt. Usage: check_exports.sh path/to/libOstrelled.so [list]
 set -euo pipefail
 lib=${1:?library path}
-dir=${2:-$(dirname "$0")/../exports}
-expected=$(cat "$dir"/*.txt | sed 's/#.*//; s/[[:space:]]//g; /^$/d' | sort -u)
+list=${2:-$(dirname "$0")/../exports/libOstrelled.txt}
+expected=$(cat "$list" | sed 's/#.*//; s/[[:space:]]//g; /^$/d' | sort -u)
 # Defined dynamic symbols, less the mangled C++ ones and the linker's own.
 actual=$(nm -D --defined-only "$lib" | awk '{print $NF}' | grep -v '^_Z' |
   grep -v -x -E '_init|_fini|_edata|_end|__bss_start' | sort -u)
