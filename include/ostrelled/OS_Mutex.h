@@ -27,12 +27,14 @@ OSTRELLED_EXPORT mutex_handle* os_mutex_create(unsigned int uintFlag, RT_MODE mo
 OSTRELLED_EXPORT void os_mutex_destroy(mutex_handle*& handle);
 // Locks; when the previous owner died holding it, repairs it and returns holding it.
 OSTRELLED_EXPORT void os_mutex_lock(mutex_handle* handle);
+// Unlocks; the result of the unlock is ignored. Does nothing for an unattached handle.
 OSTRELLED_EXPORT void os_mutex_unlock(mutex_handle* handle);
 
 // Null for a named, attached mutex (conditions stay within one process) and for a null mutex.
 OSTRELLED_EXPORT condition_handle* os_condition_create(mutex_handle* lck_handle, RT_MODE mode);
 // Destroy before the bound mutex.
 OSTRELLED_EXPORT void os_condition_destroy(condition_handle*& handle);
+// Wakes one waiter, or every waiter; nothing for a null handle.
 OSTRELLED_EXPORT void os_condition_notify(condition_handle* handle);
 OSTRELLED_EXPORT void os_condition_notify_all(condition_handle* handle);
 // CONDITION_WAIT_RESULT as int, -1 for a null handle. The caller holds the bound mutex.
