@@ -58,12 +58,12 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
   return result;
 }
 
-bool lockRecovering(pthread_mutex_t* mutex, Retake retake) {
+bool lockRecovering(pthread_mutex_t* mutex) {
   int result = pthread_mutex_lock(mutex);
-  return result == 0 || lockFailed(mutex, result, retake);
+  return result == 0 || lockFailed(mutex, result);
 }
 
-bool lockFailed(pthread_mutex_t* mutex, int result, Retake retake) {
+bool lockFailed(pthread_mutex_t* mutex, int result) {
   if (result == EOWNERDEAD) {
     if (pthread_mutex_consistent(mutex) != 0) {
       puts("mutex lock fixed failed!");
@@ -71,10 +71,7 @@ bool lockFailed(pthread_mutex_t* mutex, int result, Retake retake) {
     }
     // Let a waiter that queued behind the dead owner see a healthy mutex.
     pthread_mutex_unlock(mutex);
-    if (retake == Retake::Lock)
-      pthread_mutex_lock(mutex);
-    else
-      pthread_mutex_trylock(mutex);
+    pthread_mutex_lock(mutex);
     return true;
   }
   printf("mutex lock error:%d.\n", result);
@@ -130,7 +127,7 @@ void os_mutex_lock(mutex_handle* handle) {
   (void)OS::Private::isRealTime(handle->m_RtMode);
   // The uncontended path stays one call deep; recovery and errors go out of line.
   int result = pthread_mutex_lock(handle->m_pMutex);
-  if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result, OS::Private::Retake::Lock);
+  if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result);
 }
 
 // The result is ignored: unlocking a mutex this thread does not hold is the caller's error.

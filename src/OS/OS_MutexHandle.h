@@ -34,14 +34,12 @@ constexpr unsigned int kMutexBlockSize = kMutexOffset + sizeof(pthread_mutex_t);
 // Initialises *mutex of the given pthread type; a process-shared one is also robust.
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared);
 
-// How a repaired mutex is taken back after pthread_mutex_consistent.
-enum class Retake { Lock, TryLock };
-
 // Locks, repairing a mutex whose owner died ("mutex lock fixed failed!" when
-// that fails). Other errors print "mutex lock error:%d.\n". True when held.
-bool lockRecovering(pthread_mutex_t* mutex, Retake retake = Retake::Lock);
+// that fails); a repaired mutex is taken back with a blocking lock. Other
+// errors print "mutex lock error:%d.\n". True when held.
+bool lockRecovering(pthread_mutex_t* mutex);
 // The part of lockRecovering after pthread_mutex_lock returned `result`, not 0.
-bool lockFailed(pthread_mutex_t* mutex, int result, Retake retake);
+bool lockFailed(pthread_mutex_t* mutex, int result);
 
 }  // namespace Private
 }  // namespace OS

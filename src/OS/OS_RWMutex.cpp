@@ -62,7 +62,7 @@ class rw_mutex_handle {
   bool tryLockMutex(pthread_mutex_t* pMutex);
   // A mutex repaired after its owner died is taken back with a blocking lock:
   // a trylock could lose it to another locker and leave the counters unguarded.
-  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Private::lockRecovering(pMutex, OS::Private::Retake::Lock); }
+  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Private::lockRecovering(pMutex); }
   void unlockMutex(pthread_mutex_t* pMutex) { pthread_mutex_unlock(pMutex); }
 
   bool attached() const {

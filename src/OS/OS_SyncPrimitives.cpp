@@ -30,7 +30,8 @@ int waitRecovering(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec*
 
 sharememory_handle* attachSameKind(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps) {
   sharememory_handle* block = attachNamedObject(name, blockSize, steps);
-  // The creator still holds the block, so this detach never finalises it.
+  // The detach undoes only this attach: a block that another kind holds keeps
+  // its count, and one that nobody held goes away again.
   if (block != nullptr && block->sharememory_get_size() != blockSize) detachNamedObject(name, block, steps);
   return block;
 }
