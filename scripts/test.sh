@@ -13,6 +13,9 @@ cmake --build build -j"$jobs"
 
 scripts/check_install.sh build
 
+# Every example program; the named-object ones beside a manager, in private namespaces.
+scripts/run_examples.sh build
+
 # The API reference: every public declaration documented, no Doxygen warning.
 scripts/check_docs.sh build-docs
 
