@@ -30,15 +30,10 @@ run() {  # run NAME: the program, bounded in time
 # run the named examples, stop it.
 if [ "${2:-}" = "--named-inside" ]; then
   log=$(mktemp)
-  "$build/tools/ostrelled-syncd" >"$log" 2>&1 &
-  daemon=$!
-  trap 'kill -TERM $daemon 2>/dev/null || true; wait $daemon 2>/dev/null || true; rm -f "$log"' EXIT
-  for _ in $(seq 200); do
-    grep -q serving "$log" && break
-    kill -0 $daemon 2>/dev/null || { cat "$log"; echo "the sync manager did not start"; exit 1; }
-    sleep 0.05
-  done
-  grep -q serving "$log" || { cat "$log"; echo "the sync manager did not serve within 10 s"; exit 1; }
+  trap 'rm -f "$log"' EXIT
+  source scripts/sync_manager.sh
+  start_sync_manager "$build/tools/ostrelled-syncd" "$log"
+  trap 'kill -TERM $sync_manager_pid 2>/dev/null || true; wait $sync_manager_pid 2>/dev/null || true; rm -f "$log"' EXIT
   shift 2
   for name in "$@"; do run "$name"; done
   exit 0
