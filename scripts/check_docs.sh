@@ -5,6 +5,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-docs}
+# Doxygen checks the members of a file only when the file itself is documented.
+undocumented=$(grep -L -x '/// @file' include/ostrelled/*.h cmake/Version.h.in || true)
+if [ -n "$undocumented" ]; then
+  echo "headers without a /// @file comment (their declarations would go unchecked):"
+  echo "$undocumented"
+  exit 1
+fi
 cmake -S . -B "$build" -DOSTRELLED_BUILD_DOCS=ON -DOSTRELLED_BUILD_TESTS=OFF -DOSTRELLED_BUILD_BENCH=OFF >/dev/null
 rm -f "$build/docs/warnings.log"
 if ! cmake --build "$build" --target docs || [ -s "$build/docs/warnings.log" ]; then
