@@ -27,13 +27,13 @@ OSTRELLED_EXPORT bool bstr_set_data(bstr_handle* handle, const char* data, int l
 /// Deep copy of a caller's block. A block with a negative length word is refused:
 /// false, value unchanged.
 OSTRELLED_EXPORT bool bstr_set_bstrunit(bstr_handle* handle, LPBSTRUNIT var);
-/// Deep copy of handle2's value. The old value is freed before handle2 is read, so
-/// bstr_set_bstr(h, h) leaves h empty; that is intended.
+/// Deep copy of handle2's value that leaves the handle empty when both are the same: the
+/// old value is freed before handle2 is read, so bstr_set_bstr(h, h) empties h (intended).
 OSTRELLED_EXPORT bool bstr_set_bstr(bstr_handle* handle1, bstr_handle* handle2);
 /// The data bytes (after the length word), still owned by the handle; null when empty.
 OSTRELLED_EXPORT const char* bstr_get_data(bstr_handle* handle);
-/// The length word; 0 for a null handle. An empty handle is not checked (its length word
-/// is read regardless): ask bstr_get_data first. Kept that way on purpose.
+/// The length word, read even from an empty handle, which is not checked: ask bstr_get_data
+/// first. Kept that way on purpose; 0 for a null handle.
 OSTRELLED_EXPORT int bstr_get_length(bstr_handle* handle);
 /// Same length and same data bytes. Null handles are equal only to each other.
 OSTRELLED_EXPORT bool bstr_equal_bstr(bstr_handle* handle1, bstr_handle* handle2);
@@ -46,8 +46,8 @@ OSTRELLED_EXPORT void bstr_attach_bstrunit(bstr_handle* handle, LPBSTRUNIT var);
 OSTRELLED_EXPORT LPBSTRUNIT bstr_detach_bstrunit(bstr_handle* handle);
 }
 
-/// Scoped owner of one bstr_handle. Copies are deep; assigning an object to itself
-/// empties it (the value is freed before it is read), as with bstr_set_bstr.
+/// Scoped owner of one bstr_handle that is emptied by assignment to itself (the value is
+/// freed before it is read, as with bstr_set_bstr). Copies are deep.
 class OSTRELLED_EXPORT CBStr {
  public:
   /// An empty string (no block).

@@ -24,8 +24,8 @@ OSTRELLED_EXPORT bool os_file_exist(const char* strFilePath);
 OSTRELLED_EXPORT bool os_file_create(const char* strFilePath);
 /// unlink (trailing slashes stripped); false for directories.
 OSTRELLED_EXPORT bool os_file_remove(const char* strFilePath);
-/// Reads the times into tv. True for any valid arguments, even when the file is
-/// missing (then tv holds zeros): test existence first.
+/// Reads the times into tv and returns true even when the file is missing (then tv holds
+/// zeros): test existence first.
 OSTRELLED_EXPORT bool os_file_gettime(const char* strFilePath, OS_FILE_TIME* tv);
 /// utime(path, tv); the outcome is not reported: true for any valid arguments.
 OSTRELLED_EXPORT bool os_file_settime(const char* strFilePath, OS_FILE_TIME* tv);

@@ -18,8 +18,8 @@ OSTRELLED_EXPORT bool os_folder_exist(const char* strFolderPath);
 /// umask. A leading "~" is a literal name, not the home directory. Parents made
 /// before a failure stay.
 OSTRELLED_EXPORT bool os_folder_create(const char* strFolderPath);
+/// Removes a directory, handing a path of separators only to rm unguarded as "/".
 /// bIncludeAllFiles false: rmdir, so only an empty directory goes. True: rm -rf.
-/// A path of separators only becomes "/" and is handed to rm unguarded.
 OSTRELLED_EXPORT bool os_folder_remove(const char* strFolderPath, bool bIncludeAllFiles);
 /// mv; an existing destination directory receives the source inside it.
 OSTRELLED_EXPORT bool os_folder_move(const char* strSrcFolderPath, const char* strDstFolderPath);

@@ -32,7 +32,7 @@ enum CONDITION_WAIT_RESULT { WAIT_CONDITION_OK = 0, WAIT_CONDITION_TIMEOUT = 1, 
 /// The deadline passed; the mutex is held again.
 //
 /// @var WAIT_CONDITION_FAILED
-/// The wait itself failed.
+/// The wait failed, or the condition has no usable mutex.
 
 extern "C" {
 /// Never null. A name (also an empty one) asks the sync manager for a shared

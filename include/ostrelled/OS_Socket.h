@@ -65,9 +65,9 @@ OSTRELLED_EXPORT int os_socket_set_send_timeout(int s, DWORD dwMillionSecond, RT
 /// SO_RCVTIMEO of dwMillionSecond milliseconds (0 switches it off): setsockopt's result.
 OSTRELLED_EXPORT int os_socket_set_recv_timeout(int s, DWORD dwMillionSecond, RT_MODE mode);
 
-/// Waits up to dwMillionSecond milliseconds for s to become readable; a signal
-/// does not end the wait early. False on time-out and on failure alike: only a
-/// failure stores errno in *intErrorCode (when not null). False for s == -1.
+/// Waits up to dwMillionSecond milliseconds for s to become readable, false on time-out
+/// and on failure alike: only a failure stores errno in *intErrorCode (when not null). A
+/// signal does not end the wait early. False for s == -1.
 OSTRELLED_EXPORT bool os_socket_readable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode);
 /// As os_socket_readable, for writability.
 OSTRELLED_EXPORT bool os_socket_writable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode);

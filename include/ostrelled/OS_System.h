@@ -25,9 +25,9 @@ OSTRELLED_EXPORT bool os_system_invoke_command(const char* strCommand);
 /// back despite the const. False when the variable is unset or the name null.
 OSTRELLED_EXPORT bool os_system_get_os_environmentVariable(const char* strEnvironmentVariableName,
                                                            char* strEnvironmentVariableValue, const DWORD& dwLen);
-/// bReplace true, or an unset/empty variable: sets the value. Otherwise appends
-/// ":" + value unless the value already occurs in the current text, in which
-/// case the variable becomes empty (intended). A null name does nothing; a null
+/// Sets or extends a variable, emptying it when the value to append already occurs in its
+/// text (intended). bReplace true, or an unset/empty variable: sets the value. Otherwise
+/// appends ":" + value. A null name does nothing; a null
 /// value counts as empty.
 OSTRELLED_EXPORT void os_system_set_os_environmentVariable(const char* strEnvironmentVariableName,
                                                            const char* strEnvironmentVariableValue, bool bReplace);

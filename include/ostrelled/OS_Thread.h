@@ -20,13 +20,13 @@ typedef struct _OS_THREAD_DATA {
 } OS_THREAD_DATA;
 
 extern "C" {
-/// Starts func(lpParameter) on a new thread with at least 16384 bytes of stack
-/// (0 means the default size). A null hHandle starts nothing. Reports nothing.
+/// Starts func(lpParameter) on a new thread and reports nothing, not even a failure. The
+/// stack has at least 16384 bytes (0 means the default size); a null hHandle starts nothing.
 OSTRELLED_EXPORT void os_thread_create(pthread_t* hHandle, OS_THREAD_FUNCTION func, void* lpParameter,
                                        RT_MODE mode, size_t uintStackSize);
 /// pthread_join; the result is ignored.
 OSTRELLED_EXPORT void os_thread_join(pthread_t hHandle, RT_MODE mode);
-/// Pins hHandle to one processor. Returns true even when pthread_setaffinity_np
+/// Pins hHandle to one processor and returns true even when pthread_setaffinity_np
 /// fails (it reports errors by value, never -1): kept as is.
 OSTRELLED_EXPORT bool os_thread_sched_set_thread_affinity(pthread_t hHandle, int iCpuIndex);
 /// Pins the calling thread to one processor; false when the kernel refuses
@@ -45,9 +45,9 @@ OSTRELLED_EXPORT bool os_thread_sync_compare_and_swap_64(volatile long long* var
 OSTRELLED_EXPORT bool os_thread_init_rt_schedule(int iPriority, RT_MODE mode);
 /// Does nothing: the policy set by os_thread_init_rt_schedule stays. Kept empty on purpose.
 OSTRELLED_EXPORT void os_thread_exit_rt_schedule(RT_MODE mode);
-/// Holds the processor DMA latency at 0 while the descriptor stored in
-/// intLatencyTargetFd (written despite the const) stays open. Only a zero-length
-/// write counts as failure.
+/// Holds the processor DMA latency at 0 while the descriptor it stores in
+/// intLatencyTargetFd, despite the const, stays open. Only a zero-length write counts as
+/// failure.
 OSTRELLED_EXPORT bool os_thread_install_latency(const int& intLatencyTargetFd);
 /// Closes a descriptor from os_thread_install_latency; negative values are ignored.
 OSTRELLED_EXPORT void os_thread_uninstall_latency(int intLatencyTargetFd);

@@ -12,9 +12,9 @@
 struct safearray_handle;
 
 extern "C" {
-/// New array of uintElementCount zeroed elements (null units for TVT_BSTR). Never null.
-/// An element type outside TVT_I1..TVT_BOOL gives an array whose count reads
-/// uintElementCount while it has no storage: every set, get and access on it fails.
+/// New array of uintElementCount zeroed elements (null units for TVT_BSTR), never null even
+/// for an element type outside TVT_I1..TVT_BOOL: that gives an array whose count reads
+/// uintElementCount while it has no storage, so every set, get and access on it fails.
 OSTRELLED_EXPORT safearray_handle* safearray_create(TVARTYPE vtElementType, unsigned int uintElementCount);
 /// Frees the array, its units and every copy still out from safearray_access_element,
 /// then sets the caller's pointer to null. Null does nothing.
@@ -32,17 +32,17 @@ OSTRELLED_EXPORT bool safearray_set_element(safearray_handle* handle, unsigned i
 /// Copies slot uintIndex into *element. For TVT_BSTR *element receives a new unit (null
 /// for an empty slot) that the caller frees with delete[]. Fails as safearray_set_element.
 OSTRELLED_EXPORT bool safearray_get_element(safearray_handle* handle, unsigned int uintIndex, void* element);
-/// *elementArray receives a new copy of the whole array, kept by the array until
-/// safearray_unaccess_element or destruction; writing into it changes nothing. An empty
-/// array gives null and true. For TVT_BSTR the copy holds deep-copied units that are
-/// NOT freed with the copy: the caller must delete[] each of them (kept on purpose).
+/// *elementArray receives a new copy of the whole array whose TVT_BSTR units are NOT freed
+/// with it: the caller must delete[] each of them (kept on purpose). The copy itself is
+/// kept by the array until safearray_unaccess_element or destruction; writing into it
+/// changes nothing. An empty array gives null and true.
 OSTRELLED_EXPORT bool safearray_access_element(safearray_handle* handle, void** elementArray);
 /// Frees every copy handed out by safearray_access_element (but not the string units in
 /// them, see above). False only for a null handle.
 OSTRELLED_EXPORT bool safearray_unaccess_element(safearray_handle* handle);
-/// Reallocates to exactly uintElementCount elements, keeping the common prefix; new
-/// elements are zero. False for a null handle, and for an array without storage, whose
-/// count is changed all the same (intended).
+/// Reallocates to exactly uintElementCount elements, and changes the count even of an array
+/// without storage while returning false for it (intended). The common prefix is kept and
+/// new elements are zero; false also for a null handle.
 OSTRELLED_EXPORT bool safearray_resize(safearray_handle* handle, unsigned int uintElementCount);
 }
 

@@ -16,19 +16,19 @@ extern "C" {
 OSTRELLED_EXPORT void variant_init(TVARIANT& srcVar);
 /// Frees a held string; the record becomes TVT_NULL with a zero union.
 OSTRELLED_EXPORT void variant_clear(TVARIANT& srcVar);
-/// Deep copy of newVar. srcVar is cleared before newVar is read, so
-/// variant_set_variant(v, v) leaves v TVT_NULL; that is intended.
+/// Deep copy of newVar that empties srcVar when both are the same record: srcVar is
+/// cleared before newVar is read, so variant_set_variant(v, v) leaves v TVT_NULL (intended).
 OSTRELLED_EXPORT void variant_set_variant(TVARIANT& srcVar, const TVARIANT& newVar);
 /// Copies the value behind pVar (its type name decides the tag; an unknown name gives
 /// TVT_NULL). A null pVar leaves the record cleared.
 OSTRELLED_EXPORT void variant_set_variantread(TVARIANT& srcVar, IVariantRead* pVar);
-/// Stores a copy of the text as TVT_BSTR (length word strlen + 1). A null text leaves the
-/// record untouched, not even cleared. bIncludeType as for the scalar setters.
+/// Stores a copy of the text as TVT_BSTR (length word strlen + 1), except that a null text
+/// leaves the record untouched, not even cleared. bIncludeType as for the scalar setters.
 OSTRELLED_EXPORT void variant_set_string(TVARIANT& srcVar, const char* var, bool bIncludeType);
 /// Stores a deep copy of a caller's block as TVT_BSTR; a null block (or one with a
 /// negative length word) gives a null bstrVal. The caller keeps var.
 OSTRELLED_EXPORT void variant_set_bstrunit(TVARIANT& srcVar, LPBSTRUNIT var);
-/// Same tag and equal value. Deliberate gaps, kept: two TVT_I8 or two TVT_UI8 records
+/// Same tag and equal value, with deliberate gaps, kept: two TVT_I8 or two TVT_UI8 records
 /// are never equal; strings compare their first L bytes from the length word on, so the
 /// last four data bytes never count; NaN is unequal to everything.
 OSTRELLED_EXPORT bool variant_equal_variant(const TVARIANT& srcVar, const TVARIANT& dstVar);
@@ -41,9 +41,9 @@ OSTRELLED_EXPORT bool variant_equal_variant(const TVARIANT& srcVar, const TVARIA
 OSTRELLED_EXPORT bool variant_change_type(TVARIANT& var, TVARTYPE type);
 /// Width in bits of a scalar tag (TVT_I4/TVT_UI4 are 64); 0 and false otherwise.
 OSTRELLED_EXPORT bool variant_get_datatype_size(TVARTYPE type, UINT& uMaxBit);
-/// Treats an integer as a field of iSize bits (1 to its width): unsigned values keep
-/// their low iSize bits; signed values are sign-extended when bit iSize-1 is set and
-/// otherwise left unchanged (one-sided on purpose). False for other tags and for an
+/// Treats an integer as a field of iSize bits (1 to its width) with a one-sided sign rule:
+/// signed values are sign-extended when bit iSize-1 is set and otherwise left unchanged
+/// (on purpose); unsigned values keep their low iSize bits. False for other tags and for an
 /// iSize outside 1..width (record unchanged).
 OSTRELLED_EXPORT bool variant_ajust_data_value(TVARIANT& var, int iSize);
 
@@ -72,9 +72,9 @@ OSTRELLED_SCALAR_TYPES(OSTRELLED_DECLARE_SCALAR_FUNCTIONS)
 #undef OSTRELLED_DECLARE_SCALAR_FUNCTIONS
 }
 
-/// A TVARIANT with members; it adds no data and can be passed wherever a TVARIANT is
-/// expected. Each member forwards to the flat function of the same role. Its destructor
-/// frees a held string. Assigning an object to itself empties it, as variant_set_variant.
+/// A TVARIANT with members that is emptied by assignment to itself, as variant_set_variant.
+/// It adds no data and can be passed wherever a TVARIANT is expected. Each member forwards
+/// to the flat function of the same role. Its destructor frees a held string.
 class OSTRELLED_EXPORT CVariant : public tagTVARIANT {
  public:
   /// TVT_NULL.

@@ -121,7 +121,7 @@ class OSTRELLED_EXPORT CVariantWrite : public IVariantWriteStub {
   /// Points at pWrapperValue (null for none); the variant stays the caller's.
   void setWrapperValue(TVARIANT* pWrapperValue) { m_pWrapperValue = pWrapperValue; }
 
-  /// Converts the value to the named type. Returns true even for an unknown name or an
+  /// Converts the value to the named type and returns true even for an unknown name or an
   /// impossible conversion (the value is then unchanged): intended, callers that care
   /// read the type back.
   bool setType(const char* pType) override;
@@ -195,8 +195,8 @@ OSTRELLED_EXPORT variant_wrapper_handle* variant_wrapper_create();
 /// null; null does nothing. Interfaces still held survive, but still point at the
 /// handle's variant: after an owned variant is gone they must not be used.
 OSTRELLED_EXPORT void variant_wrapper_destroy(variant_wrapper_handle*& handle);
-/// Which interfaces variant_wrapper_get_variantread/_get_variantwrite hand out from now on.
-/// Interfaces handed out earlier keep working (intended). Null is ignored.
+/// Which interfaces variant_wrapper_get_variantread/_get_variantwrite hand out from now on;
+/// interfaces handed out earlier keep working (intended). Null is ignored.
 OSTRELLED_EXPORT void variant_wrapper_set_mode(variant_wrapper_handle* handle, bool bAllowRead, bool bAllowWrite);
 /// Wraps wrapperVar: a deep copy that the handle owns when bCopyVar is true, otherwise
 /// wrapperVar itself, which the caller keeps alive while the handle or its interfaces are
@@ -206,20 +206,20 @@ OSTRELLED_EXPORT void variant_wrapper_set_wrapper_value(variant_wrapper_handle* 
                                                         bool bCopyVar);
 /// The wrapped variant; null when there is none or for a null handle.
 OSTRELLED_EXPORT TVARIANT* variant_wrapper_get_wrapper_value(variant_wrapper_handle* handle);
-/// The type name through the handle's read interface, whatever the mode. dwLen is written
+/// The type name through the handle's read interface whatever the mode, with dwLen written
 /// through despite the const when it changes (the size of a null-buffer query): pass a
 /// variable. False for a null handle or no variant.
 OSTRELLED_EXPORT bool variant_wrapper_get_type(variant_wrapper_handle* handle, char* pType, const DWORD& dwLen);
-/// setType through the handle's write interface, whatever the mode. False for a null
-/// handle or no variant; true otherwise, even for an unknown name.
+/// setType through the handle's write interface whatever the mode: true even for an unknown
+/// name; false for a null handle or no variant.
 OSTRELLED_EXPORT bool variant_wrapper_set_type(variant_wrapper_handle* handle, const char* pType);
 /// The read interface with one reference added for the caller (give it back with
 /// releaseRef); null when reading is not allowed or the handle is null.
 OSTRELLED_EXPORT IVariantRead* variant_wrapper_get_variantread(variant_wrapper_handle* handle);
 /// The write interface, as variant_wrapper_get_variantread when writing is allowed.
 OSTRELLED_EXPORT IVariantWrite* variant_wrapper_get_variantwrite(variant_wrapper_handle* handle);
-/// A new handle with the same mode and its own interfaces. It always owns a deep copy of
-/// the variant, even when the source only borrowed it. Null for a null handle.
+/// A new handle that always owns a deep copy of the variant, even when the source only
+/// borrowed it; same mode, its own interfaces. Null for a null handle.
 OSTRELLED_EXPORT variant_wrapper_handle* variant_wrapper_clone(variant_wrapper_handle* handle);
 }
 
