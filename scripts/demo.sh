@@ -8,14 +8,11 @@ cmake --build build-demo -j2 >/dev/null
 
 # Named objects need the machine's sync manager: run the daemon meanwhile.
 daemon_log=$(mktemp)
-build-demo/tools/ostrelled-syncd >"$daemon_log" 2>&1 &
-daemon=$!
+trap 'rm -f "$daemon_log"' EXIT
+source scripts/sync_manager.sh
+start_sync_manager build-demo/tools/ostrelled-syncd "$daemon_log"
+daemon=$sync_manager_pid
 trap 'kill -TERM $daemon 2>/dev/null || true; wait $daemon 2>/dev/null || true; rm -f "$daemon_log"' EXIT
-for _ in $(seq 100); do
-  grep -q serving "$daemon_log" && break
-  kill -0 $daemon 2>/dev/null || { cat "$daemon_log"; echo "the sync manager did not start"; exit 1; }
-  sleep 0.05
-done
 cat "$daemon_log"
 echo "manager's names: $(ls /dev/shm | grep os_mutex_manage | tr '\n' ' ')"
 

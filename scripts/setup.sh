@@ -4,6 +4,8 @@
 set -euo pipefail
 packages=(cmake make g++ clang libclang-rt-dev binutils pkg-config libgtest-dev libgmock-dev
   libbenchmark-dev procps psmisc gawk coreutils zlib1g)
+# The API reference check.
+packages+=(doxygen)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -13,6 +13,12 @@ cmake --build build -j"$jobs"
 
 scripts/check_install.sh build
 
+# Every example program; the named-object ones beside a manager, in private namespaces.
+scripts/run_examples.sh build
+
+# The API reference: every public declaration documented, no Doxygen warning.
+scripts/check_docs.sh build-docs
+
 cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_SANITIZE=ON -DOSTRELLED_BUILD_BENCH=OFF \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-sanitize -j"$jobs"

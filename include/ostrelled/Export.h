@@ -1,7 +1,10 @@
 #ifndef OSTRELLED_EXPORT_H
 #define OSTRELLED_EXPORT_H
 
-// The one marker for everything the library exports; all else is hidden.
+/// @file
+/// The export marker.
+
+/// The one marker for everything the library exports; all else is built hidden.
 #define OSTRELLED_EXPORT __attribute__((visibility("default")))
 
 #endif

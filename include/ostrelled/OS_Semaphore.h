@@ -5,27 +5,30 @@
 
 #include <ostrelled/OS.h>
 
-// A counting semaphore, private to the process or shared by name.
+/// @file
+/// Counting semaphores, anonymous or named (shared between processes).
+
+/// A counting semaphore, private to the process or shared by name.
 class semaphore_handle;
 
 extern "C" {
-// New semaphore holding intInitialCount units; a null name gives an anonymous
-// one. Never null: a named semaphore that could not attach (no sync manager,
-// name over 1023 characters) is returned unattached, and its waits fail. A
-// later opener of a name gets the existing count; its own count is ignored.
+/// New semaphore holding intInitialCount units; a null name gives an anonymous
+/// one. Never null: a named semaphore that could not attach (no sync manager,
+/// name over 1023 characters) is returned unattached, and its waits fail. A
+/// later opener of a name gets the existing count; its own count is ignored.
 OSTRELLED_EXPORT semaphore_handle* os_semaphore_create(int intInitialCount, RT_MODE mode,
                                                        const char* strSemaphoreName);
-// Detaches and frees the handle; a null pointer is ignored, the caller's pointer is nulled.
+/// Detaches and frees the handle; a null pointer is ignored, the caller's pointer is nulled.
 OSTRELLED_EXPORT void os_semaphore_destroy(semaphore_handle*& handle);
-// Whether System V operations are undone by the kernel when this process
-// exits. False only for a null handle.
+/// Whether System V operations are undone by the kernel when this process
+/// exits. False only for a null handle.
 OSTRELLED_EXPORT bool os_semaphore_set_undo_track(semaphore_handle* handle, bool bUndoTrack);
-// Takes one unit, waiting as long as needed. False for a null or unattached handle.
+/// Takes one unit, waiting as long as needed. False for a null or unattached handle.
 OSTRELLED_EXPORT bool os_semaphore_wait(semaphore_handle* handle);
-// Takes one unit before the absolute CLOCK_MONOTONIC time `timeout`; false on
-// time-out and for a null or unattached handle.
+/// Takes one unit before the absolute CLOCK_MONOTONIC time `timeout`; false on
+/// time-out and for a null or unattached handle.
 OSTRELLED_EXPORT bool os_semaphore_wait_timeout(semaphore_handle* handle, timespec timeout);
-// Adds one unit; nothing for a null or unattached handle.
+/// Adds one unit; nothing for a null or unattached handle.
 OSTRELLED_EXPORT void os_semaphore_release(semaphore_handle* handle);
 }
 

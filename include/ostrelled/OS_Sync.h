@@ -3,17 +3,21 @@
 
 #include <ostrelled/OS.h>
 
-// The sync manager: one per machine, it alone creates and unlinks the blocks
-// of named synchronisation objects, on request from every process.
+/// @file
+/// The sync manager that every named object needs: start one per machine, or ask
+/// whether one is reachable.
+
+/// The sync manager: one per machine, it alone creates and unlinks the blocks
+/// of named synchronisation objects, on request from every process.
 class os_sync_manager_handle;
 
 extern "C" {
-// bAsClient true: true when the manager's semaphores and request area can all be
-// opened (nothing is kept open). false: starts a manager in this process and
-// waits up to about a second for it to take requests; false when it cannot start.
-// A second manager call replaces the first without stopping it: call it once.
+/// bAsClient true: true when the manager's semaphores and request area can all be
+/// opened (nothing is kept open). false: starts a manager in this process and
+/// waits up to about a second for it to take requests; false when it cannot start.
+/// A second manager call replaces the first without stopping it: call it once.
 OSTRELLED_EXPORT bool os_sync_environment_initialize(bool bAsClient);
-// Stops this process's manager, unlinking every name it manages; nothing without one.
+/// Stops this process's manager, unlinking every name it manages; nothing without one.
 OSTRELLED_EXPORT void os_sync_environment_uninitialize();
 }
 

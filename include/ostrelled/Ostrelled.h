@@ -1,7 +1,10 @@
 #ifndef OSTRELLED_OSTRELLED_H
 #define OSTRELLED_OSTRELLED_H
 
-// Everything the library offers, in one include.
+/// @file
+/// Everything the library offers, in one include, with the release it came with.
+
+#include <ostrelled/Version.h>
 #include <ostrelled/Types.h>
 #include <ostrelled/StringAssistant.h>
 #include <ostrelled/BStr.h>

@@ -3,19 +3,23 @@
 
 #include <ostrelled/Types.h>
 
-// The thirteen scalar value types in tag order, written once. Every per-type
-// family of the library (setters, readers, type names, sizes, text formats,
-// CVariant's members, container element types) expands from this list.
-//
-// X(name, type, tag, member, format, typeName)
-//   name      suffix of the flat functions: variant_set_<name>, variant_resolve_as_<name>
-//   type      the scalar type of the value
-//   tag       its TVARTYPE
-//   member    its member in TVARIANT's union
-//   format    printf format of its text (narrow types are promoted as arguments)
-//   typeName  its textual type name, as reported through IVariantRead::getType
-//
-// TVT_BSTR ("string") is not a scalar and is handled beside this list.
+/// @file
+/// The list of scalar value types that every per-type family expands from.
+
+/// The thirteen scalar value types in tag order, written once. Every per-type
+/// family of the library (setters, readers, type names, sizes, text formats,
+/// CVariant's members, container element types) expands from this list.
+///
+///     X(name, type, tag, member, format, typeName)
+///
+///     name      suffix of the flat functions: variant_set_<name>, variant_resolve_as_<name>
+///     type      the scalar type of the value
+///     tag       its TVARTYPE
+///     member    its member in TVARIANT's union
+///     format    printf format of its text (narrow types are promoted as arguments)
+///     typeName  its textual type name, as reported through IVariantRead::getType
+///
+/// TVT_BSTR ("string") is not a scalar and is handled beside this list.
 #define OSTRELLED_SCALAR_TYPES(X)                                                  \
   X(char, CHAR, TVT_I1, cVal, "%d", "char")                                        \
   X(byte, BYTE, TVT_UI1, bVal, "%u", "unsigned char")                              \
