@@ -27,6 +27,8 @@ OSTRELLED_EXPORT bool os_event_wait(event_handle* handle);
 // As os_event_wait, giving up at the absolute CLOCK_MONOTONIC time `timeout`
 // (false then). A set event is taken even when the deadline has passed.
 OSTRELLED_EXPORT bool os_event_wait_timeout(event_handle* handle, timespec timeout);
+/// False for null and for a named handle that could not attach; true for an anonymous or attached one.
+OSTRELLED_EXPORT bool os_event_is_attached(const event_handle* handle);
 }
 
 #endif
