@@ -5,7 +5,10 @@
 #include <string>
 #include <thread>
 
+#include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_Semaphore.h>
 
 #include "OS/OS_MutexHandle.h"
 #include "SyncTestSupport.h"
@@ -69,6 +72,122 @@ TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlagsAndItsBlockWhileAHandl
     os_mutex_destroy(second);
     EXPECT_FALSE(shmExists(name)) << "the last detach removes the block";
   }
+}
+
+// A named mutex held by a child process until it is told to let go (or is killed).
+class MutexHolder : public HostedManager, public ::testing::WithParamInterface<unsigned int> {
+ protected:
+  void SetUp() override {
+    HostedManager::SetUp();
+    m_step = static_cast<volatile int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    m_mutex = named(m_name, GetParam());
+    m_holder = startChild([&] {
+      os_mutex_lock(named(m_name));
+      *m_step = 1;
+      while (*m_step != 2) sched_yield();  // bounded by the parent, which kills an overstaying child
+      return 0;  // exits holding it: the next locker repairs it
+    });
+    ASSERT_TRUE(waitUntil([&] { return *m_step == 1; })) << "the holder never locked";
+  }
+  void TearDown() override {
+    waitChild(m_holder, 0.0);
+    os_mutex_destroy(m_mutex);
+    munmap(const_cast<int*>(m_step), 4);
+    HostedManager::TearDown();
+  }
+
+  std::string m_name = uniqueName("held");
+  mutex_handle* m_mutex = nullptr;
+  volatile int* m_step = nullptr;
+  pid_t m_holder = -1;
+};
+
+TEST_P(MutexHolder, TryLockFailsAtOnceWhileAnotherProcessHoldsIt) {
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_mutex_trylock(m_mutex));
+  EXPECT_LT(secondsSince(start), 0.1);
+}
+
+TEST_P(MutexHolder, TimedLockGivesUpAtItsDeadline) {
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_mutex_lock_timeout(m_mutex, deadlineIn(100)));
+  EXPECT_GE(secondsSince(start), 0.095);
+  EXPECT_LT(secondsSince(start), 2.0);
+}
+
+TEST_P(MutexHolder, TimedLockSucceedsWhenTheHolderLetsGoBeforeTheDeadline) {
+  *m_step = 2;  // the holder exits holding the mutex, which counts as letting go
+  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(5000)));
+  os_mutex_unlock(m_mutex);
+}
+
+TEST_P(MutexHolder, TimedLockRepairsAMutexWhoseOwnerWasKilled) {
+  kill(m_holder, SIGKILL);
+  waitChild(m_holder);
+  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(2000)));
+  os_mutex_unlock(m_mutex);
+  EXPECT_TRUE(os_mutex_trylock(m_mutex)) << "consistent after the repair";
+  os_mutex_unlock(m_mutex);
+}
+
+TEST_P(MutexHolder, TryLockRepairsAMutexWhoseOwnerWasKilled) {
+  kill(m_holder, SIGKILL);
+  waitChild(m_holder);
+  EXPECT_TRUE(os_mutex_trylock(m_mutex));
+  os_mutex_unlock(m_mutex);
+  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(-1))) << "consistent after the repair";
+  os_mutex_unlock(m_mutex);
+}
+
+TEST_P(MutexHolder, TimedLockUnderASignalStormWaitsTheFullTime) {
+  EXPECT_TRUE(waitsFullTimeUnderSignals([&](timespec deadline) { return os_mutex_lock_timeout(m_mutex, deadline); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Attributes, MutexHolder,
+                         ::testing::Values(DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE, MUTEX_PRIO_INHERIT,
+                                           MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT));
+
+TEST(Mutex, TryAndTimedLocksOfAnAnonymousMutex) {
+  for (unsigned int flags : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_PRIO_INHERIT}) {
+    mutex_handle* mutex = os_mutex_create(flags, USE_STD, nullptr);
+    EXPECT_TRUE(os_mutex_is_attached(mutex));
+    EXPECT_TRUE(os_mutex_trylock(mutex));
+    std::thread other([&] {
+      EXPECT_FALSE(os_mutex_trylock(mutex));
+      EXPECT_FALSE(os_mutex_lock_timeout(mutex, deadlineIn(20)));
+    });
+    other.join();
+    os_mutex_unlock(mutex);
+    EXPECT_TRUE(os_mutex_lock_timeout(mutex, deadlineIn(-1))) << "a past deadline still takes a free mutex";
+    os_mutex_unlock(mutex);
+    os_mutex_destroy(mutex);
+  }
+}
+
+TEST(Mutex, UnattachedAndNullHandlesRefuseEveryLock) {
+  mutex_handle* unusable[] = {nullptr, os_mutex_create(0, USE_STD, std::string(1024, 'm').c_str())};
+  for (mutex_handle*& mutex : unusable) {
+    EXPECT_FALSE(os_mutex_is_attached(mutex));
+    EXPECT_FALSE(os_mutex_trylock(mutex));
+    EXPECT_FALSE(os_mutex_lock_timeout(mutex, deadlineIn(10)));
+    os_mutex_destroy(mutex);
+  }
+}
+
+TEST_F(NoManager, NoNamedHandleIsAttachedWithoutAManager) {
+  std::string name = uniqueName("alone");
+  mutex_handle* mutex = named(name);
+  rw_mutex_handle* rw = os_rw_mutex_create(USE_STD, name.c_str());
+  semaphore_handle* sem = os_semaphore_create(1, USE_STD, name.c_str());
+  event_handle* event = os_event_create(true, true, USE_STD, name.c_str());
+  EXPECT_FALSE(os_mutex_is_attached(mutex));
+  EXPECT_FALSE(os_rw_mutex_is_attached(rw));
+  EXPECT_FALSE(os_semaphore_is_attached(sem));
+  EXPECT_FALSE(os_event_is_attached(event));
+  os_event_destroy(event);
+  os_semaphore_destroy(sem);
+  os_rw_mutex_destroy(rw);
+  os_mutex_destroy(mutex);
 }
 
 TEST(Condition, WaitEndsOnNotifyOrAtItsDeadlineAndNullHandlesFail) {

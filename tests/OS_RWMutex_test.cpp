@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include <ostrelled/OS_RWMutex.h>
 
@@ -63,6 +65,136 @@ TEST_P(RWMutexVariants, ReadersShareAndGoFirstAWriterIsAloneAndTheLastReaderOutL
 INSTANTIATE_TEST_SUITE_P(Both, RWMutexVariants, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Process" : "Thread"; });
 
+TEST_P(RWMutexVariants, TimedLockUnderASignalStormWaitsTheFullTime) {
+  std::string name = uniqueName("rw");
+  rw_mutex_handle* mutex = os_rw_mutex_create(USE_STD, GetParam() ? name.c_str() : nullptr);
+  EXPECT_TRUE(os_rw_mutex_is_attached(mutex));
+  os_rw_mutex_lock_wr(mutex);
+  EXPECT_TRUE(waitsFullTimeUnderSignals([&](timespec deadline) { return os_rw_mutex_lock_rd_timeout(mutex, deadline); }));
+  os_rw_mutex_unlock(mutex);
+  os_rw_mutex_destroy(mutex);
+}
+
+// A named reader/writer mutex held in a child process: the child locks it as
+// a reader or a writer and lets go when told to (or is killed).
+class RWMutexHolder : public HostedManager {
+ protected:
+  void SetUp() override {
+    HostedManager::SetUp();
+    m_step = static_cast<volatile int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    m_mutex = os_rw_mutex_create(USE_STD, m_name.c_str());
+  }
+  void TearDown() override {
+    if (m_holder > 0) waitChild(m_holder, 0.0);
+    os_rw_mutex_destroy(m_mutex);
+    munmap(const_cast<int*>(m_step), 4);
+    HostedManager::TearDown();
+  }
+  void holdInChild(bool asWriter) {
+    *m_step = 0;
+    m_holder = startChild([&] {
+      rw_mutex_handle* mine = os_rw_mutex_create(USE_STD, m_name.c_str());
+      asWriter ? os_rw_mutex_lock_wr(mine) : os_rw_mutex_lock_rd(mine);
+      *m_step = 1;
+      while (*m_step != 2) sched_yield();  // bounded by the parent, which kills an overstaying child
+      os_rw_mutex_unlock(mine);
+      os_rw_mutex_destroy(mine);
+      return 0;
+    });
+    ASSERT_TRUE(waitUntil([&] { return *m_step == 1; })) << "the holder never locked";
+  }
+  void killHolder() {
+    kill(m_holder, SIGKILL);
+    waitChild(m_holder);
+    m_holder = -1;
+  }
+  // Time a writer blocked on the lock takes to get it once the holder is killed.
+  double secondsForBlockedWriterAfterKill() {
+    std::atomic<bool> in{false};
+    std::thread writer([&] { in = os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(5000)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets the writer block first
+    auto start = std::chrono::steady_clock::now();
+    killHolder();
+    writer.join();
+    double seconds = secondsSince(start);
+    EXPECT_TRUE(in);
+    os_rw_mutex_unlock(m_mutex);
+    return seconds;
+  }
+
+  std::string m_name = uniqueName("rw");
+  rw_mutex_handle* m_mutex = nullptr;
+  volatile int* m_step = nullptr;
+  pid_t m_holder = -1;
+};
+
+TEST_F(RWMutexHolder, AWriterThatDiesHoldingTheLockGivesItBackWithinASecond) {
+  holdInChild(true);
+  EXPECT_LT(secondsForBlockedWriterAfterKill(), 1.2);
+  EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex)) << "nothing of the dead writer is left";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, AReaderThatDiesHoldingTheLockGivesItsShareBackWithinASecond) {
+  holdInChild(false);
+  EXPECT_LT(secondsForBlockedWriterAfterKill(), 1.2);
+  EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "nothing of the dead reader is left";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, ADeadHolderIsFoundByTheNextTryLock) {
+  for (bool asWriter : {true, false}) {
+    holdInChild(asWriter);
+    killHolder();
+    EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "writer " << asWriter;
+    os_rw_mutex_unlock(m_mutex);
+  }
+}
+
+TEST_F(RWMutexHolder, AReaderInAnotherProcessLetsReadersInAndKeepsWritersOut) {
+  holdInChild(false);
+  EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex));
+  os_rw_mutex_unlock(m_mutex);
+  EXPECT_FALSE(os_rw_mutex_trylock_wr(m_mutex));
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(100)));
+  EXPECT_GE(secondsSince(start), 0.095);
+  EXPECT_TRUE(os_rw_mutex_lock_rd_timeout(m_mutex, deadlineIn(-1))) << "the writer that gave up holds nobody back";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, AWriterInAnotherProcessKeepsEverybodyOutUntilItLetsGo) {
+  holdInChild(true);
+  EXPECT_FALSE(os_rw_mutex_trylock_rd(m_mutex));
+  EXPECT_FALSE(os_rw_mutex_trylock_wr(m_mutex));
+  EXPECT_FALSE(os_rw_mutex_lock_rd_timeout(m_mutex, deadlineIn(50)));
+  std::thread letGo([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    *m_step = 2;
+  });
+  EXPECT_TRUE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(5000)));
+  letGo.join();
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, SurvivorsCarryOnWhileReadersAndWritersAreKilledAtRandom) {
+  auto use = [&](bool asWriter) {
+    return [&, asWriter] {
+      asWriter ? os_rw_mutex_lock_wr(m_mutex) : os_rw_mutex_lock_rd(m_mutex);
+      usleep(100);
+      os_rw_mutex_unlock(m_mutex);
+      usleep(400);
+    };
+  };
+  {
+    KillLoop loop({use(false), use(false), use(true), use(true)});
+    EXPECT_TRUE(loop.allProgress());
+    EXPECT_TRUE(loop.killRandomly(15));
+  }
+  EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "every share of the dead is given back";
+  os_rw_mutex_unlock(m_mutex);
+}
+
 TEST(RWMutex, UnusableHandlesDoNothing) {
   rw_mutex_handle* unusable[] = {nullptr, os_rw_mutex_create(USE_STD, std::string(1024, 'r').c_str())};
   EXPECT_TRUE(startWaiters(2, [&](int i) {
@@ -72,5 +204,10 @@ TEST(RWMutex, UnusableHandlesDoNothing) {
                 os_rw_mutex_unlock(unusable[i]);
                 return true;
               })->allFinish());
-  for (rw_mutex_handle*& mutex : unusable) os_rw_mutex_destroy(mutex);
+  for (rw_mutex_handle*& mutex : unusable) {
+    EXPECT_FALSE(os_rw_mutex_is_attached(mutex));
+    EXPECT_FALSE(os_rw_mutex_trylock_rd(mutex));
+    EXPECT_FALSE(os_rw_mutex_lock_wr_timeout(mutex, deadlineIn(10)));
+    os_rw_mutex_destroy(mutex);
+  }
 }
