@@ -3,9 +3,12 @@
 
 #include <atomic>
 #include <string>
+#include <cstring>
+#include <vector>
 #include <thread>
 
 #include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_ShareMemory.h>
 
 #include "SyncTestSupport.h"
 
@@ -193,6 +196,33 @@ TEST_F(RWMutexHolder, SurvivorsCarryOnWhileReadersAndWritersAreKilledAtRandom) {
   }
   EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "every share of the dead is given back";
   os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, ADamagedBlockIsRepairedNotFollowedIntoAHang) {
+  pid_t gone = startChild([] { return 0; });
+  waitChild(gone);  // reaped: its pid names nobody now
+  // Counts that no live holder accounts for: a reader entry of the dead, one
+  // with a negative pid, untracked readers beyond the count, a writer flag
+  // without a writer, and the other way round.
+  const std::vector<std::pair<unsigned int, int32_t>> damage[] = {
+      {{4, 3}, {56, gone}, {60, 3}},
+      {{4, 2}, {64, -5}, {68, 2}},
+      {{4, 0}, {88, 1000}},
+      {{8, 1}},
+      {{8, 0}, {52, gone}},
+  };
+  sharememory_handle* block = os_sharememory_open(m_name.c_str(), USE_STD);
+  ASSERT_NE(block, nullptr);
+  auto* bytes = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
+  for (const auto& fields : damage) {
+    for (const auto& field : fields) memcpy(bytes + field.first, &field.second, sizeof(field.second));
+    EXPECT_TRUE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(2000))) << "damage " << &fields - damage;
+    os_rw_mutex_unlock(m_mutex);
+    EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex));
+    os_rw_mutex_unlock(m_mutex);
+  }
+  os_sharememory_close(block, false);
+  os_sharememory_destroy(block);
 }
 
 TEST(RWMutex, UnusableHandlesDoNothing) {

@@ -235,12 +235,7 @@ void event_handle::resetEvent() {
 bool event_handle::wait(const timespec* deadline) {
   if (!usable() || !lockMutex()) return false;
   timespec normalised{};
-  if (deadline != nullptr) {
-    // An out-of-range tv_nsec would make every timed call fail at once.
-    normalised = *deadline;
-    os_clock_adjust_clock_time(&normalised);
-    deadline = &normalised;
-  }
+  deadline = OS::Private::normalisedDeadline(deadline, normalised);
   while (!*m_pIsSetEvent) {
     OS::Private::Slept slept = m_pWakeup->sleep(m_pMutex, deadline);
     if (slept == OS::Private::Slept::LockLost) return false;

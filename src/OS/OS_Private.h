@@ -85,6 +85,15 @@ inline bool isEarlier(const timespec& a, const timespec& b) {
   return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
 }
 
+// A caller's deadline (null: none) in normal form, kept in `storage`: an
+// out-of-range tv_nsec would make every timed call fail at once.
+inline const timespec* normalisedDeadline(const timespec* deadline, timespec& storage) {
+  if (deadline == nullptr) return nullptr;
+  storage = *deadline;
+  os_clock_adjust_clock_time(&storage);
+  return &storage;
+}
+
 // Whether an absolute CLOCK_MONOTONIC deadline has been reached.
 inline bool hasPassed(const timespec& deadline, RT_MODE mode = USE_STD) {
   timespec left = timeLeftUntil(deadline, mode);

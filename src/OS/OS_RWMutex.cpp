@@ -229,40 +229,30 @@ bool rw_mutex_handle::lockRef() {
   return locked != OS::Private::Locked::Failed;
 }
 
-// Makes the counts agree with the recorded holders, then gives back the
-// shares of the dead. Only a named block gets here (its mutex is robust).
+// After a holder died inside the ref mutex: its record may be half-written.
 void rw_mutex_handle::repair() {
-  Holders holders(m_pHolders);
-  unsigned int readers = holders.untracked();
-  for (int i = 0; i < kTrackedReaders; ++i) {
-    ReaderEntry& entry = holders.reader(i);
-    if (entry.pid <= 0 || entry.count == 0) entry = ReaderEntry{0, 0};
-    readers += entry.count;
-  }
-  readCount() = readers;
-  writeFlag() = holders.writer() > 0 ? 1 : 0;
-  if (holders.writer() < 0) holders.writer() = 0;
   sweepDead();
   m_allow.broadcast();
 }
 
-// True when a dead holder's share was given back (the others are woken then).
+// Makes the counts agree with the recorded holders (every change keeps them
+// agreed under the ref mutex, so a difference is damage), then gives back the
+// shares of the dead. True when that freed something (the others are woken then).
 bool rw_mutex_handle::sweepDead() {
   if (m_pHolders == nullptr) return false;
   Holders holders(m_pHolders);
-  bool freed = false;
-  if (holders.writer() != 0 && isDead(holders.writer())) {
-    holders.writer() = 0;
-    writeFlag() = 0;
-    freed = true;
-  }
+  // Readers beyond the table cannot be checked; at most the count can be believed.
+  if (holders.untracked() > readCount()) holders.untracked() = readCount();
+  unsigned int readers = holders.untracked(), writer = writeFlag();
+  if (holders.writer() < 0 || (holders.writer() != 0 && isDead(holders.writer()))) holders.writer() = 0;
+  writeFlag() = holders.writer() != 0 ? 1 : 0;
   for (int i = 0; i < kTrackedReaders; ++i) {
     ReaderEntry& entry = holders.reader(i);
-    if (entry.pid == 0 || !isDead(entry.pid)) continue;
-    readCount() -= entry.count < readCount() ? entry.count : readCount();
-    entry = ReaderEntry{0, 0};
-    freed = true;
+    if (entry.pid <= 0 || entry.count == 0 || isDead(entry.pid)) entry = ReaderEntry{0, 0};
+    readers += entry.count;
   }
+  bool freed = readers < readCount() || writeFlag() < writer;
+  readCount() = readers;
   if (freed) m_allow.broadcast();
   return freed;
 }
@@ -283,11 +273,7 @@ bool rw_mutex_handle::waitAllowed(const timespec* deadline) {
 bool rw_mutex_handle::lock(bool asWriter, const timespec* deadline) {
   if (!attached() || !lockRef()) return false;
   timespec normalised{};
-  if (deadline != nullptr) {
-    normalised = *deadline;
-    os_clock_adjust_clock_time(&normalised);
-    deadline = &normalised;
-  }
+  deadline = OS::Private::normalisedDeadline(deadline, normalised);
   // A waiting writer is recorded nowhere, so it never holds readers back,
   // and one that gives up leaves nothing to undo.
   while (blocked(asWriter)) {

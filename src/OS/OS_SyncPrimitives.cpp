@@ -83,8 +83,8 @@ bool PosixSemaphore::take(const timespec* deadline) {
   // which costs as much as the take itself.
   if (sem_trywait(m_pSem) == 0) return true;
   if (deadline == nullptr) return retryOnEintr([&] { return sem_wait(m_pSem); }) == 0;
-  timespec normalised = *deadline;
-  os_clock_adjust_clock_time(&normalised);
+  timespec normalised{};
+  normalisedDeadline(deadline, normalised);
   // Absolute, so a retry after a signal waits only for what is left.
   return retryOnEintr([&] { return sem_clockwait(m_pSem, CLOCK_MONOTONIC, &normalised); }) == 0;
 }
