@@ -215,9 +215,11 @@ bool event_handle::lockMutex() {
 void event_handle::setEvent() {
   if (!usable() || !lockMutex()) return;
   // Only the change from clear to set wakes anybody: a second set is absorbed.
+  // The sleepers are woken first: they need the mutex to look at the flag, so
+  // a setter that dies in between leaves either no set or a set they will see.
   if (!*m_pIsSetEvent) {
-    *m_pIsSetEvent = true;
     m_pWakeup->wakeAll();
+    *m_pIsSetEvent = true;
   }
   unlockMutex();
 }

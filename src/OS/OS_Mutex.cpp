@@ -84,11 +84,14 @@ bool lockFailed(pthread_mutex_t* mutex, int result) {
   return false;
 }
 
+// Unlike lockFailed, a repaired mutex stays held: its caller mends what the
+// dead holder left before anybody else may look at it.
 Locked lockRepairing(pthread_mutex_t* mutex) {
   int result = pthread_mutex_lock(mutex);
   if (__builtin_expect(result == 0, 1)) return Locked::Held;
-  if (!lockFailed(mutex, result)) return Locked::Failed;
-  return result == EOWNERDEAD ? Locked::Repaired : Locked::Held;
+  if (result == EOWNERDEAD) return markConsistent(mutex) ? Locked::Repaired : Locked::Failed;
+  lockFailed(mutex, result);
+  return Locked::Failed;
 }
 
 // Busy and timed out are the ordinary "no"; anything else is worth the lock's error line.
@@ -165,6 +168,9 @@ bool os_mutex_trylock(mutex_handle* handle) {
 // clock to the kernel's FUTEX_LOCK_PI2 (Linux 5.14 on).
 bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return false;
+  // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
+  if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= OS::Private::kNanosPerSecond, 0))
+    os_clock_adjust_clock_time(&deadline);
   return OS::Private::tookMutex(handle->m_pMutex, pthread_mutex_clocklock(handle->m_pMutex, CLOCK_MONOTONIC, &deadline));
 }
 

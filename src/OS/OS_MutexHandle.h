@@ -45,7 +45,8 @@ bool lockFailed(pthread_mutex_t* mutex, int result);
 // How a lock of a mutex that guards shared state went. Repaired: the previous
 // holder died inside, so the state it guards may be half-written.
 enum class Locked { Failed, Held, Repaired };
-// lockRecovering, telling a repair apart.
+// lockRecovering, telling a repair apart; a repaired mutex is not retaken, so
+// nobody sees the state it guards before the caller has mended it.
 Locked lockRepairing(pthread_mutex_t* mutex);
 
 // The answer of pthread_mutex_trylock or pthread_mutex_clocklock as a bool:
