@@ -74,32 +74,25 @@ TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlagsAndItsBlockWhileAHandl
   }
 }
 
-// A named mutex held by a child process until it is told to let go (or is killed).
+// A named mutex held by a child process until it lets go (exiting while it
+// holds the mutex, so that the next locker repairs it) or is killed.
 class MutexHolder : public HostedManager, public ::testing::WithParamInterface<unsigned int> {
  protected:
   void SetUp() override {
     HostedManager::SetUp();
-    m_step = static_cast<volatile int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     m_mutex = named(m_name, GetParam());
-    m_holder = startChild([&] {
-      os_mutex_lock(named(m_name));
-      *m_step = 1;
-      while (*m_step != 2) sched_yield();  // bounded by the parent, which kills an overstaying child
-      return 0;  // exits holding it: the next locker repairs it
-    });
-    ASSERT_TRUE(waitUntil([&] { return *m_step == 1; })) << "the holder never locked";
+    m_holder = std::make_unique<HeldInChild>([&] { os_mutex_lock(named(m_name)); }, [] {});
+    ASSERT_TRUE(m_holder->held()) << "the holder never locked";
   }
   void TearDown() override {
-    waitChild(m_holder, 0.0);
+    m_holder.reset();
     os_mutex_destroy(m_mutex);
-    munmap(const_cast<int*>(m_step), 4);
     HostedManager::TearDown();
   }
 
   std::string m_name = uniqueName("held");
   mutex_handle* m_mutex = nullptr;
-  volatile int* m_step = nullptr;
-  pid_t m_holder = -1;
+  std::unique_ptr<HeldInChild> m_holder;
 };
 
 TEST_P(MutexHolder, TryLockFailsAtOnceWhileAnotherProcessHoldsIt) {
@@ -116,14 +109,13 @@ TEST_P(MutexHolder, TimedLockGivesUpAtItsDeadline) {
 }
 
 TEST_P(MutexHolder, TimedLockSucceedsWhenTheHolderLetsGoBeforeTheDeadline) {
-  *m_step = 2;  // the holder exits holding the mutex, which counts as letting go
+  m_holder->letGo();
   EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(5000)));
   os_mutex_unlock(m_mutex);
 }
 
 TEST_P(MutexHolder, TimedLockRepairsAMutexWhoseOwnerWasKilled) {
-  kill(m_holder, SIGKILL);
-  waitChild(m_holder);
+  m_holder->kill();
   EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(2000)));
   os_mutex_unlock(m_mutex);
   EXPECT_TRUE(os_mutex_trylock(m_mutex)) << "consistent after the repair";
@@ -131,8 +123,7 @@ TEST_P(MutexHolder, TimedLockRepairsAMutexWhoseOwnerWasKilled) {
 }
 
 TEST_P(MutexHolder, TryLockRepairsAMutexWhoseOwnerWasKilled) {
-  kill(m_holder, SIGKILL);
-  waitChild(m_holder);
+  m_holder->kill();
   EXPECT_TRUE(os_mutex_trylock(m_mutex));
   os_mutex_unlock(m_mutex);
   EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(-1))) << "consistent after the repair";

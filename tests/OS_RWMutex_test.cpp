@@ -78,38 +78,24 @@ TEST_P(RWMutexVariants, TimedLockUnderASignalStormWaitsTheFullTime) {
   os_rw_mutex_destroy(mutex);
 }
 
-// A named reader/writer mutex held in a child process: the child locks it as
-// a reader or a writer and lets go when told to (or is killed).
+// A named reader/writer mutex held in a child process as a reader or a writer.
 class RWMutexHolder : public HostedManager {
  protected:
   void SetUp() override {
     HostedManager::SetUp();
-    m_step = static_cast<volatile int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     m_mutex = os_rw_mutex_create(USE_STD, m_name.c_str());
   }
   void TearDown() override {
-    if (m_holder > 0) waitChild(m_holder, 0.0);
+    m_holder.reset();
     os_rw_mutex_destroy(m_mutex);
-    munmap(const_cast<int*>(m_step), 4);
     HostedManager::TearDown();
   }
   void holdInChild(bool asWriter) {
-    *m_step = 0;
-    m_holder = startChild([&] {
-      rw_mutex_handle* mine = os_rw_mutex_create(USE_STD, m_name.c_str());
-      asWriter ? os_rw_mutex_lock_wr(mine) : os_rw_mutex_lock_rd(mine);
-      *m_step = 1;
-      while (*m_step != 2) sched_yield();  // bounded by the parent, which kills an overstaying child
-      os_rw_mutex_unlock(mine);
-      os_rw_mutex_destroy(mine);
-      return 0;
-    });
-    ASSERT_TRUE(waitUntil([&] { return *m_step == 1; })) << "the holder never locked";
-  }
-  void killHolder() {
-    kill(m_holder, SIGKILL);
-    waitChild(m_holder);
-    m_holder = -1;
+    m_holder.reset();
+    rw_mutex_handle* mine = m_mutex;  // the child's copy of the handle, attached before the fork
+    m_holder = std::make_unique<HeldInChild>([=] { asWriter ? os_rw_mutex_lock_wr(mine) : os_rw_mutex_lock_rd(mine); },
+                                             [=] { os_rw_mutex_unlock(mine); });
+    ASSERT_TRUE(m_holder->held()) << "the holder never locked";
   }
   // Time a writer blocked on the lock takes to get it once the holder is killed.
   double secondsForBlockedWriterAfterKill() {
@@ -117,7 +103,7 @@ class RWMutexHolder : public HostedManager {
     std::thread writer([&] { in = os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(5000)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets the writer block first
     auto start = std::chrono::steady_clock::now();
-    killHolder();
+    m_holder->kill();
     writer.join();
     double seconds = secondsSince(start);
     EXPECT_TRUE(in);
@@ -127,8 +113,7 @@ class RWMutexHolder : public HostedManager {
 
   std::string m_name = uniqueName("rw");
   rw_mutex_handle* m_mutex = nullptr;
-  volatile int* m_step = nullptr;
-  pid_t m_holder = -1;
+  std::unique_ptr<HeldInChild> m_holder;
 };
 
 TEST_F(RWMutexHolder, AWriterThatDiesHoldingTheLockGivesItBackWithinASecond) {
@@ -148,7 +133,7 @@ TEST_F(RWMutexHolder, AReaderThatDiesHoldingTheLockGivesItsShareBackWithinASecon
 TEST_F(RWMutexHolder, ADeadHolderIsFoundByTheNextTryLock) {
   for (bool asWriter : {true, false}) {
     holdInChild(asWriter);
-    killHolder();
+    m_holder->kill();
     EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "writer " << asWriter;
     os_rw_mutex_unlock(m_mutex);
   }
@@ -173,7 +158,7 @@ TEST_F(RWMutexHolder, AWriterInAnotherProcessKeepsEverybodyOutUntilItLetsGo) {
   EXPECT_FALSE(os_rw_mutex_lock_rd_timeout(m_mutex, deadlineIn(50)));
   std::thread letGo([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    *m_step = 2;
+    m_holder->letGo();
   });
   EXPECT_TRUE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(5000)));
   letGo.join();

@@ -102,6 +102,38 @@ inline std::shared_ptr<Waiters> startWaiters(int count, const std::function<bool
   return waiters;
 }
 
+// A child process that takes an object with lock() and holds it until it is
+// told to let go (then it runs unlock() and exits) or is killed.
+class HeldInChild {
+ public:
+  HeldInChild(const std::function<void()>& lock, const std::function<void()>& unlock)
+      : m_step(static_cast<int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    m_pid = startChild([&] {
+      lock();
+      *m_step = 1;
+      while (*m_step != 2) sched_yield();  // bounded by the parent, which kills an overstaying child
+      unlock();
+      return 0;
+    });
+  }
+  ~HeldInChild() {
+    letGo();
+    waitChild(m_pid);
+    munmap(const_cast<int*>(m_step), 4);
+  }
+  bool held() const { return waitUntil([&] { return *m_step == 1; }); }
+  void letGo() { *m_step = 2; }
+  // Killed and reaped: a zombie would still count as a holder.
+  void kill() {
+    ::kill(m_pid, SIGKILL);
+    waitChild(m_pid);
+  }
+
+ private:
+  volatile int* m_step;
+  pid_t m_pid;
+};
+
 // Processes that keep using one object while some of them are killed with
 // SIGKILL at random moments. Each child runs its role's round in a loop and
 // counts the rounds on a shared page; a killed child is replaced by a new one

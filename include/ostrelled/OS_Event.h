@@ -5,7 +5,9 @@
 
 #include <ostrelled/OS.h>
 
-// A manual- or auto-reset event, private to the process or shared by name.
+/// A manual- or auto-reset event, private to the process or shared by name.
+/// A named event keeps working for the others when a process using it dies
+/// at any moment, inside a wait, a set or a reset.
 class event_handle;
 
 extern "C" {

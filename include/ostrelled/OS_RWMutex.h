@@ -1,9 +1,9 @@
 #ifndef OSTRELLED_OS_RWMUTEX_H
 #define OSTRELLED_OS_RWMUTEX_H
 
-#include <ostrelled/OS.h>
-
 #include <time.h>
+
+#include <ostrelled/OS.h>
 
 /// Many readers or one writer, among threads (anonymous) or processes (named).
 /// A named one gives back the share of a holder process that died: the next
@@ -13,26 +13,26 @@
 /// up to OS_RW_MUTEX_TRACKED_READERS at once; a reader process beyond that
 /// still gets in, but if it dies holding the lock its share is never given
 /// back. A process that died but has not yet been reaped by its parent (a
-/// zombie) still counts as a holder.
+/// zombie) still counts as a holder, as does one whose pid was already reused.
 class rw_mutex_handle;
 
 /// How many reader processes a named reader/writer mutex records at once.
-#define OS_RW_MUTEX_TRACKED_READERS 9
+constexpr int OS_RW_MUTEX_TRACKED_READERS = 9;
 
 extern "C" {
-// New reader/writer mutex; a null name gives one for the threads of this
-// process. Never null: a named one that could not attach is returned
-// unattached, and its lock and unlock calls do nothing.
+/// New reader/writer mutex; never null: a named one that could not attach is
+/// returned unattached, and its lock and unlock calls do nothing. A null name
+/// gives one for the threads of this process.
 OSTRELLED_EXPORT rw_mutex_handle* os_rw_mutex_create(RT_MODE mode, const char* strMutexName);
-// Detaches and frees the handle; a null pointer is ignored, the caller's pointer is nulled.
+/// Detaches and frees the handle; a null pointer is ignored, the caller's pointer is nulled.
 OSTRELLED_EXPORT void os_rw_mutex_destroy(rw_mutex_handle*& handle);
-// Enters as a reader. Readers are preferred: a waiting writer does not hold
-// new readers back, so writers can starve.
+/// Enters as a reader. Readers are preferred: a waiting writer does not hold
+/// new readers back, so writers can starve.
 OSTRELLED_EXPORT void os_rw_mutex_lock_rd(rw_mutex_handle* handle);
-// Enters as the only writer, once no reader and no writer is inside.
+/// Enters as the only writer, once no reader and no writer is inside.
 OSTRELLED_EXPORT void os_rw_mutex_lock_wr(rw_mutex_handle* handle);
-// Leaves, as a reader or as the writer (one call serves both). The last reader
-// out may be another thread or process than the first one in.
+/// Leaves, as a reader or as the writer (one call serves both). The last reader
+/// out may be another thread or process than the first one in.
 OSTRELLED_EXPORT void os_rw_mutex_unlock(rw_mutex_handle* handle);
 /// Enters as a reader only if no writer is inside (readers are preferred: a
 /// waiting writer does not count); false at once otherwise, or for a null or unattached handle.

@@ -41,6 +41,7 @@ struct ReaderEntry {
 };
 constexpr int kReadersBeforeWord = (kUntrackedAt - kReadersAt) / sizeof(ReaderEntry);
 constexpr int kTrackedReaders = kReadersBeforeWord + (kBlockSize - kMoreReadersAt) / sizeof(ReaderEntry);
+static_assert(kWriteFlagAt == kReadCountAt + sizeof(unsigned int), "bind takes the two counts as a pair");
 static_assert(kRefMutexAt + sizeof(pthread_mutex_t) == kWriterPidAt, "the ref mutex ends where the holders begin");
 static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states the table's size");
 
