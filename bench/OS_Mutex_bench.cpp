@@ -8,6 +8,7 @@
 #include <string>
 
 #include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_RWMutex.h>
 #include <ostrelled/OS_Sync.h>
 
 namespace {
@@ -21,6 +22,37 @@ void BM_NamedMutexLockUnlock(benchmark::State& state) {
     os_mutex_unlock(mutex);
   }
   os_mutex_destroy(mutex);
+}
+
+void BM_NamedMutexTrylockUnlock(benchmark::State& state) {
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, (kNamePrefix + "_try").c_str());
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(os_mutex_trylock(mutex));
+    os_mutex_unlock(mutex);
+  }
+  os_mutex_destroy(mutex);
+}
+
+// Uncontended: the deadline is never looked at.
+void BM_NamedMutexLockTimeoutUnlock(benchmark::State& state) {
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, (kNamePrefix + "_timed").c_str());
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += 3600;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(os_mutex_lock_timeout(mutex, deadline));
+    os_mutex_unlock(mutex);
+  }
+  os_mutex_destroy(mutex);
+}
+
+void BM_NamedRWMutexReaderLockUnlock(benchmark::State& state) {
+  rw_mutex_handle* rw = os_rw_mutex_create(USE_DEFAULT, (kNamePrefix + "_rw").c_str());
+  for (auto _ : state) {
+    os_rw_mutex_lock_rd(rw);
+    os_rw_mutex_unlock(rw);
+  }
+  os_rw_mutex_destroy(rw);
 }
 
 // The same layout as a named mutex block: a 4-byte count, then the mutex.
@@ -88,6 +120,9 @@ void BM_RawShmLife(benchmark::State& state) {
 }
 
 BENCHMARK(BM_NamedMutexLockUnlock);
+BENCHMARK(BM_NamedMutexTrylockUnlock);
+BENCHMARK(BM_NamedMutexLockTimeoutUnlock);
+BENCHMARK(BM_NamedRWMutexReaderLockUnlock);
 BENCHMARK(BM_RawRobustSharedMutexLockUnlock);
 BENCHMARK(BM_AnonymousMutexLockUnlock);
 BENCHMARK(BM_RawPrivateMutexLockUnlock);

@@ -49,6 +49,12 @@ TEST_P(EventKinds, ManualResetReleasesAllAndStaysSetUntilReset) {
   os_event_destroy(event);
 }
 
+TEST_P(EventKinds, UsableHandleIsAttached) {
+  event_handle* event = make(false, false);
+  EXPECT_TRUE(os_event_is_attached(event));
+  os_event_destroy(event);
+}
+
 TEST_P(EventKinds, InitialStateAndPastDeadlines) {
   // manual, initial, then what two waits with past deadlines answer
   const bool rows[][4] = {{false, false, false, false}, {false, true, true, false}, {true, false, false, false},
@@ -79,6 +85,43 @@ TEST_P(EventKinds, SetInOneProcessWakesAWaiterInAnother) {
   EXPECT_FALSE(shmExists(m_name)) << "the last detach removes the block";
 }
 
+TEST_P(EventKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideSetWaitAndReset) {
+  if (GetParam() == Anonymous) GTEST_SKIP() << "an anonymous event stays in its process";
+  for (bool manual : {false, true}) {
+    m_name = uniqueName("event");
+    event_handle* event = make(manual, false);
+    {
+      auto set = [&] {
+        os_event_set_event(event);
+        usleep(300);
+      };
+      auto wait = [&] {
+        os_event_wait(event);
+        if (manual) os_event_reset_event(event);
+      };
+      KillLoop loop({set, set, wait, wait, wait});
+      EXPECT_TRUE(loop.allProgress()) << "manual " << manual;
+      EXPECT_TRUE(loop.killRandomly(12, manual ? 7 : 3)) << "manual " << manual;
+    }
+    // A process that opens the name afterwards finds a working event.
+    EXPECT_EQ(runChild([&] {
+                event_handle* mine = make(manual, false);
+                os_event_set_event(mine);
+                bool woken = os_event_wait_timeout(mine, deadlineIn(2000));
+                os_event_destroy(mine);
+                return woken ? 0 : 1;
+              }),
+              0);
+    os_event_destroy(event);
+  }
+}
+
+TEST_P(EventKinds, TimedWaitUnderASignalStormWaitsTheFullTime) {
+  event_handle* event = make(false, false);
+  EXPECT_TRUE(waitsFullTimeUnderSignals([&](timespec deadline) { return os_event_wait_timeout(event, deadline); }));
+  os_event_destroy(event);
+}
+
 INSTANTIATE_TEST_SUITE_P(All, EventKinds, ::testing::Values(Anonymous, NamedCondition, NamedPosix, NamedSysV),
                          [](const auto& info) { return kKindNames[info.param]; });
 
@@ -93,6 +136,7 @@ TEST_F(HostedManager, UnusableEventsAnswerFalseAndIgnoreTheRest) {
     os_event_reset_event(event);
     EXPECT_FALSE(os_event_wait(event));
     EXPECT_FALSE(os_event_wait_timeout(event, deadlineIn(10)));
+    EXPECT_FALSE(os_event_is_attached(event));
     os_event_destroy(event);
   }
 }

@@ -5,7 +5,10 @@
 #include <string>
 #include <thread>
 
+#include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_Semaphore.h>
 
 #include "OS/OS_MutexHandle.h"
 #include "SyncTestSupport.h"
@@ -69,6 +72,113 @@ TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlagsAndItsBlockWhileAHandl
     os_mutex_destroy(second);
     EXPECT_FALSE(shmExists(name)) << "the last detach removes the block";
   }
+}
+
+// A named mutex held by a child process until it lets go (exiting while it
+// holds the mutex, so that the next locker repairs it) or is killed.
+class MutexHolder : public HostedManager, public ::testing::WithParamInterface<unsigned int> {
+ protected:
+  void SetUp() override {
+    HostedManager::SetUp();
+    m_mutex = named(m_name, GetParam());
+    m_holder = std::make_unique<HeldInChild>([&] { os_mutex_lock(named(m_name)); }, [] {});
+    ASSERT_TRUE(m_holder->held()) << "the holder never locked";
+  }
+  void TearDown() override {
+    m_holder.reset();
+    os_mutex_destroy(m_mutex);
+    HostedManager::TearDown();
+  }
+
+  std::string m_name = uniqueName("held");
+  mutex_handle* m_mutex = nullptr;
+  std::unique_ptr<HeldInChild> m_holder;
+};
+
+TEST_P(MutexHolder, TryLockFailsAtOnceWhileAnotherProcessHoldsIt) {
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_mutex_trylock(m_mutex));
+  EXPECT_LT(secondsSince(start), 0.1);
+}
+
+TEST_P(MutexHolder, TimedLockGivesUpAtItsDeadline) {
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_mutex_lock_timeout(m_mutex, deadlineIn(100)));
+  EXPECT_GE(secondsSince(start), 0.095);
+  EXPECT_LT(secondsSince(start), 2.0);
+}
+
+TEST_P(MutexHolder, TimedLockSucceedsWhenTheHolderLetsGoBeforeTheDeadline) {
+  m_holder->letGo();
+  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(5000)));
+  os_mutex_unlock(m_mutex);
+}
+
+TEST_P(MutexHolder, TimedLockRepairsAMutexWhoseOwnerWasKilled) {
+  m_holder->kill();
+  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(2000)));
+  os_mutex_unlock(m_mutex);
+  EXPECT_TRUE(os_mutex_trylock(m_mutex)) << "consistent after the repair";
+  os_mutex_unlock(m_mutex);
+}
+
+TEST_P(MutexHolder, TryLockRepairsAMutexWhoseOwnerWasKilled) {
+  m_holder->kill();
+  EXPECT_TRUE(os_mutex_trylock(m_mutex));
+  os_mutex_unlock(m_mutex);
+  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(-1))) << "consistent after the repair";
+  os_mutex_unlock(m_mutex);
+}
+
+TEST_P(MutexHolder, TimedLockUnderASignalStormWaitsTheFullTime) {
+  EXPECT_TRUE(waitsFullTimeUnderSignals([&](timespec deadline) { return os_mutex_lock_timeout(m_mutex, deadline); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Attributes, MutexHolder,
+                         ::testing::Values(DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE, MUTEX_PRIO_INHERIT,
+                                           MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT));
+
+TEST(Mutex, TryAndTimedLocksOfAnAnonymousMutex) {
+  for (unsigned int flags : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_PRIO_INHERIT}) {
+    mutex_handle* mutex = os_mutex_create(flags, USE_STD, nullptr);
+    EXPECT_TRUE(os_mutex_is_attached(mutex));
+    EXPECT_TRUE(os_mutex_trylock(mutex));
+    std::thread other([&] {
+      EXPECT_FALSE(os_mutex_trylock(mutex));
+      EXPECT_FALSE(os_mutex_lock_timeout(mutex, deadlineIn(20)));
+    });
+    other.join();
+    os_mutex_unlock(mutex);
+    EXPECT_TRUE(os_mutex_lock_timeout(mutex, deadlineIn(-1))) << "a past deadline still takes a free mutex";
+    os_mutex_unlock(mutex);
+    os_mutex_destroy(mutex);
+  }
+}
+
+TEST(Mutex, UnattachedAndNullHandlesRefuseEveryLock) {
+  mutex_handle* unusable[] = {nullptr, os_mutex_create(0, USE_STD, std::string(1024, 'm').c_str())};
+  for (mutex_handle*& mutex : unusable) {
+    EXPECT_FALSE(os_mutex_is_attached(mutex));
+    EXPECT_FALSE(os_mutex_trylock(mutex));
+    EXPECT_FALSE(os_mutex_lock_timeout(mutex, deadlineIn(10)));
+    os_mutex_destroy(mutex);
+  }
+}
+
+TEST_F(NoManager, NoNamedHandleIsAttachedWithoutAManager) {
+  std::string name = uniqueName("alone");
+  mutex_handle* mutex = named(name);
+  rw_mutex_handle* rw = os_rw_mutex_create(USE_STD, name.c_str());
+  semaphore_handle* sem = os_semaphore_create(1, USE_STD, name.c_str());
+  event_handle* event = os_event_create(true, true, USE_STD, name.c_str());
+  EXPECT_FALSE(os_mutex_is_attached(mutex));
+  EXPECT_FALSE(os_rw_mutex_is_attached(rw));
+  EXPECT_FALSE(os_semaphore_is_attached(sem));
+  EXPECT_FALSE(os_event_is_attached(event));
+  os_event_destroy(event);
+  os_semaphore_destroy(sem);
+  os_rw_mutex_destroy(rw);
+  os_mutex_destroy(mutex);
 }
 
 TEST(Condition, WaitEndsOnNotifyOrAtItsDeadlineAndNullHandlesFail) {

@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <atomic>
 #include <string>
+#include <cstring>
+#include <vector>
+#include <thread>
 
 #include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_ShareMemory.h>
 
 #include "SyncTestSupport.h"
 
@@ -63,6 +68,148 @@ TEST_P(RWMutexVariants, ReadersShareAndGoFirstAWriterIsAloneAndTheLastReaderOutL
 INSTANTIATE_TEST_SUITE_P(Both, RWMutexVariants, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Process" : "Thread"; });
 
+TEST_P(RWMutexVariants, TimedLockUnderASignalStormWaitsTheFullTime) {
+  std::string name = uniqueName("rw");
+  rw_mutex_handle* mutex = os_rw_mutex_create(USE_STD, GetParam() ? name.c_str() : nullptr);
+  EXPECT_TRUE(os_rw_mutex_is_attached(mutex));
+  os_rw_mutex_lock_wr(mutex);
+  EXPECT_TRUE(waitsFullTimeUnderSignals([&](timespec deadline) { return os_rw_mutex_lock_rd_timeout(mutex, deadline); }));
+  os_rw_mutex_unlock(mutex);
+  os_rw_mutex_destroy(mutex);
+}
+
+// A named reader/writer mutex held in a child process as a reader or a writer.
+class RWMutexHolder : public HostedManager {
+ protected:
+  void SetUp() override {
+    HostedManager::SetUp();
+    m_mutex = os_rw_mutex_create(USE_STD, m_name.c_str());
+  }
+  void TearDown() override {
+    m_holder.reset();
+    os_rw_mutex_destroy(m_mutex);
+    HostedManager::TearDown();
+  }
+  void holdInChild(bool asWriter) {
+    m_holder.reset();
+    rw_mutex_handle* mine = m_mutex;  // the child's copy of the handle, attached before the fork
+    m_holder = std::make_unique<HeldInChild>([=] { asWriter ? os_rw_mutex_lock_wr(mine) : os_rw_mutex_lock_rd(mine); },
+                                             [=] { os_rw_mutex_unlock(mine); });
+    ASSERT_TRUE(m_holder->held()) << "the holder never locked";
+  }
+  // Time a writer blocked on the lock takes to get it once the holder is killed.
+  double secondsForBlockedWriterAfterKill() {
+    std::atomic<bool> in{false};
+    std::thread writer([&] { in = os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(5000)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets the writer block first
+    auto start = std::chrono::steady_clock::now();
+    m_holder->kill();
+    writer.join();
+    double seconds = secondsSince(start);
+    EXPECT_TRUE(in);
+    os_rw_mutex_unlock(m_mutex);
+    return seconds;
+  }
+
+  std::string m_name = uniqueName("rw");
+  rw_mutex_handle* m_mutex = nullptr;
+  std::unique_ptr<HeldInChild> m_holder;
+};
+
+TEST_F(RWMutexHolder, AWriterThatDiesHoldingTheLockGivesItBackWithinASecond) {
+  holdInChild(true);
+  EXPECT_LT(secondsForBlockedWriterAfterKill(), 1.2);
+  EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex)) << "nothing of the dead writer is left";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, AReaderThatDiesHoldingTheLockGivesItsShareBackWithinASecond) {
+  holdInChild(false);
+  EXPECT_LT(secondsForBlockedWriterAfterKill(), 1.2);
+  EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "nothing of the dead reader is left";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, ADeadHolderIsFoundByTheNextTryLock) {
+  for (bool asWriter : {true, false}) {
+    holdInChild(asWriter);
+    m_holder->kill();
+    EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "writer " << asWriter;
+    os_rw_mutex_unlock(m_mutex);
+  }
+}
+
+TEST_F(RWMutexHolder, AReaderInAnotherProcessLetsReadersInAndKeepsWritersOut) {
+  holdInChild(false);
+  EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex));
+  os_rw_mutex_unlock(m_mutex);
+  EXPECT_FALSE(os_rw_mutex_trylock_wr(m_mutex));
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(100)));
+  EXPECT_GE(secondsSince(start), 0.095);
+  EXPECT_TRUE(os_rw_mutex_lock_rd_timeout(m_mutex, deadlineIn(-1))) << "the writer that gave up holds nobody back";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, AWriterInAnotherProcessKeepsEverybodyOutUntilItLetsGo) {
+  holdInChild(true);
+  EXPECT_FALSE(os_rw_mutex_trylock_rd(m_mutex));
+  EXPECT_FALSE(os_rw_mutex_trylock_wr(m_mutex));
+  EXPECT_FALSE(os_rw_mutex_lock_rd_timeout(m_mutex, deadlineIn(50)));
+  std::thread letGo([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    m_holder->letGo();
+  });
+  EXPECT_TRUE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(5000)));
+  letGo.join();
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, SurvivorsCarryOnWhileReadersAndWritersAreKilledAtRandom) {
+  auto use = [&](bool asWriter) {
+    return [&, asWriter] {
+      asWriter ? os_rw_mutex_lock_wr(m_mutex) : os_rw_mutex_lock_rd(m_mutex);
+      usleep(100);
+      os_rw_mutex_unlock(m_mutex);
+      usleep(400);
+    };
+  };
+  {
+    KillLoop loop({use(false), use(false), use(true), use(true)});
+    EXPECT_TRUE(loop.allProgress());
+    EXPECT_TRUE(loop.killRandomly(15));
+  }
+  EXPECT_TRUE(os_rw_mutex_trylock_wr(m_mutex)) << "every share of the dead is given back";
+  os_rw_mutex_unlock(m_mutex);
+}
+
+TEST_F(RWMutexHolder, ADamagedBlockIsRepairedNotFollowedIntoAHang) {
+  pid_t gone = startChild([] { return 0; });
+  waitChild(gone);  // reaped: its pid names nobody now
+  // Counts that no live holder accounts for: a reader entry of the dead, one
+  // with a negative pid, untracked readers beyond the count, a writer flag
+  // without a writer, and the other way round.
+  const std::vector<std::pair<unsigned int, int32_t>> damage[] = {
+      {{4, 3}, {56, gone}, {60, 3}},
+      {{4, 2}, {64, -5}, {68, 2}},
+      {{4, 0}, {88, 1000}},
+      {{8, 1}},
+      {{8, 0}, {52, gone}},
+  };
+  sharememory_handle* block = os_sharememory_open(m_name.c_str(), USE_STD);
+  ASSERT_NE(block, nullptr);
+  auto* bytes = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
+  for (const auto& fields : damage) {
+    for (const auto& field : fields) memcpy(bytes + field.first, &field.second, sizeof(field.second));
+    EXPECT_TRUE(os_rw_mutex_lock_wr_timeout(m_mutex, deadlineIn(2000))) << "damage " << &fields - damage;
+    os_rw_mutex_unlock(m_mutex);
+    EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex));
+    os_rw_mutex_unlock(m_mutex);
+  }
+  os_sharememory_close(block, false);
+  os_sharememory_destroy(block);
+}
+
 TEST(RWMutex, UnusableHandlesDoNothing) {
   rw_mutex_handle* unusable[] = {nullptr, os_rw_mutex_create(USE_STD, std::string(1024, 'r').c_str())};
   EXPECT_TRUE(startWaiters(2, [&](int i) {
@@ -72,5 +219,10 @@ TEST(RWMutex, UnusableHandlesDoNothing) {
                 os_rw_mutex_unlock(unusable[i]);
                 return true;
               })->allFinish());
-  for (rw_mutex_handle*& mutex : unusable) os_rw_mutex_destroy(mutex);
+  for (rw_mutex_handle*& mutex : unusable) {
+    EXPECT_FALSE(os_rw_mutex_is_attached(mutex));
+    EXPECT_FALSE(os_rw_mutex_trylock_rd(mutex));
+    EXPECT_FALSE(os_rw_mutex_lock_wr_timeout(mutex, deadlineIn(10)));
+    os_rw_mutex_destroy(mutex);
+  }
 }

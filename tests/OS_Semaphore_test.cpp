@@ -2,6 +2,7 @@
 #include <sys/sem.h>
 
 #include <string>
+#include <thread>
 
 #include <ostrelled/OS_Semaphore.h>
 
@@ -59,6 +60,53 @@ TEST_P(SemaphoreKinds, CountIsSharedAcrossProcessesAndALaterInitialCountIsIgnore
   EXPECT_EQ(semctl(set, 0, GETVAL), -1) << "the last detach removes the block and the set";
 }
 
+TEST_P(SemaphoreKinds, ValueCountsTheUnitsAvailable) {
+  semaphore_handle* sem = make(3);
+  EXPECT_TRUE(os_semaphore_is_attached(sem));
+  EXPECT_EQ(os_semaphore_get_value(sem), 3);
+  EXPECT_TRUE(os_semaphore_wait(sem));
+  EXPECT_EQ(os_semaphore_get_value(sem), 2);
+  os_semaphore_release(sem);
+  os_semaphore_release(sem);
+  EXPECT_EQ(os_semaphore_get_value(sem), 4);
+  os_semaphore_destroy(sem);
+}
+
+TEST_P(SemaphoreKinds, TimedWaitUnderASignalStormWaitsTheFullTime) {
+  semaphore_handle* sem = make(0);
+  EXPECT_TRUE(waitsFullTimeUnderSignals([&](timespec deadline) { return os_semaphore_wait_timeout(sem, deadline); }));
+  os_semaphore_destroy(sem);
+}
+
+TEST_P(SemaphoreKinds, UntimedWaitUnderASignalStormGoesOnUntilAUnitComes) {
+  semaphore_handle* sem = make(0);
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    os_semaphore_release(sem);
+  });
+  bool taken = false;
+  EXPECT_GE(secondsOfWaitUnderSignals([&] { return os_semaphore_wait(sem); }, taken), 0.19);
+  EXPECT_TRUE(taken);
+  releaser.join();
+  os_semaphore_destroy(sem);
+}
+
+TEST_P(SemaphoreKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideWaitAndRelease) {
+  if (GetParam() == Anonymous) GTEST_SKIP() << "an anonymous semaphore stays in its process";
+  semaphore_handle* sem = make(0);
+  {
+    auto release = [&] {
+      os_semaphore_release(sem);
+      usleep(300);
+    };
+    auto wait = [&] { os_semaphore_wait(sem); };
+    KillLoop loop({release, release, wait, wait, wait});
+    EXPECT_TRUE(loop.allProgress());
+    EXPECT_TRUE(loop.killRandomly(12));
+  }
+  os_semaphore_destroy(sem);
+}
+
 INSTANTIATE_TEST_SUITE_P(All, SemaphoreKinds, ::testing::Values(Anonymous, NamedPosix, NamedSysV),
                          [](const auto& info) { return kKindNames[info.param]; });
 
@@ -74,6 +122,8 @@ TEST_F(HostedManager, UnusableSemaphoresAnswerFalseAndIgnoreTheRest) {
     os_semaphore_release(sem);
     EXPECT_FALSE(os_semaphore_wait(sem));
     EXPECT_FALSE(os_semaphore_wait_timeout(sem, deadlineIn(10)));
+    EXPECT_EQ(os_semaphore_get_value(sem), -1);
+    EXPECT_FALSE(os_semaphore_is_attached(sem));
     os_semaphore_destroy(sem);
   }
 }

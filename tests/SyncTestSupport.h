@@ -4,11 +4,17 @@
 // Helpers for tests that host the sync manager or use its machine-wide names.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 #include <ostrelled/OS_Sync.h>
 
@@ -94,6 +100,130 @@ inline std::shared_ptr<Waiters> startWaiters(int count, const std::function<bool
       ++waiters->finished;
     }).detach();
   return waiters;
+}
+
+// A child process that takes an object with lock() and holds it until it is
+// told to let go (then it runs unlock() and exits) or is killed.
+class HeldInChild {
+ public:
+  HeldInChild(const std::function<void()>& lock, const std::function<void()>& unlock)
+      : m_step(static_cast<int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    m_pid = startChild([&] {
+      lock();
+      *m_step = 1;
+      while (*m_step != 2) sched_yield();  // bounded by the parent, which kills an overstaying child
+      unlock();
+      return 0;
+    });
+  }
+  ~HeldInChild() {
+    letGo();
+    waitChild(m_pid);
+    munmap(const_cast<int*>(m_step), 4);
+  }
+  bool held() const { return waitUntil([&] { return *m_step == 1; }); }
+  void letGo() { *m_step = 2; }
+  // Killed and reaped: a zombie would still count as a holder.
+  void kill() {
+    ::kill(m_pid, SIGKILL);
+    waitChild(m_pid);
+  }
+
+ private:
+  volatile int* m_step;
+  pid_t m_pid;
+};
+
+// Processes that keep using one object while some of them are killed with
+// SIGKILL at random moments. Each child runs its role's round in a loop and
+// counts the rounds on a shared page; a killed child is replaced by a new one
+// of the same role. The children use the handles the parent made before it
+// forked, so no attach is ever cut short.
+class KillLoop {
+ public:
+  explicit KillLoop(std::vector<std::function<void()>> roles) : m_roles(std::move(roles)) {
+    m_rounds = static_cast<long*>(
+        mmap(nullptr, sizeof(long) * m_roles.size(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    for (size_t slot = 0; slot < m_roles.size(); ++slot) m_pids.push_back(start(slot));
+  }
+  ~KillLoop() {
+    for (pid_t pid : m_pids) waitChild(pid, 0.0);  // kills each child, which never ends by itself
+    munmap(m_rounds, sizeof(long) * m_roles.size());
+  }
+
+  // Every child completes a round within `seconds` from now.
+  ::testing::AssertionResult allProgress(double seconds = 3.0) const {
+    std::vector<long> before(m_rounds, m_rounds + m_roles.size());
+    for (size_t slot = 0; slot < m_roles.size(); ++slot)
+      if (!waitUntil([&] { return __atomic_load_n(&m_rounds[slot], __ATOMIC_SEQ_CST) > before[slot]; }, seconds))
+        return ::testing::AssertionFailure() << "role " << slot << " made no progress in " << seconds << " s";
+    return ::testing::AssertionSuccess();
+  }
+
+  // Kills a random child at a random moment, `kills` times, replacing it and
+  // checking after each kill that every child, old and new, makes progress.
+  ::testing::AssertionResult killRandomly(int kills, unsigned int seed = 1) {
+    std::mt19937 random(seed);
+    for (int kill = 0; kill < kills; ++kill) {
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+      size_t slot = random() % m_roles.size();
+      ::kill(m_pids[slot], SIGKILL);
+      waitChild(m_pids[slot]);  // reaped at once: a zombie would still count as a holder
+      m_pids[slot] = start(slot);
+      ::testing::AssertionResult progress = allProgress();
+      if (!progress) return progress << " after kill " << kill + 1 << " (role " << slot << ")";
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+ private:
+  pid_t start(size_t slot) {
+    return startChild([this, slot] {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that failed
+      for (;;) {
+        m_roles[slot]();
+        __atomic_add_fetch(&m_rounds[slot], 1, __ATOMIC_SEQ_CST);
+      }
+      return 0;
+    });
+  }
+
+  std::vector<std::function<void()>> m_roles;
+  std::vector<pid_t> m_pids;
+  long* m_rounds;
+};
+
+// Runs wait() while another thread sends the waiting thread a signal every
+// millisecond (handled, not restarting system calls). Returns how long the wait took.
+inline double secondsOfWaitUnderSignals(const std::function<bool()>& wait, bool& result) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  struct sigaction previous {};
+  sigaction(SIGUSR1, &action, &previous);
+  std::atomic<bool> done{false};
+  pthread_t waiter = pthread_self();
+  std::thread storm([&] {
+    while (!done) {
+      pthread_kill(waiter, SIGUSR1);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  auto start = std::chrono::steady_clock::now();
+  result = wait();
+  double seconds = secondsSince(start);
+  done = true;
+  storm.join();
+  sigaction(SIGUSR1, &previous, nullptr);
+  return seconds;
+}
+
+// A timed wait of 500 ms that nothing ends early: it answers false after the whole time.
+inline ::testing::AssertionResult waitsFullTimeUnderSignals(const std::function<bool(timespec)>& wait) {
+  bool result = true;
+  double seconds = secondsOfWaitUnderSignals([&] { return wait(deadlineIn(500)); }, result);
+  if (result) return ::testing::AssertionFailure() << "the wait succeeded";
+  if (seconds < 0.49 || seconds > 3.0) return ::testing::AssertionFailure() << "the wait took " << seconds << " s";
+  return ::testing::AssertionSuccess();
 }
 
 }  // namespace testsupport

@@ -9,6 +9,8 @@
 /// Manual- and auto-reset events, anonymous or named (shared between processes).
 
 /// A manual- or auto-reset event, private to the process or shared by name.
+/// A named event keeps working for the others when a process using it dies
+/// at any moment, inside a wait, a set or a reset.
 class event_handle;
 
 extern "C" {
@@ -30,6 +32,8 @@ OSTRELLED_EXPORT bool os_event_wait(event_handle* handle);
 /// As os_event_wait, giving up at the absolute CLOCK_MONOTONIC time `timeout`
 /// (false then). A set event is taken even when the deadline has passed.
 OSTRELLED_EXPORT bool os_event_wait_timeout(event_handle* handle, timespec timeout);
+/// False for null and for a named handle that could not attach; true for an anonymous or attached one.
+OSTRELLED_EXPORT bool os_event_is_attached(const event_handle* handle);
 }
 
 #endif

@@ -45,6 +45,14 @@ OSTRELLED_EXPORT void os_mutex_destroy(mutex_handle*& handle);
 OSTRELLED_EXPORT void os_mutex_lock(mutex_handle* handle);
 /// Unlocks; the result of the unlock is ignored. Does nothing for an unattached handle.
 OSTRELLED_EXPORT void os_mutex_unlock(mutex_handle* handle);
+/// Takes the mutex only if it is free: false, at once, when another holder has it.
+/// A named mutex whose owner died is repaired and taken (true). False for a null or unattached handle.
+OSTRELLED_EXPORT bool os_mutex_trylock(mutex_handle* handle);
+/// As os_mutex_lock, giving up (false) at the absolute CLOCK_MONOTONIC time `deadline`; a past one tries once.
+/// Works for every attribute set, priority inheritance included. False for a null or unattached handle.
+OSTRELLED_EXPORT bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline);
+/// False for null and for a named handle that could not attach; true for an anonymous or attached one.
+OSTRELLED_EXPORT bool os_mutex_is_attached(const mutex_handle* handle);
 
 /// Null for a named, attached mutex (conditions stay within one process) and for a null mutex.
 OSTRELLED_EXPORT condition_handle* os_condition_create(mutex_handle* lck_handle, RT_MODE mode);

@@ -1,12 +1,13 @@
 #include <ostrelled/OS_Event.h>
 
-#include <errno.h>
+#include <stdint.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
+#include <variant>
 
 #include "Handle.h"
 #include "OS/OS_MutexHandle.h"
@@ -21,8 +22,9 @@ namespace {
 // What a waiter sleeps on between looks at the flag.
 enum class Wakeup { Condition, SysV, Posix };
 
-// Named blocks: attach count, mutex at 4, the wake-up primitive at 44, then
-// the four one-byte flags (manual reset, set, managed by OS, use condition).
+// Named blocks: attach count, mutex at 4, the wake-up primitive at 44 (the
+// condition kind's 48 bytes begin with its futex word), then the four one-byte
+// flags (manual reset, set, managed by OS, use condition).
 struct EventLayout {
   unsigned int size;
   unsigned int flags;
@@ -33,19 +35,13 @@ constexpr EventLayout layoutOf(Wakeup kind) {
   return kind == Wakeup::SysV ? EventLayout{52, 48} : kind == Wakeup::Condition ? EventLayout{96, 92} : EventLayout{80, 76};
 }
 
-// How one sleep of a wait loop ended.
-enum class Slept {
-  Again,    // look at the flag again
-  Leave,    // time is up or the primitive failed: answer with the flag as it is
-  LockLost  // the mutex could not be retaken: the flags must not be touched
-};
-
 }  // namespace
 
-// A flag guarded by a mutex, and a primitive to sleep on until it is raised.
-// Every field is a pointer so that one code path serves the heap (anonymous)
-// and the shared block (named), where the flags are the machine-wide state.
-class event_handle : private OS::SysVSemaphoreOps<OS::kEventMessagePrefix> {
+// A flag guarded by a mutex, and a wake-up primitive to sleep on until it is
+// raised, chosen once per handle. Every field is a pointer so that one code
+// path serves the handle's own storage (anonymous) and the shared block
+// (named), where the flags are the machine-wide state.
+class event_handle {
  public:
   event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName, bool bManageByOS,
                bool bUseConditionInsteadOfSem);
@@ -53,6 +49,7 @@ class event_handle : private OS::SysVSemaphoreOps<OS::kEventMessagePrefix> {
   event_handle(const event_handle&) = delete;
   event_handle& operator=(const event_handle&) = delete;
 
+  bool usable() const { return m_pWakeup != nullptr; }
   void setEvent();
   void resetEvent();
   // Both waits: no deadline waits as long as needed.
@@ -62,25 +59,32 @@ class event_handle : private OS::SysVSemaphoreOps<OS::kEventMessagePrefix> {
   class NamedSteps;
 
   void init_event_handle(RT_MODE mode);
-  bool usable() const;
-  Wakeup wakeup() const;
-  int semId() const { return *m_hSem.m_hNamedHandle; }
-  bool lockMutex() { return OS::Private::lockRecovering(m_pMutex); }
+  void bindFlags(bool* flags);
+  bool lockMutex();
   void unlockMutex() { pthread_mutex_unlock(m_pMutex); }
-  void wake(bool bPassingOn);
-  Slept sleepOnce(const timespec* deadline);
-  Slept sleepOnSemaphore(const timespec* deadline);
+  template <class Kind, class... Args>
+  void choose(Args... args) {
+    m_pWakeup = &m_wakeupStore.emplace<Kind>(args...);
+  }
 
   sharememory_handle* m_pEventShareMemory;  // the named block, when attached
   std::string m_strEventName;
-  pthread_mutex_t* m_pMutex;  // guards the flags; robust in a block
-  pthread_cond_t* m_pCond;    // the condition kind's wake-up
-  sem_handle m_hSem;          // the semaphore kinds' wake-up
+  pthread_mutex_t* m_pMutex;            // guards the flags; robust in a block
+  OS::Private::Wakeup* m_pWakeup;       // null while unusable
   bool* m_pManualReset;
-  bool* m_pIsSetEvent;  // the event's state; the wake-up primitives only carry news of it
+  bool* m_pIsSetEvent;  // the event's state; the wake-up primitive only carries news of it
   bool* m_pManageByOS;
   bool* m_pUseConditionInsteadOfSem;
   RT_MODE m_RtMode;
+  std::variant<std::monostate, OS::Private::FutexCondition, OS::Private::PosixSemaphore, OS::Private::SysVSemaphore>
+      m_wakeupStore;
+  // The anonymous kind's storage, which the pointers above aim at.
+  struct {
+    pthread_mutex_t mutex;
+    uint32_t word;
+    bool flags[4];
+  } m_anonymous{};
+  static constexpr bool kNoUndo = false;  // the event's System V operations are never undone
 };
 
 // The event's own part of attaching to and detaching from its block.
@@ -99,20 +103,17 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
 
   void bind(unsigned char* block) override {
     m_owner.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + kMutexAt);
-    unsigned char* wakeup = block + kWakeupAt;
+    m_wakeup = block + kWakeupAt;
     if (m_kind == Wakeup::Condition)
-      m_owner.m_pCond = reinterpret_cast<pthread_cond_t*>(wakeup);
+      m_owner.choose<OS::Private::FutexCondition>(reinterpret_cast<uint32_t*>(m_wakeup), true);
     else if (m_kind == Wakeup::SysV)
-      m_owner.m_hSem.m_hNamedHandle = reinterpret_cast<int*>(wakeup);
+      m_owner.choose<OS::Private::SysVSemaphore>(reinterpret_cast<int*>(m_wakeup), OS::kEventMessagePrefix, &kNoUndo);
     else
-      m_owner.m_hSem.m_hAnonymousHandle = reinterpret_cast<sem_t*>(wakeup);
-    bool* flags = reinterpret_cast<bool*>(block + layoutOf(m_kind).flags);
-    m_owner.m_pManualReset = flags;
-    m_owner.m_pIsSetEvent = flags + 1;
-    m_owner.m_pManageByOS = flags + 2;
-    m_owner.m_pUseConditionInsteadOfSem = flags + 3;
+      m_owner.choose<OS::Private::PosixSemaphore>(reinterpret_cast<sem_t*>(m_wakeup));
+    m_owner.bindFlags(reinterpret_cast<bool*>(block + layoutOf(m_kind).flags));
   }
 
+  // The condition kind's word starts as the manager's zero fill left it.
   void initialise() override {
     OS::Private::initMutex(m_owner.m_pMutex, PTHREAD_MUTEX_NORMAL, false, true);
     if (m_kind == Wakeup::SysV) {
@@ -120,14 +121,11 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
         puts("warning: can not use condition because semaphore is managed by OS, it should be system V semaphore.");
         m_bUseCondition = false;
       }
-      int id = OS::SysV::createSet(m_key);
-      *m_owner.m_hSem.m_hNamedHandle = id;
-      m_owner.setSemVal(id, 0);
-    } else if (m_kind == Wakeup::Condition) {
-      OS::Private::initCond(m_owner.m_pCond, true);
-    } else {
+      *reinterpret_cast<int*>(m_wakeup) = OS::SysV::createSet(m_key);
+      m_owner.m_pWakeup->clear();
+    } else if (m_kind == Wakeup::Posix) {
       // Starts empty even for an event created set: waiters look at the flag first.
-      sem_init(m_owner.m_hSem.m_hAnonymousHandle, 1, 0);
+      sem_init(reinterpret_cast<sem_t*>(m_wakeup), 1, 0);
     }
     *m_owner.m_pManualReset = m_bManualReset;
     *m_owner.m_pIsSetEvent = m_bInitial;
@@ -135,19 +133,8 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
     *m_owner.m_pUseConditionInsteadOfSem = m_bUseCondition;
   }
 
-  // The kind is read back from the block: this handle may not be the creator.
   void finalise() override {
-    switch (m_owner.wakeup()) {
-      case Wakeup::SysV:
-        m_owner.destroySem(m_owner.semId());
-        break;
-      case Wakeup::Condition:
-        pthread_cond_destroy(m_owner.m_pCond);
-        break;
-      case Wakeup::Posix:
-        sem_destroy(m_owner.m_hSem.m_hAnonymousHandle);
-        break;
-    }
+    m_owner.m_pWakeup->destroy();
     pthread_mutex_destroy(m_owner.m_pMutex);
   }
 
@@ -158,18 +145,22 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
   bool m_bInitial;
   bool m_bUseCondition;
   key_t m_key = -1;
+  unsigned char* m_wakeup = nullptr;
 };
 
 void event_handle::init_event_handle(RT_MODE mode) {
   m_pEventShareMemory = nullptr;
   m_pMutex = nullptr;
-  m_pCond = nullptr;
-  m_hSem.m_hAnonymousHandle = nullptr;
-  m_pManualReset = nullptr;
-  m_pIsSetEvent = nullptr;
-  m_pManageByOS = nullptr;
-  m_pUseConditionInsteadOfSem = nullptr;
+  m_pWakeup = nullptr;
+  bindFlags(nullptr);
   m_RtMode = OS::Private::storedMode(mode);
+}
+
+void event_handle::bindFlags(bool* flags) {
+  m_pManualReset = flags;
+  m_pIsSetEvent = flags != nullptr ? flags + 1 : nullptr;
+  m_pManageByOS = flags != nullptr ? flags + 2 : nullptr;
+  m_pUseConditionInsteadOfSem = flags != nullptr ? flags + 3 : nullptr;
 }
 
 event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
@@ -192,67 +183,43 @@ event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const
     return;
   }
 
-  // An anonymous event always sleeps on a condition variable, whatever the arguments.
-  m_pMutex = new pthread_mutex_t();
+  // An anonymous event always sleeps on a condition, whatever the arguments.
+  m_pMutex = &m_anonymous.mutex;
   OS::Private::initMutex(m_pMutex, PTHREAD_MUTEX_NORMAL, false, false);
-  m_pCond = new pthread_cond_t();
-  OS::Private::initCond(m_pCond, false);
-  m_pManualReset = new bool(bManualReset);
-  m_pIsSetEvent = new bool(bInitial);
-  m_pManageByOS = new bool(false);
-  m_pUseConditionInsteadOfSem = new bool(true);
+  choose<OS::Private::FutexCondition>(&m_anonymous.word, false);
+  bindFlags(m_anonymous.flags);
+  *m_pManualReset = bManualReset;
+  *m_pIsSetEvent = bInitial;
+  *m_pManageByOS = false;
+  *m_pUseConditionInsteadOfSem = true;
 }
 
 event_handle::~event_handle() {
   if (m_pEventShareMemory != nullptr) {
-    NamedSteps steps(*this, wakeup());
+    NamedSteps steps(*this, Wakeup::Condition);
     OS::detachNamedObject(m_strEventName, m_pEventShareMemory, steps);
   } else if (usable()) {
-    delete m_pManualReset;
-    delete m_pIsSetEvent;
-    delete m_pManageByOS;
-    delete m_pUseConditionInsteadOfSem;
-    pthread_cond_destroy(m_pCond);
-    delete m_pCond;
     pthread_mutex_destroy(m_pMutex);
-    delete m_pMutex;
   }
   init_event_handle(m_RtMode);
 }
 
-bool event_handle::usable() const {
-  return m_pMutex != nullptr && (m_pCond != nullptr || m_hSem.m_hAnonymousHandle != nullptr) &&
-         m_pManualReset != nullptr && m_pIsSetEvent != nullptr;
-}
-
-// The bound primitive decides, so that a handle never reaches for one it lacks.
-Wakeup event_handle::wakeup() const {
-  if (m_pCond != nullptr) return Wakeup::Condition;
-  return *m_pManageByOS ? Wakeup::SysV : Wakeup::Posix;
-}
-
-// Wakes the sleepers after a set. bPassingOn: a waiter of a manual-reset event
-// hands the wake-up to the next sleeper; a broadcast has already woken them all.
-void event_handle::wake(bool bPassingOn) {
-  switch (wakeup()) {
-    case Wakeup::Condition:
-      if (!bPassingOn) pthread_cond_broadcast(m_pCond);
-      break;
-    case Wakeup::SysV:
-      postSem(semId(), false);
-      break;
-    case Wakeup::Posix:
-      sem_post(m_hSem.m_hAnonymousHandle);
-      break;
-  }
+// A holder that died may have raised the flag without waking anybody: wake
+// everybody to look again.
+bool event_handle::lockMutex() {
+  OS::Private::Locked locked = OS::Private::lockRepairing(m_pMutex);
+  if (locked == OS::Private::Locked::Repaired) m_pWakeup->wakeAll();
+  return locked != OS::Private::Locked::Failed;
 }
 
 void event_handle::setEvent() {
   if (!usable() || !lockMutex()) return;
   // Only the change from clear to set wakes anybody: a second set is absorbed.
+  // The sleepers are woken first: they need the mutex to look at the flag, so
+  // a setter that dies in between leaves either no set or a set they will see.
   if (!*m_pIsSetEvent) {
+    m_pWakeup->wakeAll();
     *m_pIsSetEvent = true;
-    wake(false);
   }
   unlockMutex();
 }
@@ -261,78 +228,29 @@ void event_handle::resetEvent() {
   if (!usable() || !lockMutex()) return;
   if (*m_pIsSetEvent) {
     *m_pIsSetEvent = false;
-    if (wakeup() == Wakeup::SysV) {
-      setSemVal(semId(), 0);
-    } else if (wakeup() == Wakeup::Posix) {
-      // One pending wake-up is taken without blocking; a waiter woken by
-      // another one finds the flag clear and sleeps again.
-      sem_trywait(m_hSem.m_hAnonymousHandle);
-    }
+    m_pWakeup->clear();
   }
   unlockMutex();
 }
 
-// One loop for both waits; sleepOnce tells whether to look at the flag again.
+// One loop for both waits; the wake-up's sleep tells whether to look at the flag again.
 bool event_handle::wait(const timespec* deadline) {
   if (!usable() || !lockMutex()) return false;
   timespec normalised{};
-  if (deadline != nullptr) {
-    // An out-of-range tv_nsec would make every timed call fail at once and the
-    // loop spin until the deadline.
-    normalised = *deadline;
-    os_clock_adjust_clock_time(&normalised);
-    deadline = &normalised;
-  }
+  deadline = OS::Private::normalisedDeadline(deadline, normalised);
   while (!*m_pIsSetEvent) {
-    Slept slept = sleepOnce(deadline);
-    if (slept == Slept::LockLost) return false;
-    if (slept == Slept::Leave) break;
+    OS::Private::Slept slept = m_pWakeup->sleep(m_pMutex, deadline);
+    if (slept == OS::Private::Slept::LockLost) return false;
+    if (slept == OS::Private::Slept::Leave) break;
   }
   // A flag raised just as the deadline passed still counts.
   bool result = *m_pIsSetEvent;
   if (!*m_pManualReset)
     *m_pIsSetEvent = false;  // this waiter consumes the event
   else if (result)
-    wake(true);
+    m_pWakeup->passOn();
   unlockMutex();
   return result;
-}
-
-// The condition kind sleeps inside the mutex; a timed sleep ends the loop once
-// less than a millisecond is left, so no waiter spins out the last instant.
-Slept event_handle::sleepOnce(const timespec* deadline) {
-  if (wakeup() != Wakeup::Condition) return sleepOnSemaphore(deadline);
-  int rc = OS::Private::waitRecovering(m_pCond, m_pMutex, deadline);
-  if (deadline == nullptr) return rc == 0 ? Slept::Again : Slept::Leave;
-  if (rc != 0 && rc != ETIMEDOUT) return Slept::Leave;
-  timespec left = OS::Private::timeLeftUntil(*deadline, m_RtMode);
-  long millisLeft = left.tv_sec * 1000 + left.tv_nsec / 1000000;
-  return millisLeft < 1 ? Slept::Leave : Slept::Again;
-}
-
-// The semaphore kinds sleep outside the mutex and take it back afterwards.
-Slept event_handle::sleepOnSemaphore(const timespec* deadline) {
-  timespec left{};
-  if (deadline != nullptr) {
-    left = OS::Private::timeLeftUntil(*deadline, m_RtMode);
-    if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return Slept::Leave;
-  }
-  bool taken;
-  unlockMutex();
-  if (wakeup() == Wakeup::SysV) {
-    taken = deadline != nullptr ? waitSemTimeout(semId(), &left, false) : waitSem(semId(), false);
-  } else if (deadline != nullptr) {
-    timespec wall = OS::Private::monotonicDeadlineToWall(*deadline, m_RtMode);
-    taken = OS::Private::retryOnEintr([&] { return sem_timedwait(m_hSem.m_hAnonymousHandle, &wall); }) == 0;
-  } else {
-    taken = OS::Private::retryOnEintr([&] { return sem_wait(m_hSem.m_hAnonymousHandle); }) == 0;
-  }
-  // A timed wait that ran out (or was interrupted) goes round again: the
-  // time-left check above ends the loop. Anything else is a broken primitive.
-  int error = errno;
-  bool sleepAgain = taken || error == EINTR || (deadline != nullptr && (error == EAGAIN || error == ETIMEDOUT));
-  if (!lockMutex()) return Slept::LockLost;
-  return sleepAgain ? Slept::Again : Slept::Leave;
 }
 
 event_handle* OS::createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
@@ -359,3 +277,5 @@ bool os_event_wait(event_handle* handle) { return handle != nullptr && handle->w
 bool os_event_wait_timeout(event_handle* handle, timespec timeout) {
   return handle != nullptr && handle->wait(&timeout);
 }
+
+bool os_event_is_attached(const event_handle* handle) { return handle != nullptr && handle->usable(); }

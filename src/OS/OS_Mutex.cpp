@@ -2,10 +2,8 @@
 
 #include <errno.h>
 #include <stdio.h>
-#include <stdlib.h>
 
 #include <atomic>
-#include <new>
 
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
@@ -63,18 +61,44 @@ bool lockRecovering(pthread_mutex_t* mutex) {
   return result == 0 || lockFailed(mutex, result);
 }
 
+namespace {
+
+// Marks a mutex whose owner died consistent; false (with its line) when it cannot be.
+bool markConsistent(pthread_mutex_t* mutex) {
+  if (pthread_mutex_consistent(mutex) == 0) return true;
+  puts("mutex lock fixed failed!");
+  return false;  // held, but in its inconsistent state
+}
+
+}  // namespace
+
 bool lockFailed(pthread_mutex_t* mutex, int result) {
   if (result == EOWNERDEAD) {
-    if (pthread_mutex_consistent(mutex) != 0) {
-      puts("mutex lock fixed failed!");
-      return false;  // held, but in its inconsistent state
-    }
+    if (!markConsistent(mutex)) return false;
     // Let a waiter that queued behind the dead owner see a healthy mutex.
     pthread_mutex_unlock(mutex);
     pthread_mutex_lock(mutex);
     return true;
   }
   printf("mutex lock error:%d.\n", result);
+  return false;
+}
+
+// Unlike lockFailed, a repaired mutex stays held: its caller mends what the
+// dead holder left before anybody else may look at it.
+Locked lockRepairing(pthread_mutex_t* mutex) {
+  int result = pthread_mutex_lock(mutex);
+  if (__builtin_expect(result == 0, 1)) return Locked::Held;
+  if (result == EOWNERDEAD) return markConsistent(mutex) ? Locked::Repaired : Locked::Failed;
+  lockFailed(mutex, result);
+  return Locked::Failed;
+}
+
+// Busy and timed out are the ordinary "no"; anything else is worth the lock's error line.
+bool tookMutex(pthread_mutex_t* mutex, int result) {
+  if (__builtin_expect(result == 0, 1)) return true;
+  if (result == EOWNERDEAD) return markConsistent(mutex);
+  if (result != EBUSY && result != ETIMEDOUT) printf("mutex lock error:%d.\n", result);
   return false;
 }
 
@@ -94,10 +118,10 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
     return;
   }
-  auto* mutex = static_cast<pthread_mutex_t*>(calloc(1, sizeof(pthread_mutex_t)));
-  if (mutex == nullptr) throw std::bad_alloc();
-  OS::Private::initMutex(mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0, false);
-  m_pMutex = mutex;
+  m_anonymousMutex = pthread_mutex_t();
+  OS::Private::initMutex(&m_anonymousMutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
+                         false);
+  m_pMutex = &m_anonymousMutex;
 }
 
 mutex_handle::~mutex_handle() {
@@ -107,7 +131,6 @@ mutex_handle::~mutex_handle() {
     OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
   } else if (m_pMutex != nullptr) {
     pthread_mutex_destroy(m_pMutex);
-    free(m_pMutex);
   }
   m_pMutex = nullptr;
 }
@@ -135,3 +158,20 @@ void os_mutex_unlock(mutex_handle* handle) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return;
   pthread_mutex_unlock(handle->m_pMutex);
 }
+
+bool os_mutex_trylock(mutex_handle* handle) {
+  if (handle == nullptr || handle->m_pMutex == nullptr) return false;
+  return OS::Private::tookMutex(handle->m_pMutex, pthread_mutex_trylock(handle->m_pMutex));
+}
+
+// CLOCK_MONOTONIC also for priority inheritance: the C library passes the
+// clock to the kernel's FUTEX_LOCK_PI2 (Linux 5.14 on).
+bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
+  if (handle == nullptr || handle->m_pMutex == nullptr) return false;
+  // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
+  if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= OS::Private::kNanosPerSecond, 0))
+    os_clock_adjust_clock_time(&deadline);
+  return OS::Private::tookMutex(handle->m_pMutex, pthread_mutex_clocklock(handle->m_pMutex, CLOCK_MONOTONIC, &deadline));
+}
+
+bool os_mutex_is_attached(const mutex_handle* handle) { return handle != nullptr && handle->m_pMutex != nullptr; }

@@ -20,8 +20,9 @@ class mutex_handle {
 
   std::string m_strMutexName;
   sharememory_handle* m_pMutexShareMemory;
-  pthread_mutex_t* m_pMutex;  // in the block, on the heap, or null when unattached
+  pthread_mutex_t* m_pMutex;  // in the block, at m_anonymousMutex, or null when unattached
   RT_MODE m_RtMode;
+  pthread_mutex_t m_anonymousMutex;  // the anonymous kind's storage
 };
 
 namespace OS {
@@ -40,6 +41,18 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
 bool lockRecovering(pthread_mutex_t* mutex);
 // The part of lockRecovering after pthread_mutex_lock returned `result`, not 0.
 bool lockFailed(pthread_mutex_t* mutex, int result);
+
+// How a lock of a mutex that guards shared state went. Repaired: the previous
+// holder died inside, so the state it guards may be half-written.
+enum class Locked { Failed, Held, Repaired };
+// lockRecovering, telling a repair apart; a repaired mutex is not retaken, so
+// nobody sees the state it guards before the caller has mended it.
+Locked lockRepairing(pthread_mutex_t* mutex);
+
+// The answer of pthread_mutex_trylock or pthread_mutex_clocklock as a bool:
+// true when held, also after repairing a mutex whose owner died (kept held,
+// not retaken: a second try could lose it).
+bool tookMutex(pthread_mutex_t* mutex, int result);
 
 }  // namespace Private
 }  // namespace OS

@@ -72,6 +72,34 @@ inline timespec timeLeftUntil(const timespec& deadline, RT_MODE mode = USE_STD) 
   return left;
 }
 
+// An absolute CLOCK_MONOTONIC deadline nanos from now.
+inline timespec deadlineAfter(long nanos, RT_MODE mode = USE_STD) {
+  timespec deadline = monotonicNow(mode);
+  deadline.tv_nsec += nanos;
+  os_clock_adjust_clock_time(&deadline);
+  return deadline;
+}
+
+// Whether normalised time a comes before b.
+inline bool isEarlier(const timespec& a, const timespec& b) {
+  return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
+// A caller's deadline (null: none) in normal form, kept in `storage`: an
+// out-of-range tv_nsec would make every timed call fail at once.
+inline const timespec* normalisedDeadline(const timespec* deadline, timespec& storage) {
+  if (deadline == nullptr) return nullptr;
+  storage = *deadline;
+  os_clock_adjust_clock_time(&storage);
+  return &storage;
+}
+
+// Whether an absolute CLOCK_MONOTONIC deadline has been reached.
+inline bool hasPassed(const timespec& deadline, RT_MODE mode = USE_STD) {
+  timespec left = timeLeftUntil(deadline, mode);
+  return left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0);
+}
+
 }  // namespace Private
 }  // namespace OS
 

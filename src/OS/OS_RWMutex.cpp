@@ -2,9 +2,10 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <semaphore.h>
-#include <stdio.h>
+#include <signal.h>
+#include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -16,29 +17,89 @@
 
 namespace {
 
-// Named block: attach count, read count, write flag, ref mutex, resource
-// access, allow condition. Resource access is a semaphore of one unit in the
-// slot of a mutex (a sem_t is smaller), because the last reader out releases
-// what the first reader in took, and a robust mutex refuses an unlock by
-// anybody but its owner. The requested size stops four bytes short of the
-// condition's end; the rest of the page is mapped all the same.
+// Named block (the requested size, 136, is kept; nothing is stored past it):
+//   0 attach count, 4 read count, 8 write flag, 12..52 ref mutex (robust),
+//   52 writer's pid (0: none), 56..88 four reader entries (pid, count),
+//   88 readers beyond the table (counted, untracked), 92 the allow condition's
+//   futex word, 96..136 five more reader entries.
+// Resource access, a semaphore once, is implied by the counts under the ref
+// mutex; its slot now records who holds the lock, so that the share of a
+// holder that died can be given back.
 constexpr unsigned int kBlockSize = 136;
 constexpr unsigned int kReadCountAt = 4;
 constexpr unsigned int kWriteFlagAt = 8;
 constexpr unsigned int kRefMutexAt = 12;
-constexpr unsigned int kResourceAccessAt = 52;
-constexpr unsigned int kAllowCondAt = 92;
+constexpr unsigned int kWriterPidAt = 52;
+constexpr unsigned int kReadersAt = 56;
+constexpr unsigned int kUntrackedAt = 88;
+constexpr unsigned int kAllowWordAt = 92;
+constexpr unsigned int kMoreReadersAt = 96;
+
+struct ReaderEntry {
+  int32_t pid;  // 0: free
+  uint32_t count;
+};
+constexpr int kReadersBeforeWord = (kUntrackedAt - kReadersAt) / sizeof(ReaderEntry);
+constexpr int kTrackedReaders = kReadersBeforeWord + (kBlockSize - kMoreReadersAt) / sizeof(ReaderEntry);
+static_assert(kWriteFlagAt == kReadCountAt + sizeof(unsigned int), "bind takes the two counts as a pair");
+static_assert(kRefMutexAt + sizeof(pthread_mutex_t) == kWriterPidAt, "the ref mutex ends where the holders begin");
+static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states the table's size");
+
+// getpid is a system call; the pid is cached and renewed in a forked child.
+pid_t gOwnPid = 0;
+void refreshOwnPid() { gOwnPid = getpid(); }
+pid_t ownPid() {
+  static const bool registered = (pthread_atfork(nullptr, nullptr, refreshOwnPid), refreshOwnPid(), true);
+  (void)registered;
+  return gOwnPid;
+}
+
+// Gone for good. A zombie still counts as alive until its parent reaps it.
+bool isDead(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }
+
+// The holders recorded in a named block: the writer's pid and the readers by
+// process. All of it is read and written under the ref mutex.
+class Holders {
+ public:
+  explicit Holders(unsigned char* block) : m_block(block) {}
+
+  int32_t& writer() const { return field<int32_t>(kWriterPidAt); }
+  uint32_t& untracked() const { return field<uint32_t>(kUntrackedAt); }
+  ReaderEntry& reader(int i) const {
+    unsigned int at = i < kReadersBeforeWord ? kReadersAt + i * sizeof(ReaderEntry)
+                                             : kMoreReadersAt + (i - kReadersBeforeWord) * sizeof(ReaderEntry);
+    return field<ReaderEntry>(at);
+  }
+
+  // The entry of pid, or a free one when `claim`; -1 when there is none.
+  int find(pid_t pid, bool claim, int hint) const {
+    if (hint >= 0 && reader(hint).pid == pid) return hint;
+    int free = -1;
+    for (int i = 0; i < kTrackedReaders; ++i) {
+      if (reader(i).pid == pid) return i;
+      if (free < 0 && reader(i).pid == 0) free = i;
+    }
+    return claim ? free : -1;
+  }
+
+ private:
+  template <class T>
+  T& field(unsigned int at) const {
+    return *reinterpret_cast<T*>(m_block + at);
+  }
+  unsigned char* m_block;
+};
 
 }  // namespace
 
-// One pointer to a counter, in the block or on the heap.
+// One pointer to a counter, in the block or in the handle.
 union ref_handle {
   unsigned int* m_pCount;
 };
 
-// Two counters under a ref mutex, a condition on which blocked lockers wait,
-// and the resource access held for as long as anybody is inside. On the heap
-// for one process's threads, or in a named block for several processes.
+// Two counters under a ref mutex and a condition on which blocked lockers
+// wait. In the handle for one process's threads, or in a named block for
+// several processes, where the holders are recorded beside the counts.
 class rw_mutex_handle {
  public:
   rw_mutex_handle(RT_MODE mode, const char* strMutexName);
@@ -46,44 +107,45 @@ class rw_mutex_handle {
   rw_mutex_handle(const rw_mutex_handle&) = delete;
   rw_mutex_handle& operator=(const rw_mutex_handle&) = delete;
 
-  void lockRdOnPosix();
-  void lockWrOnPosix();
+  bool attached() const { return m_pRefMutex != nullptr; }
+  // deadline: absolute CLOCK_MONOTONIC, null to wait as long as needed, a
+  // passed one to try once. A locker that gives up has changed nothing.
+  bool lock(bool asWriter, const timespec* deadline);
   void unlockOnPosix();
 
  private:
   class NamedSteps;
 
-  // The thread variant owns its heap objects; the process variant points into its block.
   void createThreadRWMutexOnPosix();
   void createProcessRWMutexOnPosix(const char* strMutexName);
-  void destroyThreadRWMutexOnPosix();
-  void destroyProcessRWMutexOnPosix();
-  // Part of the handle's operations, though no lock path uses it.
-  bool tryLockMutex(pthread_mutex_t* pMutex);
-  // A mutex repaired after its owner died is taken back with a blocking lock:
-  // a trylock could lose it to another locker and leave the counters unguarded.
-  bool lockMutex(pthread_mutex_t* pMutex) { return OS::Private::lockRecovering(pMutex); }
-  void unlockMutex(pthread_mutex_t* pMutex) { pthread_mutex_unlock(pMutex); }
+  void bind(unsigned char* counts, pthread_mutex_t* refMutex, uint32_t* word, bool processShared);
+  void nullPointers();
 
-  bool attached() const {
-    return m_pRefMutex != nullptr && m_pResourceAccess != nullptr && m_pAllowCond != nullptr;
-  }
   unsigned int& readCount() { return *m_RefRead.m_pCount; }
   unsigned int& writeFlag() { return *m_RefWrite.m_pCount; }
-  void waitAllowed() { OS::Private::waitRecovering(m_pAllowCond, m_pRefMutex); }
-  // Never blocks: it is taken under the ref mutex only once the counts say
-  // nobody is inside, and given back under it before anybody may enter.
-  void takeResource() { OS::Private::retryOnEintr([&] { return sem_wait(m_pResourceAccess); }); }
-  void nullPointers();
+  bool blocked(bool asWriter) { return writeFlag() != 0 || (asWriter && readCount() != 0); }
+  bool lockRef();
+  bool waitAllowed(const timespec* deadline);
+  void enter(bool asWriter);
+  void leaveAsReader();
+  bool sweepDead();
+  void repair();
 
   ref_handle m_RefRead;   // readers inside
   ref_handle m_RefWrite;  // 1 while the writer is inside
   std::string m_strMutexName;
   sharememory_handle* m_pMutexShareMemory = nullptr;
-  pthread_mutex_t* m_pRefMutex = nullptr;  // guards both counters; robust in a block
-  sem_t* m_pResourceAccess = nullptr;      // one unit, taken by whoever lets the first one in
-  pthread_cond_t* m_pAllowCond = nullptr;  // broadcast whenever the lock becomes free
+  pthread_mutex_t* m_pRefMutex = nullptr;  // guards everything else; robust in a block
+  OS::Private::FutexCondition m_allow{nullptr, false};  // broadcast whenever the lock becomes free
+  unsigned char* m_pHolders = nullptr;  // the named block, where holders are recorded; null for threads
+  int m_intReaderHint = -1;             // this process's reader entry, last seen
   RT_MODE m_RtMode;
+  // The thread variant's storage, which the pointers above aim at.
+  struct {
+    unsigned int counts[2];
+    pthread_mutex_t refMutex;
+    uint32_t word;
+  } m_anonymous{};
 };
 
 // The reader/writer mutex's own part of attaching to and detaching from its block.
@@ -92,24 +154,19 @@ class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
   explicit NamedSteps(rw_mutex_handle& owner) : m_owner(owner) {}
 
   void bind(unsigned char* block) override {
-    m_owner.m_RefRead.m_pCount = reinterpret_cast<unsigned int*>(block + kReadCountAt);
-    m_owner.m_RefWrite.m_pCount = reinterpret_cast<unsigned int*>(block + kWriteFlagAt);
-    m_owner.m_pRefMutex = reinterpret_cast<pthread_mutex_t*>(block + kRefMutexAt);
-    m_owner.m_pResourceAccess = reinterpret_cast<sem_t*>(block + kResourceAccessAt);
-    m_owner.m_pAllowCond = reinterpret_cast<pthread_cond_t*>(block + kAllowCondAt);
+    m_owner.bind(block + kReadCountAt, reinterpret_cast<pthread_mutex_t*>(block + kRefMutexAt),
+                 reinterpret_cast<uint32_t*>(block + kAllowWordAt), true);
+    m_owner.m_pHolders = block;
   }
 
+  // The holders and the futex word start as the manager's zero fill left them.
   void initialise() override {
     m_owner.readCount() = 0;
     m_owner.writeFlag() = 0;
     OS::Private::initMutex(m_owner.m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, true);
-    sem_init(m_owner.m_pResourceAccess, 1, 1);
-    OS::Private::initCond(m_owner.m_pAllowCond, true);
   }
 
   void finalise() override {
-    pthread_cond_destroy(m_owner.m_pAllowCond);
-    sem_destroy(m_owner.m_pResourceAccess);
     pthread_mutex_destroy(m_owner.m_pRefMutex);
     m_owner.readCount() = 0;
     m_owner.writeFlag() = 0;
@@ -130,29 +187,32 @@ rw_mutex_handle::rw_mutex_handle(RT_MODE mode, const char* strMutexName)
 }
 
 rw_mutex_handle::~rw_mutex_handle() {
-  if (m_pMutexShareMemory != nullptr)
-    destroyProcessRWMutexOnPosix();
-  else
-    destroyThreadRWMutexOnPosix();
+  if (m_pMutexShareMemory != nullptr) {
+    NamedSteps steps(*this);
+    OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
+  } else if (attached()) {
+    pthread_mutex_destroy(m_pRefMutex);
+  }
+  nullPointers();
 }
 
 void rw_mutex_handle::nullPointers() {
   m_RefRead.m_pCount = nullptr;
   m_RefWrite.m_pCount = nullptr;
   m_pRefMutex = nullptr;
-  m_pResourceAccess = nullptr;
-  m_pAllowCond = nullptr;
+  m_pHolders = nullptr;
+}
+
+void rw_mutex_handle::bind(unsigned char* counts, pthread_mutex_t* refMutex, uint32_t* word, bool processShared) {
+  m_RefRead.m_pCount = reinterpret_cast<unsigned int*>(counts);
+  m_RefWrite.m_pCount = reinterpret_cast<unsigned int*>(counts) + 1;
+  m_pRefMutex = refMutex;
+  m_allow = OS::Private::FutexCondition(word, processShared);
 }
 
 void rw_mutex_handle::createThreadRWMutexOnPosix() {
-  m_RefRead.m_pCount = new unsigned int(0);
-  m_RefWrite.m_pCount = new unsigned int(0);
-  m_pRefMutex = new pthread_mutex_t();
+  bind(reinterpret_cast<unsigned char*>(m_anonymous.counts), &m_anonymous.refMutex, &m_anonymous.word, false);
   OS::Private::initMutex(m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, false);
-  m_pResourceAccess = new sem_t();
-  sem_init(m_pResourceAccess, 0, 1);
-  m_pAllowCond = new pthread_cond_t();
-  OS::Private::initCond(m_pAllowCond, false);
 }
 
 // A refused attach leaves every pointer null, and each operation then does nothing.
@@ -163,78 +223,124 @@ void rw_mutex_handle::createProcessRWMutexOnPosix(const char* strMutexName) {
   if (m_pMutexShareMemory == nullptr) nullPointers();
 }
 
-void rw_mutex_handle::destroyThreadRWMutexOnPosix() {
-  if (m_pAllowCond != nullptr) {
-    pthread_cond_destroy(m_pAllowCond);
-    delete m_pAllowCond;
+// A holder that died inside the ref mutex may have left a record half-written.
+bool rw_mutex_handle::lockRef() {
+  OS::Private::Locked locked = OS::Private::lockRepairing(m_pRefMutex);
+  if (locked == OS::Private::Locked::Repaired) repair();
+  return locked != OS::Private::Locked::Failed;
+}
+
+// After a holder died inside the ref mutex: its record may be half-written.
+void rw_mutex_handle::repair() {
+  sweepDead();
+  m_allow.broadcast();
+}
+
+// Makes the counts agree with the recorded holders (every change keeps them
+// agreed under the ref mutex, so a difference is damage), then gives back the
+// shares of the dead. True when that freed something (the others are woken then).
+bool rw_mutex_handle::sweepDead() {
+  if (m_pHolders == nullptr) return false;
+  Holders holders(m_pHolders);
+  // Readers beyond the table cannot be checked; at most the count can be believed.
+  if (holders.untracked() > readCount()) holders.untracked() = readCount();
+  unsigned int readers = holders.untracked(), writer = writeFlag();
+  if (holders.writer() < 0 || (holders.writer() != 0 && isDead(holders.writer()))) holders.writer() = 0;
+  writeFlag() = holders.writer() != 0 ? 1 : 0;
+  for (int i = 0; i < kTrackedReaders; ++i) {
+    ReaderEntry& entry = holders.reader(i);
+    if (entry.pid <= 0 || entry.count == 0 || isDead(entry.pid)) entry = ReaderEntry{0, 0};
+    readers += entry.count;
   }
-  if (m_pResourceAccess != nullptr) {
-    sem_destroy(m_pResourceAccess);
-    delete m_pResourceAccess;
+  bool freed = readers < readCount() || writeFlag() < writer;
+  readCount() = readers;
+  if (freed) m_allow.broadcast();
+  return freed;
+}
+
+// Sleeps until a broadcast, the deadline or (named) the next sweep. False
+// when the ref mutex could not be retaken.
+bool rw_mutex_handle::waitAllowed(const timespec* deadline) {
+  timespec slice{};
+  if (m_pHolders != nullptr) {
+    slice = OS::Private::sliceDeadline(deadline);
+    deadline = &slice;
   }
-  if (m_pRefMutex != nullptr) {
-    pthread_mutex_destroy(m_pRefMutex);
-    delete m_pRefMutex;
+  OS::Private::Locked locked = m_allow.wait(m_pRefMutex, deadline);
+  if (locked == OS::Private::Locked::Repaired) repair();
+  return locked != OS::Private::Locked::Failed;
+}
+
+bool rw_mutex_handle::lock(bool asWriter, const timespec* deadline) {
+  if (!attached() || !lockRef()) return false;
+  timespec normalised{};
+  deadline = OS::Private::normalisedDeadline(deadline, normalised);
+  // A waiting writer is recorded nowhere, so it never holds readers back,
+  // and one that gives up leaves nothing to undo.
+  while (blocked(asWriter)) {
+    if (sweepDead()) continue;
+    if (deadline != nullptr && OS::Private::hasPassed(*deadline)) {
+      pthread_mutex_unlock(m_pRefMutex);
+      return false;
+    }
+    if (!waitAllowed(deadline)) return false;  // the ref mutex is not ours to unlock
   }
-  delete m_RefRead.m_pCount;
-  delete m_RefWrite.m_pCount;
-  nullPointers();
+  enter(asWriter);
+  pthread_mutex_unlock(m_pRefMutex);
+  return true;
 }
 
-void rw_mutex_handle::destroyProcessRWMutexOnPosix() {
-  NamedSteps steps(*this);
-  OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
-  nullPointers();
+void rw_mutex_handle::enter(bool asWriter) {
+  if (asWriter) {
+    writeFlag() = 1;
+    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = ownPid();
+    return;
+  }
+  ++readCount();
+  if (m_pHolders == nullptr) return;
+  Holders holders(m_pHolders);
+  int entry = holders.find(ownPid(), true, m_intReaderHint);
+  // Beyond the table a reader still gets in, but its death cannot be repaired.
+  if (entry < 0) {
+    ++holders.untracked();
+    return;
+  }
+  m_intReaderHint = entry;
+  holders.reader(entry).pid = ownPid();
+  ++holders.reader(entry).count;
 }
 
-bool rw_mutex_handle::tryLockMutex(pthread_mutex_t* pMutex) {
-  int rc = pthread_mutex_trylock(pMutex);
-  if (rc == 0) return true;
-  if (rc != EBUSY) printf("[CRITICAL]: unexpected mutex trylock error:%d\n", rc);
-  return false;
-}
-
-void rw_mutex_handle::lockRdOnPosix() {
-  if (!attached()) return;
-  lockMutex(m_pRefMutex);
-  while (writeFlag() == 1) waitAllowed();
-  // A waiting writer is not counted anywhere, so it never holds readers back.
-  if (++readCount() == 1) takeResource();
-  unlockMutex(m_pRefMutex);
-}
-
-// A writer waits until nobody at all is inside; readers that arrive meanwhile
-// still get in, which is the intended preference.
-void rw_mutex_handle::lockWrOnPosix() {
-  if (!attached()) return;
-  lockMutex(m_pRefMutex);
-  while (readCount() != 0 || writeFlag() != 0) waitAllowed();
-  writeFlag() = 1;
-  takeResource();
-  unlockMutex(m_pRefMutex);
+// The last reader out may be another process than the first one in: then a
+// share of some other record goes, so that the records keep adding up to the count.
+void rw_mutex_handle::leaveAsReader() {
+  --readCount();
+  if (m_pHolders == nullptr) return;
+  Holders holders(m_pHolders);
+  int entry = holders.find(ownPid(), false, m_intReaderHint);
+  if (entry < 0 && holders.untracked() > 0) {
+    --holders.untracked();
+    return;
+  }
+  for (int i = 0; entry < 0 && i < kTrackedReaders; ++i)
+    if (holders.reader(i).count != 0) entry = i;
+  if (entry < 0) return;
+  if (--holders.reader(entry).count == 0) holders.reader(entry).pid = 0;
 }
 
 // One call serves a reader and the writer: the counts tell which one leaves.
-// An unattached handle has nothing to release.
+// An unattached handle, or one that holds nothing, has nothing to release.
 void rw_mutex_handle::unlockOnPosix() {
-  if (!attached()) return;
-  lockMutex(m_pRefMutex);
-  bool readerLeft = false;
-  if (readCount() != 0) {
-    --readCount();
-    readerLeft = true;
+  if (!attached() || !lockRef()) return;
+  bool readerLeft = readCount() != 0;
+  if (readerLeft) leaveAsReader();
+  // The lock is free once the last reader or the writer leaves: everyone
+  // waiting looks at the counts again.
+  if (readerLeft ? readCount() == 0 : writeFlag() == 1) {
+    writeFlag() = 0;
+    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = 0;
+    m_allow.broadcast();
   }
-  // Other readers are still inside, or this caller held nothing.
-  if ((readerLeft && readCount() > 0) || (!readerLeft && writeFlag() != 1)) {
-    unlockMutex(m_pRefMutex);
-    return;
-  }
-  // The lock is free: everyone waiting re-checks the counts under the ref mutex.
-  readCount() = 0;
-  writeFlag() = 0;
-  pthread_cond_broadcast(m_pAllowCond);
-  sem_post(m_pResourceAccess);
-  unlockMutex(m_pRefMutex);
+  pthread_mutex_unlock(m_pRefMutex);
 }
 
 rw_mutex_handle* os_rw_mutex_create(RT_MODE mode, const char* strMutexName) {
@@ -244,13 +350,31 @@ rw_mutex_handle* os_rw_mutex_create(RT_MODE mode, const char* strMutexName) {
 void os_rw_mutex_destroy(rw_mutex_handle*& handle) { destroyHandle(handle); }
 
 void os_rw_mutex_lock_rd(rw_mutex_handle* handle) {
-  if (handle != nullptr) handle->lockRdOnPosix();
+  if (handle != nullptr) handle->lock(false, nullptr);
 }
 
 void os_rw_mutex_lock_wr(rw_mutex_handle* handle) {
-  if (handle != nullptr) handle->lockWrOnPosix();
+  if (handle != nullptr) handle->lock(true, nullptr);
 }
 
 void os_rw_mutex_unlock(rw_mutex_handle* handle) {
   if (handle != nullptr) handle->unlockOnPosix();
 }
+
+namespace {
+const timespec kTryOnce{0, 0};  // a deadline long past
+}  // namespace
+
+bool os_rw_mutex_trylock_rd(rw_mutex_handle* handle) { return handle != nullptr && handle->lock(false, &kTryOnce); }
+
+bool os_rw_mutex_trylock_wr(rw_mutex_handle* handle) { return handle != nullptr && handle->lock(true, &kTryOnce); }
+
+bool os_rw_mutex_lock_rd_timeout(rw_mutex_handle* handle, timespec deadline) {
+  return handle != nullptr && handle->lock(false, &deadline);
+}
+
+bool os_rw_mutex_lock_wr_timeout(rw_mutex_handle* handle, timespec deadline) {
+  return handle != nullptr && handle->lock(true, &deadline);
+}
+
+bool os_rw_mutex_is_attached(const rw_mutex_handle* handle) { return handle != nullptr && handle->attached(); }

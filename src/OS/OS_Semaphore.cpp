@@ -1,11 +1,11 @@
 #include <ostrelled/OS_Semaphore.h>
 
-#include <errno.h>
 #include <semaphore.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
+#include <variant>
 
 #include "Handle.h"
 #include "OS/OS_NamedObject.h"
@@ -27,11 +27,12 @@ constexpr SemaphoreLayout kSysVLayout{9, 8};     // System V set id
 
 }  // namespace
 
-// A counting semaphore of one of three kinds: a heap sem_t (anonymous), a
-// process-shared sem_t in a named block, or a System V set whose id sits in a
-// named block. The System V kind is the one the kernel can undo for a process
-// that exits; it is reached only through OS::createSemaphore.
-class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefix> {
+// A counting semaphore of one of three kinds: a sem_t of the handle's own
+// (anonymous), a process-shared sem_t in a named block, or a System V set whose
+// id sits in a named block. The System V kind is the one the kernel can undo
+// for a process that exits; it is reached only through OS::createSemaphore.
+// The kind object is chosen once; every operation goes through it.
+class semaphore_handle {
  public:
   semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName, bool bManageByOS);
   ~semaphore_handle();
@@ -39,33 +40,29 @@ class semaphore_handle : private OS::SysVSemaphoreOps<OS::kSemaphoreMessagePrefi
   semaphore_handle& operator=(const semaphore_handle&) = delete;
 
   void setUndoTrack(bool bUndoTrack) { m_bUndoTrack = bUndoTrack; }
-  bool wait();
-  bool waitTimeout(const timespec& timeout);
-  void release();
+  bool attached() const { return m_pKind != nullptr; }
+  bool wait(const timespec* deadline) { return attached() && m_pKind->take(deadline); }
+  void release() {
+    if (attached()) m_pKind->give();
+  }
+  int value() const { return attached() ? m_pKind->value() : -1; }
 
  private:
   class NamedSteps;
 
-  // Both views of the union share one pointer, so either tells whether one is held.
-  bool attached() const { return m_hSem.m_hAnonymousHandle != nullptr; }
-  // Read on every operation: the block's flag, not this opener's wish, decides.
-  // An anonymous semaphore's flag is always false, so it is not even loaded.
-  bool managedByOS() const { return m_pSemaphoreShareMemory != nullptr && *m_pManageByOS; }
-  int semId() const { return *m_hSem.m_hNamedHandle; }
-  // The POSIX semaphore of an attached handle. The anonymous one is reached
-  // without loading a pointer first: in an uncontended release or wait that
-  // load would stand between two atomic operations and cost a third of the call.
-  sem_t* posixSem() { return m_pSemaphoreShareMemory == nullptr ? &m_anonymousSem : m_hSem.m_hAnonymousHandle; }
+  // Points m_pKind at a kind built in place.
+  template <class Kind, class... Args>
+  void choose(Args... args) {
+    m_pKind = &m_kindStore.emplace<Kind>(args...);
+  }
 
   std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
   sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
-  sem_handle m_hSem{};                                    // null while unattached
-  bool* m_pManageByOS = nullptr;                          // kind flag: in the block, or the false below
+  OS::Private::SemaphoreKind* m_pKind = nullptr;          // null while unattached
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
-  // Storage of the anonymous kind, which m_hSem and m_pManageByOS point at.
-  sem_t m_anonymousSem{};
-  bool m_bAnonymousManageByOS = false;
+  std::variant<std::monostate, OS::Private::PosixSemaphore, OS::Private::SysVSemaphore> m_kindStore;
+  sem_t m_anonymousSem{};  // the anonymous kind's storage
 };
 
 // The semaphore's own part of attaching to and detaching from its block.
@@ -81,43 +78,40 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
   bool beforeOpen() override { return OS::SysV::keyOfBlock(m_owner.m_strSemaphoreName, "semaphore", m_key); }
 
   void bind(unsigned char* block) override {
+    m_block = block;
     if (m_bManageByOS)
-      m_owner.m_hSem.m_hNamedHandle = reinterpret_cast<int*>(block + kSemaphoreAt);
+      m_owner.choose<OS::Private::SysVSemaphore>(setId(), OS::kSemaphoreMessagePrefix, &m_owner.m_bUndoTrack);
     else
-      m_owner.m_hSem.m_hAnonymousHandle = reinterpret_cast<sem_t*>(block + kSemaphoreAt);
-    m_owner.m_pManageByOS = reinterpret_cast<bool*>(block + layout().kindFlag);
+      m_owner.choose<OS::Private::PosixSemaphore>(reinterpret_cast<sem_t*>(block + kSemaphoreAt));
   }
 
   void initialise() override {
     if (m_bManageByOS) {
-      int id = OS::SysV::createSet(m_key);
-      *m_owner.m_hSem.m_hNamedHandle = id;
-      m_owner.setSemVal(id, m_intInitialCount);
+      *setId() = OS::SysV::createSet(m_key);
+      OS::SysV::setSemVal(*setId(), m_intInitialCount);
     } else {
-      sem_init(m_owner.m_hSem.m_hAnonymousHandle, 1, static_cast<unsigned int>(m_intInitialCount));
+      sem_init(reinterpret_cast<sem_t*>(m_block + kSemaphoreAt), 1, static_cast<unsigned int>(m_intInitialCount));
     }
-    // Written here so that every later operation, in every process, honours the kind.
-    *m_owner.m_pManageByOS = m_bManageByOS;
+    // Written here so that every process can tell the kind from the block.
+    *reinterpret_cast<bool*>(m_block + layout().kindFlag) = m_bManageByOS;
   }
 
-  void finalise() override {
-    if (m_owner.managedByOS())
-      m_owner.destroySem(m_owner.semId());
-    else
-      sem_destroy(m_owner.m_hSem.m_hAnonymousHandle);
-  }
+  void finalise() override { m_owner.m_pKind->destroy(); }
 
  private:
+  int* setId() const { return reinterpret_cast<int*>(m_block + kSemaphoreAt); }
+
   semaphore_handle& m_owner;
   bool m_bManageByOS;
   int m_intInitialCount;
   key_t m_key = -1;
+  unsigned char* m_block = nullptr;
 };
 
 semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
                                    bool bManageByOS)
     : m_RtMode(OS::Private::storedMode(mode)) {
-  // Every refusal leaves all pointers null: an unattached handle whose waits fail.
+  // Every refusal leaves the kind unset: an unattached handle whose waits fail.
   if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > OS::kMaxObjectNameLength) return;
   if (strSemaphoreName != nullptr && bManageByOS && OS::Private::isRealTime(mode)) {
     puts("semaphore_handle can not work in rt mode while named semaphore is managed by os.");
@@ -129,18 +123,14 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
     NamedSteps steps(*this, bManageByOS, intInitialCount);
     m_pSemaphoreShareMemory = OS::Private::attachSameKind(m_strSemaphoreName, steps.layout().size, steps);
     // bind() may have run before a later step refused the block.
-    if (m_pSemaphoreShareMemory == nullptr) {
-      m_hSem.m_hAnonymousHandle = nullptr;
-      m_pManageByOS = nullptr;
-    }
+    if (m_pSemaphoreShareMemory == nullptr) m_pKind = nullptr;
     return;
   }
 
   // A count the system refuses (negative or above SEM_VALUE_MAX) leaves the
   // handle unattached rather than holding an uninitialised semaphore.
   if (sem_init(&m_anonymousSem, 0, static_cast<unsigned int>(intInitialCount)) != 0) return;
-  m_hSem.m_hAnonymousHandle = &m_anonymousSem;
-  m_pManageByOS = &m_bAnonymousManageByOS;
+  choose<OS::Private::PosixSemaphore>(&m_anonymousSem);
 }
 
 // The last detach on the machine removes the semaphore (see NamedSteps::finalise).
@@ -149,44 +139,9 @@ semaphore_handle::~semaphore_handle() {
     NamedSteps steps(*this, false, 0);
     OS::detachNamedObject(m_strSemaphoreName, m_pSemaphoreShareMemory, steps);
   } else if (attached()) {
-    sem_destroy(&m_anonymousSem);
+    m_pKind->destroy();
   }
-  m_hSem.m_hAnonymousHandle = nullptr;
-  m_pManageByOS = nullptr;
-}
-
-inline bool semaphore_handle::wait() {
-  if (!attached()) return false;
-  if (managedByOS()) return waitSem(semId(), m_bUndoTrack);
-  // A unit that is there is taken without sem_wait's cancellation check,
-  // which costs as much as the take itself.
-  sem_t* sem = posixSem();
-  if (sem_trywait(sem) == 0) return true;
-  // A signal ends the wait with false, as any failed wait does.
-  return sem_wait(sem) == 0;
-}
-
-// The deadline is on CLOCK_MONOTONIC: semtimedop wants the span left, and
-// sem_timedwait counts on the wall clock, so each gets its own conversion.
-bool semaphore_handle::waitTimeout(const timespec& timeout) {
-  if (!attached()) return false;
-  if (managedByOS()) {
-    timespec left = OS::Private::timeLeftUntil(timeout, m_RtMode);
-    // semtimedop refuses a negative span; a passed deadline still takes a
-    // unit that is there, like sem_timedwait does.
-    if (left.tv_sec < 0) left = timespec{0, 0};
-    return waitSemTimeout(semId(), &left, m_bUndoTrack);
-  }
-  timespec wall = OS::Private::monotonicDeadlineToWall(timeout, m_RtMode);
-  return sem_timedwait(posixSem(), &wall) == 0;
-}
-
-inline void semaphore_handle::release() {
-  if (!attached()) return;
-  if (managedByOS())
-    postSem(semId(), m_bUndoTrack);
-  else
-    sem_post(posixSem());
+  m_pKind = nullptr;
 }
 
 semaphore_handle* OS::createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
@@ -206,12 +161,16 @@ bool os_semaphore_set_undo_track(semaphore_handle* handle, bool bUndoTrack) {
   return true;
 }
 
-bool os_semaphore_wait(semaphore_handle* handle) { return handle != nullptr && handle->wait(); }
+bool os_semaphore_wait(semaphore_handle* handle) { return handle != nullptr && handle->wait(nullptr); }
 
 bool os_semaphore_wait_timeout(semaphore_handle* handle, timespec timeout) {
-  return handle != nullptr && handle->waitTimeout(timeout);
+  return handle != nullptr && handle->wait(&timeout);
 }
 
 void os_semaphore_release(semaphore_handle* handle) {
   if (handle != nullptr) handle->release();
 }
+
+int os_semaphore_get_value(semaphore_handle* handle) { return handle != nullptr ? handle->value() : -1; }
+
+bool os_semaphore_is_attached(const semaphore_handle* handle) { return handle != nullptr && handle->attached(); }

@@ -17,9 +17,9 @@ OSTRELLED_EXPORT semaphore_handle* createSemaphore(int intInitialCount, RT_MODE 
                                                    bool bManageByOS);
 
 // The wake-up of a named event: a System V set when bManageByOS (whatever
-// bUseConditionInsteadOfSem says), else a condition variable when
+// bUseConditionInsteadOfSem says), else a futex condition when
 // bUseConditionInsteadOfSem, else a POSIX semaphore. An anonymous event always
-// uses a condition variable. Never null.
+// uses a futex condition. Never null.
 OSTRELLED_EXPORT event_handle* createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
                                            bool bManageByOS, bool bUseConditionInsteadOfSem);
 

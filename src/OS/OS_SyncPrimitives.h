@@ -1,29 +1,129 @@
 #ifndef OSTRELLED_SRC_OS_SYNCPRIMITIVES_H
 #define OSTRELLED_SRC_OS_SYNCPRIMITIVES_H
 
-// Helpers of the event, the semaphore and the reader/writer mutex: condition
-// variables kept on the heap (one process) or in a named block (every process
-// attached to the name), and the attach of objects that come in several kinds.
-// Their mutexes use the helpers of OS_MutexHandle.h.
+// The wake-up primitives of the event, the semaphore and the reader/writer
+// mutex, one class per kind (futex condition, POSIX semaphore, System V
+// semaphore), each chosen once when a handle is built; and the attach of
+// objects that come in several kinds. Mutexes use OS_MutexHandle.h.
 
 #include <pthread.h>
+#include <semaphore.h>
+#include <stdint.h>
 #include <time.h>
 
 #include <string>
 
+#include "OS/OS_MutexHandle.h"
 #include "OS/OS_NamedObject.h"
 
 namespace OS {
 namespace Private {
 
-// A condition variable counting on CLOCK_MONOTONIC, process-shared on request.
-void initCond(pthread_cond_t* cond, bool processShared);
+// How one sleep of a flag loop ended.
+enum class Slept {
+  Again,    // look at the flag again
+  Leave,    // time is up or the primitive failed: answer with the flag as it is
+  LockLost  // the mutex could not be retaken: the flags must not be touched
+};
 
-// pthread_cond_wait, or pthread_cond_timedwait until the absolute
-// CLOCK_MONOTONIC deadline when one is given. A robust mutex that comes back
-// from a dead holder is marked consistent, so the caller holds it usable
-// either way. Returns 0, ETIMEDOUT or the call's other error number.
-int waitRecovering(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline = nullptr);
+// A blocked waiter that must look around now and then (to sweep dead holders,
+// or to notice a wake-up that a dying process swallowed) sleeps at most this long.
+constexpr long kSweepSliceNanos = 250000000L;
+
+// The earlier of the caller's deadline (null: none) and one sweep slice from now.
+timespec sliceDeadline(const timespec* deadline);
+
+// What an event sleeps on between looks at its flag, which its mutex guards.
+class Wakeup {
+ public:
+  virtual ~Wakeup() = default;
+  // Called holding `mutex` and returns holding it again, unless LockLost.
+  // deadline: absolute CLOCK_MONOTONIC, null to sleep until woken.
+  virtual Slept sleep(pthread_mutex_t* mutex, const timespec* deadline) = 0;
+  // The flag was raised, or a holder of the mutex died: wake the sleepers.
+  virtual void wakeAll() = 0;
+  // A waiter of a manual-reset event hands its wake-up on to the next sleeper.
+  virtual void passOn() {}
+  // The flag was lowered: drop wake-ups that no longer mean anything.
+  virtual void clear() {}
+  // Last user on the machine (or of the process): release the primitive.
+  virtual void destroy() {}
+};
+
+// A condition variable of the library's own making: a 32-bit sequence word
+// that waiters sleep on with FUTEX_WAIT_BITSET on an absolute CLOCK_MONOTONIC
+// deadline. All-zero is a valid state, so a manager-zeroed block needs no
+// initialisation; a waiter that dies leaves nothing behind (at worst the
+// waiters bit, which costs the next broadcast one needless system call).
+class FutexCondition final : public Wakeup {
+ public:
+  FutexCondition(uint32_t* word, bool processShared);
+  // Unlocks, sleeps until a broadcast or the deadline, and relocks, repairing a
+  // robust mutex whose holder died. Tells how the relock went.
+  Locked wait(pthread_mutex_t* mutex, const timespec* deadline);
+  // Wakes every waiter. Called with the mutex held, so that a waiter that has
+  // not yet marked the word cannot be between its look at the flag and its sleep.
+  void broadcast();
+
+  Slept sleep(pthread_mutex_t* mutex, const timespec* deadline) override;
+  void wakeAll() override { broadcast(); }
+
+ private:
+  uint32_t* m_pWord;
+  int m_intWaitOp, m_intWakeOp;  // private futex operations for an anonymous object
+};
+
+// A counting semaphore of either kind, also usable as an event's wake-up
+// (then it sleeps outside the event's mutex, in slices, so that a wake-up
+// taken by a process that died before it passed it on is not waited for forever).
+class SemaphoreKind : public Wakeup {
+ public:
+  // Takes one unit; deadline null: until one comes (signals do not end the
+  // wait); a deadline in the past tries once. Signals never shorten the wait.
+  virtual bool take(const timespec* deadline) = 0;
+  virtual void give() = 0;
+  // Units available now, or -1 with errno set.
+  virtual int value() const = 0;
+
+  Slept sleep(pthread_mutex_t* mutex, const timespec* deadline) final;
+  void wakeAll() final { give(); }
+  void passOn() final { give(); }
+};
+
+// A sem_t, on the heap side of a handle or in a named block. Timed waits count
+// on CLOCK_MONOTONIC (sem_clockwait), so wall-clock steps move no deadline.
+class PosixSemaphore final : public SemaphoreKind {
+ public:
+  explicit PosixSemaphore(sem_t* sem) : m_pSem(sem) {}
+  bool take(const timespec* deadline) override;
+  void give() override { sem_post(m_pSem); }
+  int value() const override;
+  // A reset takes one pending unit without blocking; a waiter woken by
+  // another one finds the flag clear and sleeps again.
+  void clear() override { sem_trywait(m_pSem); }
+  void destroy() override { sem_destroy(m_pSem); }
+
+ private:
+  sem_t* m_pSem;
+};
+
+// A System V set of one semaphore whose id sits in a named block. Its failure
+// lines carry the owner's prefix ("semaphore" or "event").
+class SysVSemaphore final : public SemaphoreKind {
+ public:
+  SysVSemaphore(const int* id, const char* prefix, const bool* undoTrack)
+      : m_pId(id), m_strPrefix(prefix), m_pUndoTrack(undoTrack) {}
+  bool take(const timespec* deadline) override;
+  void give() override;
+  int value() const override;
+  void clear() override;
+  void destroy() override;
+
+ private:
+  const int* m_pId;
+  const char* m_strPrefix;
+  const bool* m_pUndoTrack;  // the owner's SEM_UNDO choice, read at every operation
+};
 
 // attachNamedObject for objects whose block size tells their kind apart (the
 // semaphore and the event): a block of another size was made by another kind

@@ -51,20 +51,23 @@ void postSem(const char* prefix, int intSemId, bool bUndoTrack) {
     printf("%s:semop[post] failed,errno=%d!!\n", prefix, errno);
 }
 
-// A signal ends the wait like any other failure, with its line; callers that
-// loop on a flag simply wait again.
 bool waitSem(const char* prefix, int intSemId, bool bUndoTrack) {
   sembuf op = operation(-1, bUndoTrack);
-  if (semop(intSemId, &op, 1) == 0) return true;
+  if (Private::retryOnEintr([&] { return semop(intSemId, &op, 1); }) == 0) return true;
   reportWaitFailure(prefix, "semop");
   return false;
 }
 
-// Not retried on EINTR: the span is relative, so a retry would wait the whole
-// span again. An interrupted timed wait ends like a time-out, with a message.
-bool waitSemTimeout(const char* prefix, int intSemId, timespec* timeSpan, bool bUndoTrack) {
+bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bool bUndoTrack) {
   sembuf op = operation(-1, bUndoTrack);
-  if (semtimedop(intSemId, &op, 1, timeSpan) == 0) return true;
+  int result = Private::retryOnEintr([&] {
+    timespec left = Private::timeLeftUntil(deadline);
+    // semtimedop refuses a negative span; a passed deadline still takes a
+    // unit that is there, like sem_timedwait does.
+    if (left.tv_sec < 0) left = timespec{0, 0};
+    return semtimedop(intSemId, &op, 1, &left);
+  });
+  if (result == 0) return true;
   reportWaitFailure(prefix, "semtimedop");
   return false;
 }
