@@ -3,6 +3,7 @@
 #include <string>
 
 #include <ostrelled/OS_Event.h>
+#include <ostrelled/OS_ShareMemory.h>
 
 #include "OS/OS_SyncKinds.h"
 #include "SyncTestSupport.h"
@@ -139,4 +140,19 @@ TEST_F(HostedManager, UnusableEventsAnswerFalseAndIgnoreTheRest) {
     EXPECT_FALSE(os_event_is_attached(event));
     os_event_destroy(event);
   }
+}
+
+TEST_F(HostedManager, DamagedFlagBytesAreTakenAsSetAndRepaired) {
+  std::string name = uniqueName("event");
+  event_handle* event = os_event_create(false, false, USE_STD, name.c_str());
+  sharememory_handle* block = os_sharememory_open(name.c_str(), USE_STD);
+  ASSERT_NE(block, nullptr);
+  // The condition kind's set flag sits at 93; another writer left a stray byte there.
+  static_cast<unsigned char*>(os_sharememory_get_buffer(block))[93] = 0x7f;
+  EXPECT_TRUE(os_event_wait_timeout(event, deadlineIn(10)));
+  EXPECT_EQ(static_cast<unsigned char*>(os_sharememory_get_buffer(block))[93], 0) << "consumed as a set of 1";
+  EXPECT_FALSE(os_event_wait_timeout(event, deadlineIn(10)));
+  os_sharememory_close(block, false);
+  os_sharememory_destroy(block);
+  os_event_destroy(event);
 }

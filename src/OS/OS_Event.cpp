@@ -61,6 +61,7 @@ class event_handle {
   void init_event_handle(RT_MODE mode);
   void bindFlags(bool* flags);
   bool lockMutex();
+  void repairFlags();
   void unlockMutex() { pthread_mutex_unlock(m_pMutex); }
   template <class Kind, class... Args>
   void choose(Args... args) {
@@ -209,7 +210,17 @@ event_handle::~event_handle() {
 bool event_handle::lockMutex() {
   OS::Private::Locked locked = OS::Private::lockRepairing(m_pMutex);
   if (locked == OS::Private::Locked::Repaired) m_pWakeup->wakeAll();
+  if (locked != OS::Private::Locked::Failed && m_pEventShareMemory != nullptr) repairFlags();
   return locked != OS::Private::Locked::Failed;
+}
+
+// A flag byte in a shared block that holds neither 0 nor 1 (damaged by some
+// other writer) is not a valid bool: it is read as bytes and taken as set.
+void event_handle::repairFlags() {
+  for (bool* flag : {m_pManualReset, m_pIsSetEvent}) {
+    auto* byte = reinterpret_cast<unsigned char*>(flag);
+    if (*byte > 1) *byte = 1;
+  }
 }
 
 void event_handle::setEvent() {
