@@ -53,7 +53,8 @@ TEST(OS_Atomic, CountersAndCompareAndSwapAreExactUnderTwoThreads) {
       os_thread_sync_fetch_sub(&counter);
     }
     for (int i = 0; i < kRounds; ++i)
-      for (long seen = swaps; !os_thread_sync_compare_and_swap(&swaps, seen, seen + 1);) seen = swaps;
+      for (long seen = __atomic_load_n(&swaps, __ATOMIC_RELAXED); !os_thread_sync_compare_and_swap(&swaps, seen, seen + 1);)
+        seen = __atomic_load_n(&swaps, __ATOMIC_RELAXED);
   };
   std::thread first(body), second(body);
   first.join();
