@@ -1,0 +1,111 @@
+// Sequences of counted-string operations on three handles, checked after every
+// step against a model of what each handle holds (no value, or its L bytes).
+
+#include <optional>
+
+#include <ostrelled/BStr.h>
+
+#include "FuzzInput.h"
+
+namespace {
+
+using Value = std::optional<std::string>;
+
+// A caller's own block of the given bytes; freed with array delete.
+LPBSTRUNIT newBlock(const std::string& bytes) {
+  char* block = new char[bytes.size() + 4];
+  const int length = static_cast<int>(bytes.size());
+  memcpy(block, &length, 4);
+  memcpy(block + 4, bytes.data(), bytes.size());
+  return reinterpret_cast<LPBSTRUNIT>(block);
+}
+
+void checkHolds(bstr_handle* handle, const Value& expected) {
+  const char* data = bstr_get_data(handle);
+  fuzz::check(!data == !expected, "value present");
+  if (!expected) return;
+  fuzz::check(bstr_get_length(handle) == int(expected->size()) && memcmp(data, expected->data(), expected->size()) == 0,
+              "value bytes", *expected);
+}
+
+void checkNullHandle(fuzz::Input& in) {
+  const std::string text = in.text();
+  const bool nullSource = in.byte() & 1;
+  fuzz::check(bstr_set_text(nullptr, nullSource ? nullptr : text.c_str()) == nullSource, "null handle set");
+  fuzz::check(bstr_get_length(nullptr) == 0 && !bstr_get_data(nullptr) && !bstr_detach_bstrunit(nullptr),
+              "null handle reads");
+  LPBSTRUNIT block = newBlock(text);
+  bstr_attach_bstrunit(nullptr, block);  // the caller keeps the block
+  fuzz::check(!bstr_equal_bstrunit(nullptr, block) && bstr_equal_bstr(nullptr, nullptr), "null handle equality");
+  delete[] reinterpret_cast<char*>(block);
+}
+
+// One operation on handles a and b (perhaps the same one).
+void step(fuzz::Input& in, bstr_handle* handles[], Value values[]) {
+  const int op = in.byte() % 8, a = in.byte() % 3, b = in.byte() % 3;
+  switch (op) {
+    case 0: {
+      const std::string text = in.text();
+      fuzz::check(bstr_set_text(handles[a], text.c_str()), "set text");
+      values[a] = text + '\0';  // a text block counts its terminator
+      break;
+    }
+    case 1: {
+      const std::string data = in.text();
+      fuzz::check(bstr_set_data(handles[a], data.data(), int(data.size())), "set data");
+      values[a] = data;
+      break;
+    }
+    case 2: {
+      const Value source = (in.byte() & 1) ? Value(in.text()) : Value();
+      LPBSTRUNIT block = source ? newBlock(*source) : nullptr;
+      fuzz::check(bstr_set_bstrunit(handles[a], block), "set unit");
+      values[a] = source;
+      delete[] reinterpret_cast<char*>(block);
+      break;
+    }
+    case 3:
+      fuzz::check(bstr_set_bstr(handles[a], handles[b]), "set bstr");
+      values[a] = a == b ? Value() : values[b];  // a self-assignment empties: intended
+      break;
+    case 4:
+      bstr_clear(handles[a]);
+      values[a].reset();
+      break;
+    case 5: {
+      LPBSTRUNIT block = bstr_detach_bstrunit(handles[a]);
+      bstr_attach_bstrunit(handles[b], block);
+      const Value moved = values[a];
+      values[a].reset();
+      values[b] = moved;
+      break;
+    }
+    case 6: {
+      fuzz::check(bstr_equal_bstr(handles[a], handles[b]) == (values[a] == values[b]), "equal bstr");
+      const std::string text = in.text();
+      LPBSTRUNIT block = newBlock(text);
+      fuzz::check(bstr_equal_bstrunit(handles[a], block) == (values[a] == text), "equal unit", text);
+      delete[] reinterpret_cast<char*>(block);
+      break;
+    }
+    default:
+      checkNullHandle(in);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::Input in(data, size);
+  bstr_handle* handles[3] = {bstr_create(), bstr_create(), bstr_create()};
+  Value values[3];
+  for (int steps = 0; !in.empty() && steps < 64; ++steps) {
+    step(in, handles, values);
+    for (int i = 0; i < 3; ++i) checkHolds(handles[i], values[i]);
+  }
+  for (bstr_handle*& handle : handles) {
+    bstr_destroy(handle);
+    fuzz::check(handle == nullptr, "destroy resets the pointer");
+  }
+  return 0;
+}
