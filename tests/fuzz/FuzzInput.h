@@ -12,6 +12,8 @@
 #include <string>
 #include <type_traits>
 
+#include <ostrelled/Types.h>
+
 namespace fuzz {
 
 // A wrong result: printed with the input's own words, then abort(), which
@@ -65,6 +67,18 @@ class Input {
   const uint8_t* m_data;
   size_t m_size;
 };
+
+// A caller's own counted-string block of the given bytes, made as the library
+// makes them (a 32-bit length word, then the bytes); freed with freeUnit.
+inline LPBSTRUNIT newUnit(const std::string& bytes) {
+  char* unit = new char[bytes.size() + 4];
+  const int length = static_cast<int>(bytes.size());
+  memcpy(unit, &length, 4);
+  memcpy(unit + 4, bytes.data(), bytes.size());
+  return reinterpret_cast<LPBSTRUNIT>(unit);
+}
+
+inline void freeUnit(LPBSTRUNIT unit) { delete[] reinterpret_cast<char*>(unit); }
 
 }  // namespace fuzz
 

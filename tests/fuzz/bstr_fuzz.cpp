@@ -11,15 +11,6 @@ namespace {
 
 using Value = std::optional<std::string>;
 
-// A caller's own block of the given bytes; freed with array delete.
-LPBSTRUNIT newBlock(const std::string& bytes) {
-  char* block = new char[bytes.size() + 4];
-  const int length = static_cast<int>(bytes.size());
-  memcpy(block, &length, 4);
-  memcpy(block + 4, bytes.data(), bytes.size());
-  return reinterpret_cast<LPBSTRUNIT>(block);
-}
-
 void checkHolds(bstr_handle* handle, const Value& expected) {
   const char* data = bstr_get_data(handle);
   fuzz::check(!data == !expected, "value present");
@@ -34,10 +25,10 @@ void checkNullHandle(fuzz::Input& in) {
   fuzz::check(bstr_set_text(nullptr, nullSource ? nullptr : text.c_str()) == nullSource, "null handle set");
   fuzz::check(bstr_get_length(nullptr) == 0 && !bstr_get_data(nullptr) && !bstr_detach_bstrunit(nullptr),
               "null handle reads");
-  LPBSTRUNIT block = newBlock(text);
+  LPBSTRUNIT block = fuzz::newUnit(text);
   bstr_attach_bstrunit(nullptr, block);  // the caller keeps the block
   fuzz::check(!bstr_equal_bstrunit(nullptr, block) && bstr_equal_bstr(nullptr, nullptr), "null handle equality");
-  delete[] reinterpret_cast<char*>(block);
+  fuzz::freeUnit(block);
 }
 
 // One operation on handles a and b (perhaps the same one).
@@ -58,10 +49,10 @@ void step(fuzz::Input& in, bstr_handle* handles[], Value values[]) {
     }
     case 2: {
       const Value source = (in.byte() & 1) ? Value(in.text()) : Value();
-      LPBSTRUNIT block = source ? newBlock(*source) : nullptr;
+      LPBSTRUNIT block = source ? fuzz::newUnit(*source) : nullptr;
       fuzz::check(bstr_set_bstrunit(handles[a], block), "set unit");
       values[a] = source;
-      delete[] reinterpret_cast<char*>(block);
+      fuzz::freeUnit(block);
       break;
     }
     case 3:
@@ -83,9 +74,9 @@ void step(fuzz::Input& in, bstr_handle* handles[], Value values[]) {
     case 6: {
       fuzz::check(bstr_equal_bstr(handles[a], handles[b]) == (values[a] == values[b]), "equal bstr");
       const std::string text = in.text();
-      LPBSTRUNIT block = newBlock(text);
+      LPBSTRUNIT block = fuzz::newUnit(text);
       fuzz::check(bstr_equal_bstrunit(handles[a], block) == (values[a] == text), "equal unit", text);
-      delete[] reinterpret_cast<char*>(block);
+      fuzz::freeUnit(block);
       break;
     }
     default:

@@ -24,14 +24,6 @@ struct Model {
   Element zero() const { return vt == TVT_BSTR ? Element() : Element(std::string(kWidth[vt], '\0')); }
 };
 
-LPBSTRUNIT newUnit(const std::string& bytes) {
-  char* unit = new char[bytes.size() + 4];
-  const int length = static_cast<int>(bytes.size());
-  memcpy(unit, &length, 4);
-  memcpy(unit + 4, bytes.data(), bytes.size());
-  return reinterpret_cast<LPBSTRUNIT>(unit);
-}
-
 Element fromUnit(LPBSTRUNIT unit) {
   if (!unit) return Element();
   int length;
@@ -45,12 +37,12 @@ void setElement(fuzz::Input& in, safearray_handle* array, Model& model, unsigned
                                        : Element(std::string(model.valid ? kWidth[model.vt] : 8, '\0'));
   if (model.vt != TVT_BSTR)
     for (char& c : *value) c = static_cast<char>(model.vt == TVT_BOOL ? in.byte() & 1 : in.byte());
-  LPBSTRUNIT unit = model.vt == TVT_BSTR && value ? newUnit(*value) : nullptr;
+  LPBSTRUNIT unit = model.vt == TVT_BSTR && value ? fuzz::newUnit(*value) : nullptr;
   void* source = model.vt == TVT_BSTR ? static_cast<void*>(&unit) : value->data();
   const bool accepted = model.valid && index < model.count;
   fuzz::check(safearray_set_element(array, index, source) == accepted, "set");
   if (accepted) model.elements[index] = value;
-  delete[] reinterpret_cast<char*>(unit);  // the array made its own copy
+  fuzz::freeUnit(unit);  // the array made its own copy
 }
 
 void checkElement(safearray_handle* array, const Model& model, unsigned index) {
@@ -62,7 +54,7 @@ void checkElement(safearray_handle* array, const Model& model, unsigned index) {
     LPBSTRUNIT unit;
     memcpy(&unit, buffer, sizeof unit);
     fuzz::check(fromUnit(unit) == model.elements[index], "string element");
-    delete[] reinterpret_cast<char*>(unit);
+    fuzz::freeUnit(unit);
   } else {
     fuzz::check(memcmp(buffer, model.elements[index]->data(), kWidth[model.vt]) == 0, "scalar element");
   }
