@@ -2,7 +2,9 @@
 # Installs what building and testing need, on a Debian machine, as root.
 # Only missing packages are installed; a machine that has them all is left alone.
 set -euo pipefail
-packages=(cmake make g++ clang libclang-rt-dev binutils pkg-config libgtest-dev libgmock-dev
+# libclang-rt-dev holds the sanitizer and libFuzzer runtimes, llvm the
+# symbolizer that turns their reports' addresses into source lines.
+packages=(cmake make g++ clang libclang-rt-dev llvm binutils pkg-config libgtest-dev libgmock-dev
   libbenchmark-dev procps psmisc gawk coreutils zlib1g)
 # The API reference check.
 packages+=(doxygen)

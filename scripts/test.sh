@@ -1,27 +1,52 @@
 #!/usr/bin/env bash
 # Builds the library and runs every test: the plain build, the exported-name
-# check, a downstream build against an installed copy, and the whole suite
-# again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# check, a downstream build against an installed copy, every example, the API
+# reference without a Doxygen warning, the whole suite again
+# under AddressSanitizer and UndefinedBehaviorSanitizer, the tests that use
+# threads under ThreadSanitizer, and every fuzz target for a bounded time.
+# Prints how long each step took.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 jobs=2
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j"$jobs"
-(cd build && ctest --output-on-failure -j"$jobs")
+timings=()
+step() {
+  local name=$1 start=$SECONDS
+  shift
+  "$@"
+  timings+=("$name: $((SECONDS - start)) s")
+}
 
-scripts/check_install.sh build
+plain() {
+  cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  cmake --build build -j"$jobs"
+  (cd build && ctest --output-on-failure -j"$jobs")
+}
 
+address() {
+  cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_SANITIZE=ON -DOSTRELLED_BUILD_BENCH=OFF \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+  cmake --build build-sanitize -j"$jobs"
+  (cd build-sanitize && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j"$jobs")
+}
+
+thread() {
+  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_TSAN=ON -DOSTRELLED_BUILD_BENCH=OFF \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+  cmake --build build-tsan -j"$jobs"
+  (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j"$jobs")
+}
+
+step "build and tests" plain
+step "install check" scripts/check_install.sh build
 # Every example program; the named-object ones beside a manager, in private namespaces.
-scripts/run_examples.sh build
-
+step "examples" scripts/run_examples.sh build
 # The API reference: every public declaration documented, no Doxygen warning.
-scripts/check_docs.sh build-docs
+step "API reference" scripts/check_docs.sh build-docs
+step "AddressSanitizer and UndefinedBehaviorSanitizer" address
+step "ThreadSanitizer" thread
+step "fuzzing, 30 s per target" scripts/fuzz.sh 30
 
-cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_SANITIZE=ON -DOSTRELLED_BUILD_BENCH=OFF \
-  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
-cmake --build build-sanitize -j"$jobs"
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
-export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-(cd build-sanitize && ctest --output-on-failure -j"$jobs")
+printf '%s\n' "${timings[@]}"

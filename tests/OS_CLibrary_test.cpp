@@ -2,6 +2,7 @@
 
 #include <stdarg.h>
 
+#include <climits>
 #include <string>
 
 #include <ostrelled/OS_CLibrary.h>
@@ -41,4 +42,18 @@ TEST(OS_CLibrary, AsciiTestAndFormattedLength) {
   EXPECT_EQ(formattedLength("%d", 12345), 6);
   EXPECT_EQ(formattedLength(""), 1);
   EXPECT_EQ(formattedLength("%s-%s", "ab", "cde"), 7);
+}
+
+static int formattedLengthOnce(const char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  const int length = os_clibrary_string_get_formatted_length(format, ap);
+  va_end(ap);
+  return length;
+}
+
+// INT_MAX bytes need INT_MAX + 1 with the terminator. Asked once: the C
+// library pads the whole width even when it writes nothing, seconds of work.
+TEST(OS_CLibrary, FormattedLengthBeyondIntIsMinusOne) {
+  EXPECT_EQ(formattedLengthOnce("%2147483647d", 1), -1);
 }

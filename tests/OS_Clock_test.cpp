@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <utility>
 
 #include <ostrelled/OS.h>
@@ -18,6 +19,8 @@ TEST(OS_Clock, SpanIsLeftUnnormalisedAndAdjustCarriesAnyNumberOfSeconds) {
   const std::pair<timespec, timespec> inAndOut[] = {
       {{5, -1}, {4, 999999999}},        {{5, 2500000000L}, {7, 500000000}}, {{0, -3000000000L}, {-3, 0}},
       {{1, 1000000000L}, {2, 0}},       {{1, 999999999}, {1, 999999999}},   {{0, -1}, {-1, 999999999}},
+      // Billions of seconds carried at once, in no more time than one.
+      {{0, LONG_MAX}, {9223372036L, 854775807}}, {{0, LONG_MIN}, {-9223372037L, 145224192}},
   };
   for (auto [in, out] : inAndOut) {
     timespec t = in;

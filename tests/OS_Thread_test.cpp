@@ -14,6 +14,18 @@
 
 #include "TestSupport.h"
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
 TEST(OS_Thread, StackSizeHasAFloorAndZeroMeansTheDefault) {
   auto recordStackSize = [](void* arg) -> void* {
     pthread_attr_t attr;
@@ -31,7 +43,12 @@ TEST(OS_Thread, StackSizeHasAFloorAndZeroMeansTheDefault) {
     pthread_t handle{};
     os_thread_create(&handle, recordStackSize, &seen, USE_STD, requested);
     os_thread_join(handle, USE_STD);
-    EXPECT_EQ(seen, expected) << "requested " << requested;
+    // ThreadSanitizer raises small stacks to what its own runtime needs, so
+    // there only a lower bound of the size the library asked for shows.
+    if (kThreadSanitizer)
+      EXPECT_GE(seen, expected) << "requested " << requested;
+    else
+      EXPECT_EQ(seen, expected) << "requested " << requested;
   }
 }
 
@@ -46,6 +63,8 @@ TEST(OS_Atomic, CountersAndCompareAndSwapAreExactUnderTwoThreads) {
   constexpr int kRounds = 1000000;
   volatile unsigned long counter = 0;
   volatile long swaps = 0;
+  // The word is read atomically too: a plain read beside the other thread's swap is a race.
+  auto swapsNow = [&] { return __atomic_load_n(&swaps, __ATOMIC_RELAXED); };
   auto body = [&] {
     for (int i = 0; i < kRounds; ++i) {
       os_thread_sync_fetch_add(&counter);
@@ -53,7 +72,7 @@ TEST(OS_Atomic, CountersAndCompareAndSwapAreExactUnderTwoThreads) {
       os_thread_sync_fetch_sub(&counter);
     }
     for (int i = 0; i < kRounds; ++i)
-      for (long seen = swaps; !os_thread_sync_compare_and_swap(&swaps, seen, seen + 1);) seen = swaps;
+      for (long seen = swapsNow(); !os_thread_sync_compare_and_swap(&swaps, seen, seen + 1);) seen = swapsNow();
   };
   std::thread first(body), second(body);
   first.join();

@@ -40,7 +40,8 @@ int os_clibrary_string_get_formatted_length(const char* strFormat, va_list ap) {
   va_copy(copy, ap);
   const int needed = vsnprintf(nullptr, 0, strFormat, copy);
   va_end(copy);
-  return needed < 0 ? -1 : needed + 1;
+  // INT_MAX bytes and the terminator do not fit the result: unrepresentable too.
+  return needed < 0 || needed == INT_MAX ? -1 : needed + 1;
 }
 
 namespace {

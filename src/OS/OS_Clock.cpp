@@ -46,15 +46,16 @@ void os_clock_get_clock_span(const timespec* startTime, const timespec* endTime,
 }
 
 void os_clock_adjust_clock_time(timespec* tp) {
-  // Loops rather than a division: the carries are usually zero or one.
-  while (tp->tv_nsec < 0) {
-    tp->tv_nsec += kNanosPerSecond;
-    --tp->tv_sec;
+  // Floor division: the result of carrying one second at a time, either way,
+  // however far the nanoseconds have strayed, in constant time.
+  time_t carry = tp->tv_nsec / kNanosPerSecond;
+  long nanos = tp->tv_nsec % kNanosPerSecond;
+  if (nanos < 0) {
+    nanos += kNanosPerSecond;
+    --carry;
   }
-  while (tp->tv_nsec > kNanosPerSecond - 1) {
-    tp->tv_nsec -= kNanosPerSecond;
-    ++tp->tv_sec;
-  }
+  tp->tv_sec += carry;
+  tp->tv_nsec = nanos;
 }
 
 void os_clock_realtime_to_monotonic(timespec* realTime, timespec* monotonicTime, RT_MODE mode) {

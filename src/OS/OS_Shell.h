@@ -51,33 +51,45 @@ inline std::string quote(const char* text, Quoting quoting) {
   return out;
 }
 
-// A command template: printf text with at most two %s, and how it quotes them.
+// A relative path that begins with '-' as the tools must see it: behind "./",
+// so that it names a file rather than an option. Other paths are kept as given.
+inline std::string asOperand(const char* path) {
+  std::string operand(path == nullptr ? "" : path);
+  if (!operand.empty() && operand[0] == '-') operand.insert(0, "./");
+  return operand;
+}
+
+// A command template: printf text with at most two %s, how it quotes them, and
+// whether they are paths handed to a tool as operands.
 struct Template {
   const char* format;
   Quoting quoting;
+  bool paths;
 };
 
 // The library's commands.
-constexpr Template kRemoveTree = {"rm \"%s\" -rf", Quoting::DoubleQuotes};
-constexpr Template kMove = {"mv \"%s\" \"%s\"", Quoting::DoubleQuotes};  // source, destination
-constexpr Template kCopyOverwriting = {"cp -arf \"%s\"/* \"%s\"", Quoting::DoubleQuotes};
+constexpr Template kRemoveTree = {"rm \"%s\" -rf", Quoting::DoubleQuotes, true};
+constexpr Template kMove = {"mv \"%s\" \"%s\"", Quoting::DoubleQuotes, true};  // source, destination
+constexpr Template kCopyOverwriting = {"cp -arf \"%s\"/* \"%s\"", Quoting::DoubleQuotes, true};
 // Answers "n" to cp's first question, so existing files are kept; the status
 // that counts is awk's. When cp asks nothing and is gone before awk has written
 // its answer, awk's write meets a broken pipe and the command fails: a race
 // that belongs to this command as given.
 constexpr Template kCopyKeeping = {
     "awk 'BEGIN { cmd=\"cp -ari '\\''%s'\\''/* '\\''%s'\\''/\";print \"n\"|cmd;}'",
-    Quoting::AwkCommandInSingleQuotes};
-constexpr Template kKill = {"killall -9 \"%s\"", Quoting::DoubleQuotes};
+    Quoting::AwkCommandInSingleQuotes, true};
+// A process name, not a path: killall takes it as it is.
+constexpr Template kKill = {"killall -9 \"%s\"", Quoting::DoubleQuotes, false};
 
 // The command of a template whose %s are filled, in order, with the quoted
-// texts (a null text counts as empty). The buffer is sized from the template
-// and the quoted texts, so nothing is cut.
+// texts (a null text counts as empty; paths are made operands first). The
+// buffer is sized from the template and the quoted texts, so nothing is cut.
 inline std::string formatCommand(const Template& command, std::initializer_list<const char*> texts) {
   std::vector<std::string> quoted;
   size_t size = std::string(command.format).size() + 1;
   for (const char* text : texts) {
-    quoted.push_back(quote(text, command.quoting));
+    const std::string operand = command.paths ? asOperand(text) : std::string(text == nullptr ? "" : text);
+    quoted.push_back(quote(operand.c_str(), command.quoting));
     size += quoted.back().size();
   }
   quoted.resize(2);  // unused slots are ignored by the format

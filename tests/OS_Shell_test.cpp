@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <glob.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ostrelled/OS_Folder.h>
+#include <ostrelled/OS_System.h>
+
+#include "OS/OS_Shell.h"
+#include "TempDirectory.h"
+#include "TestSupport.h"
+
+using namespace testsupport;
+
+namespace {
+
+// Names that a shell would read as code, quoting or patterns. Every command
+// they could start would leave a file whose name begins with "pwned".
+const char* const kHostileNames[] = {
+    "with space",  "dq\"uote",        "sq'uote",         "dollar$HOME",   "$(touch pwned1)", "`touch pwned2`",
+    "back\\slash", "semi;touch pwned3", "pipe|touch pwned4", "amp&touch pwned5", "star*",     "new\nline",
+    "it's \"$(touch pwned6)\"", "'\\''$(touch pwned7)'\\''", "\\\"; touch pwned8; \\\""};
+
+// Names that rm, mv and cp would take as options.
+const char* const kDashNames[] = {"-rf", "-i", "--help", "-v x", "-"};
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+bool anythingRan() {
+  glob_t found{};
+  const bool any = glob("pwned*", 0, nullptr, &found) == 0;
+  globfree(&found);
+  return any;
+}
+
+// Each test works inside its own directory, so relative paths and anything a
+// broken command might create stay there.
+struct OS_Shell : ::testing::Test {
+  TempDirectory m_dir{true};
+};
+
+}  // namespace
+
+TEST(OS_ShellCommand, OrdinaryPathsGiveTheTemplateByteForByte) {
+  using namespace OS::Shell;
+  const std::string p = "/tmp/some dir/with-ordinary_chars.~+=@%!#&;|<>(){}*?[]";
+  EXPECT_EQ(formatCommand(kRemoveTree, {p.c_str()}), "rm \"" + p + "\" -rf");
+  EXPECT_EQ(formatCommand(kMove, {p.c_str(), "b"}), "mv \"" + p + "\" \"b\"");
+  EXPECT_EQ(formatCommand(kCopyOverwriting, {p.c_str(), "b/"}), "cp -arf \"" + p + "\"/* \"b/\"");
+  EXPECT_EQ(formatCommand(kCopyKeeping, {p.c_str(), "b/"}),
+            "awk 'BEGIN { cmd=\"cp -ari '\\''" + p + "'\\''/* '\\''b/'\\''/\";print \"n\"|cmd;}'");
+  EXPECT_EQ(formatCommand(kKill, {nullptr}), "killall -9 \"\"");
+}
+
+TEST(OS_ShellCommand, PathsBeginningWithADashGoBehindDotSlashButProcessNamesDoNot) {
+  using namespace OS::Shell;
+  EXPECT_EQ(formatCommand(kRemoveTree, {"-rf"}), "rm \"./-rf\" -rf");
+  EXPECT_EQ(formatCommand(kMove, {"-i", "a-b"}), "mv \"./-i\" \"a-b\"");
+  EXPECT_EQ(formatCommand(kCopyOverwriting, {"--help/", "-/"}), "cp -arf \"./--help/\"/* \"./-/\"");
+  EXPECT_EQ(formatCommand(kCopyKeeping, {"-v x/", "b/"}),
+            "awk 'BEGIN { cmd=\"cp -ari '\\''./-v x/'\\''/* '\\''b/'\\''/\";print \"n\"|cmd;}'");
+  EXPECT_EQ(formatCommand(kKill, {"-x"}), "killall -9 \"-x\"");
+}
+
+// Copy into a missing and then into an existing target, move into an existing
+// directory and remove, each on a source and a target named after the hostile text.
+TEST_F(OS_Shell, FolderCommandsRunNothingAndActOnTheLiteralPath) {
+  for (const char* name : kHostileNames) {
+    SCOPED_TRACE(name);
+    const std::string source = m_dir / ("s " + std::string(name)), target = std::string("t ") + name;
+    ASSERT_TRUE(os_folder_create((source + "/sub").c_str()));
+    writeFile(source + "/f", "new");
+    writeFile(source + "/.hidden", "");  // the shell's "/*" skips dot entries
+    ASSERT_TRUE(os_folder_copy(source.c_str(), target.c_str(), false));
+    EXPECT_TRUE(readFile(target + "/f") == "new" && exists(target + "/sub") && !exists(target + "/.hidden"));
+    // Nested under the last component ("\\" separates too); cp's question
+    // about the existing f is answered "n".
+    const std::string nested = target + "/" + source.substr(source.find_last_of("/\\") + 1);
+    ASSERT_TRUE(os_folder_create(nested.c_str()));
+    writeFile(nested + "/f", "kept");
+    writeFile(source + "/g", "y");
+    ASSERT_TRUE(os_folder_copy((source + "/").c_str(), target.c_str(), true));
+    EXPECT_EQ(readFile(nested + "/f") + readFile(nested + "/g"), "kepty");
+    EXPECT_FALSE(os_folder_remove(target.c_str(), false));  // not empty
+    EXPECT_TRUE(os_folder_move((target + "/").c_str(), source.c_str()) && exists(source + "/" + target + "/f"));
+    EXPECT_TRUE(os_folder_remove((source + "//").c_str(), true));
+    EXPECT_FALSE(exists(source) || exists(target));
+  }
+  EXPECT_FALSE(anythingRan());
+}
+
+// A name that ends in a backslash reaches the copy commands as it is, where an
+// unprotected backslash would swallow the closing quote.
+TEST_F(OS_Shell, CopyTakesANameEndingInABackslashLiterally) {
+  ASSERT_TRUE(os_folder_create("src\\/sub"));
+  writeFile("src\\/f", "x");
+  ASSERT_TRUE(os_folder_copy("src\\", "dst\\", false));
+  EXPECT_TRUE(readFile("dst\\/f") == "x" && exists("dst\\/sub"));
+  // Into the existing target: the library reads the backslash as a separator,
+  // so the folder for the source's root is "dst\\" followed by "c" (the last
+  // character of a name without separator), a folder the system calls "dst\\c".
+  writeFile("src\\/g", "y");
+  ASSERT_TRUE(os_folder_copy("src\\", "dst\\", true));
+  EXPECT_TRUE(readFile("dst\\c/g") == "y" && readFile("dst\\c/f") == "x");
+  EXPECT_FALSE(anythingRan());
+}
+
+TEST_F(OS_Shell, FolderCommandsTakeNamesBeginningWithADashAsFolders) {
+  for (const char* name : kDashNames) {
+    SCOPED_TRACE(name);
+    const std::string source(name), copy = std::string("-c") + name, moved = std::string("-m") + name;
+    ASSERT_TRUE(os_folder_create((source + "/sub").c_str()));
+    writeFile(source + "/data", "d");
+    ASSERT_TRUE(os_folder_copy(name, copy.c_str(), false));
+    EXPECT_TRUE(readFile(copy + "/data") == "d" && exists(copy + "/sub"));
+    // Without a separator the nested folder is named by the last character: intended.
+    ASSERT_TRUE(os_folder_copy(name, copy.c_str(), true));
+    EXPECT_EQ(readFile(copy + "/" + source.back() + "/data"), "d");
+    ASSERT_TRUE(os_folder_move(copy.c_str(), moved.c_str()));
+    EXPECT_TRUE(!exists(copy) && readFile(moved + "/data") == "d");
+    EXPECT_TRUE(os_folder_remove(name, true) && os_folder_remove(moved.c_str(), true));
+    EXPECT_FALSE(exists(source) || exists(moved));
+  }
+}
+
+TEST_F(OS_Shell, KillRunsNothingAndMatchesTheLiteralName) {
+  for (const char* name : kHostileNames) EXPECT_FALSE(os_system_kill_application(name)) << name;
+  EXPECT_FALSE(os_system_kill_application("trailing\\") || anythingRan());
+  // A program started under a name full of shell syntax is found by that name.
+  const std::string name = "k\"'$;|&*`\\" + std::to_string(getpid() % 1000);
+  ASSERT_EQ(symlink("/bin/sleep", name.c_str()), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    execl(name.c_str(), name.c_str(), "30", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  EXPECT_TRUE(waitUntil([&] { return os_system_kill_application(name.c_str()); }));
+  EXPECT_EQ(waitChild(child), 128 + SIGKILL);
+}
