@@ -14,18 +14,6 @@
 
 #include "TestSupport.h"
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool kThreadSanitizer = true;
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-
 TEST(OS_Thread, StackSizeHasAFloorAndZeroMeansTheDefault) {
   auto recordStackSize = [](void* arg) -> void* {
     pthread_attr_t attr;
@@ -45,7 +33,7 @@ TEST(OS_Thread, StackSizeHasAFloorAndZeroMeansTheDefault) {
     os_thread_join(handle, USE_STD);
     // ThreadSanitizer raises small stacks to what its own runtime needs, so
     // there only a lower bound of the size the library asked for shows.
-    if (kThreadSanitizer)
+    if (testsupport::kThreadSanitizer)
       EXPECT_GE(seen, expected) << "requested " << requested;
     else
       EXPECT_EQ(seen, expected) << "requested " << requested;
