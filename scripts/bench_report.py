@@ -121,43 +121,56 @@ def text_table(rows, runs):
     return "\n".join(lines) + "\n"
 
 
+def svg_escape(text):
+    return text.replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;")
+
+
 def svg_chart(rows):
-    """Horizontal bars of the ratios on a logarithmic axis, the target as a tick."""
-    shown = [r for r in rows if r["measured"]]
-    left, bar, gap, width = 430, 18, 8, 360
-    lo, hi = -3.0, max([3.0] + [math.ceil(math.log2(r["ratio"])) for r in shown])
-    top = 40
-    height = top + len(shown) * (bar + gap) + 40
+    """Horizontal bars of the ratios on a logarithmic axis from 1, the target as a tick;
+    the operation and its reference label each bar, the ratio stands at the right.
+    A pair whose benchmarks did not run keeps its line, marked as not measured."""
+    shown = rows
+    left, bar, gap, width, top = 360, 26, 10, 380, 40
+    lo, hi = -3, max([3] + [math.ceil(math.log2(r["ratio"])) for r in shown if r["measured"]])
+    plot_bottom = top + len(shown) * (bar + gap)
+    height = plot_bottom + 60
 
     def x(ratio):
-        return left + (math.log2(max(ratio, 2 ** lo)) - lo) / (hi - lo) * width
+        return left + (math.log2(max(ratio, 2.0 ** lo)) - lo) / (hi - lo) * width
 
     out = ['<svg xmlns="http://www.w3.org/2000/svg" width="%d" height="%d" font-family="sans-serif" '
-           'font-size="12">' % (left + width + 90, height),
+           'font-size="12">' % (left + width + 70, height),
            '<rect width="100%" height="100%" fill="white"/>',
-           '<text x="10" y="20" font-size="14">Library time / reference time (log scale; tick = target)</text>']
-    for e in range(int(lo), int(hi) + 1):
+           '<text x="10" y="22" font-size="15">Library time / reference time, same run '
+           '(log scale; black tick: target)</text>']
+    for e in range(lo, hi + 1):
         gx = x(2.0 ** e)
         out.append('<line x1="%.1f" y1="%d" x2="%.1f" y2="%d" stroke="%s"/>'
-                   % (gx, top - 5, gx, height - 30, "#444" if e == 0 else "#ddd"))
-        out.append('<text x="%.1f" y="%d" text-anchor="middle">%g</text>' % (gx, height - 15, 2.0 ** e))
+                   % (gx, top - 4, gx, plot_bottom, "#444" if e == 0 else "#ddd"))
+        out.append('<text x="%.1f" y="%d" text-anchor="middle">%g</text>' % (gx, plot_bottom + 16, 2.0 ** e))
     for i, r in enumerate(shown):
         y = top + i * (bar + gap)
         colour = {None: "#8a8a8a", True: "#2e8b57", False: "#c0392b"}[r["passed"]]
-        label = "%s vs %s" % (r["operation"], r["reference"])
-        if len(label) > 68:
-            label = label[:65] + "..."
-        out.append('<text x="%d" y="%d" text-anchor="end">%s</text>'
-                   % (left - 6, y + bar - 5, label.replace("&", "&amp;").replace("<", "&lt;")))
+        out.append('<text x="%d" y="%d" text-anchor="end">%s</text>' % (left - 8, y + 11, svg_escape(r["operation"])))
+        out.append('<text x="%d" y="%d" text-anchor="end" fill="#666" font-size="11">vs %s</text>'
+                   % (left - 8, y + 24, svg_escape(r["reference"])))
+        if not r["measured"]:
+            out.append('<text x="%d" y="%d" fill="#666">not measured</text>' % (left + 8, y + 18))
+            continue
         x0, x1 = x(1.0), x(r["ratio"])
         out.append('<rect x="%.1f" y="%d" width="%.1f" height="%d" fill="%s"/>'
-                   % (min(x0, x1), y, max(abs(x1 - x0), 1.0), bar, colour))
-        out.append('<text x="%.1f" y="%d">%.2f</text>' % (max(x0, x1) + 4, y + bar - 5, r["ratio"]))
+                   % (min(x0, x1), y + 3, max(abs(x1 - x0), 1.0), bar - 6, colour))
+        out.append('<text x="%d" y="%d">%.2f</text>' % (left + width + 10, y + 18, r["ratio"]))
         target = next(t for t in ROWS if t[0] == r["operation"] and t[2] == r["reference_benchmark"])[4]
         if target and target[0] == "ratio":
             tx = x(target[1])
-            out.append('<line x1="%.1f" y1="%d" x2="%.1f" y2="%d" stroke="black" stroke-width="2"/>'
-                       % (tx, y - 2, tx, y + bar + 2))
+            out.append('<line x1="%.1f" y1="%d" x2="%.1f" y2="%d" stroke="black" stroke-width="3"/>'
+                       % (tx, y, tx, y + bar))
+    legend = (("#2e8b57", "target met"), ("#c0392b", "target missed"), ("#8a8a8a", "no target (shown for comparison)"))
+    for i, (colour, text) in enumerate(legend):
+        lx = left + i * 130 - 150
+        out.append('<rect x="%d" y="%d" width="12" height="12" fill="%s"/>' % (lx, plot_bottom + 30, colour))
+        out.append('<text x="%d" y="%d">%s</text>' % (lx + 16, plot_bottom + 41, text))
     out.append("</svg>")
     return "\n".join(out) + "\n"
 
