@@ -66,38 +66,39 @@ class HandWrittenRW {
   pthread_cond_t m_allow;
 };
 
+// One lock (reader or writer) and one unlock per iteration, on the library's handle.
+// Templates, so that both sides call their lock directly.
+template <class Lock>
+void libraryLockUnlock(benchmark::State& state, Lock lock) {
+  rw_mutex_handle* rw = os_rw_mutex_create(USE_STD, nullptr);
+  for (auto _ : state) {
+    lock(rw);
+    os_rw_mutex_unlock(rw);
+  }
+  os_rw_mutex_destroy(rw);
+}
+
+// The same on the hand-written design.
+template <class Lock>
+void handWrittenLockUnlock(benchmark::State& state, Lock lock) {
+  HandWrittenRW rw;
+  for (auto _ : state) {
+    lock(rw);
+    rw.unlock();
+  }
+}
+
 void BM_RWMutexReaderLockUnlock(benchmark::State& state) {
-  rw_mutex_handle* rw = os_rw_mutex_create(USE_STD, nullptr);
-  for (auto _ : state) {
-    os_rw_mutex_lock_rd(rw);
-    os_rw_mutex_unlock(rw);
-  }
-  os_rw_mutex_destroy(rw);
+  libraryLockUnlock(state, [](rw_mutex_handle* rw) { os_rw_mutex_lock_rd(rw); });
 }
-
 void BM_HandWrittenRWReaderLockUnlock(benchmark::State& state) {
-  HandWrittenRW rw;
-  for (auto _ : state) {
-    rw.lockRead();
-    rw.unlock();
-  }
+  handWrittenLockUnlock(state, [](HandWrittenRW& rw) { rw.lockRead(); });
 }
-
 void BM_RWMutexWriterLockUnlock(benchmark::State& state) {
-  rw_mutex_handle* rw = os_rw_mutex_create(USE_STD, nullptr);
-  for (auto _ : state) {
-    os_rw_mutex_lock_wr(rw);
-    os_rw_mutex_unlock(rw);
-  }
-  os_rw_mutex_destroy(rw);
+  libraryLockUnlock(state, [](rw_mutex_handle* rw) { os_rw_mutex_lock_wr(rw); });
 }
-
 void BM_HandWrittenRWWriterLockUnlock(benchmark::State& state) {
-  HandWrittenRW rw;
-  for (auto _ : state) {
-    rw.lockWrite();
-    rw.unlock();
-  }
+  handWrittenLockUnlock(state, [](HandWrittenRW& rw) { rw.lockWrite(); });
 }
 
 void BM_RawRwlockReaderLockUnlock(benchmark::State& state) {
