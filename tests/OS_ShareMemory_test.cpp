@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sched.h>
+#include <stdio.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 
+#include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_ShareMemory.h>
 
 #include "SyncTestSupport.h"
@@ -43,4 +47,60 @@ TEST(OS_ShareMemory, MissingOrInvalidNamesGiveNull) {
   for (const char* bad : {"", "a/b"}) EXPECT_EQ(os_sharememory_create(bad, 16, USE_DEFAULT), nullptr) << bad;
   EXPECT_EQ(os_sharememory_get_buffer(nullptr), nullptr);
   os_sharememory_close(nullptr, true);
+}
+
+// Runs body in a child with its own mount namespace and a /dev/shm of 128 KiB;
+// 77 when the machine refuses that, so the test can say why it skips.
+static int onSmallShm(const std::function<int()>& body) {
+  return runChild([&] {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=128k") != 0)
+      return 77;
+    return body();
+  });
+}
+
+// Takes every free block of /dev/shm into one file; removing it frees them.
+static void fillShm(const char* path) {
+  FILE* filler = fopen(path, "w");
+  static char page[4096];
+  while (filler != nullptr && fwrite(page, 1, sizeof page, filler) == sizeof page && fflush(filler) == 0) {
+  }
+  if (filler != nullptr) fclose(filler);
+}
+
+TEST(OS_ShareMemory, AFullFileSystemRefusesABlockWithEnospcInsteadOfABusError) {
+  int result = onSmallShm([] {
+    std::string name = uniqueName("big");
+    errno = 0;
+    EXPECT_EQ(os_sharememory_create(name.c_str(), 4u << 20, USE_STD), nullptr);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(shmExists(name)) << "a block that could not be backed is not left behind";
+    sharememory_handle* small = os_sharememory_create(name.c_str(), 16384, USE_STD);
+    EXPECT_NE(small, nullptr);
+    os_sharememory_close(small, true);
+    os_sharememory_destroy(small);
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+  if (result == 77) GTEST_SKIP() << "a private mount namespace with a small tmpfs is not permitted here";
+  EXPECT_EQ(result, 0);
+}
+
+TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystemAndServesOnceSpaceIsFreed) {
+  int result = onSmallShm([] {
+    if (!os_sync_environment_initialize(false)) return 2;
+    fillShm("/dev/shm/filler");
+    std::string name = uniqueName("full");
+    mutex_handle* refused = os_mutex_create(0, USE_STD, name.c_str());
+    EXPECT_FALSE(os_mutex_is_attached(refused));
+    os_mutex_destroy(refused);
+    unlink("/dev/shm/filler");
+    mutex_handle* served = os_mutex_create(0, USE_STD, name.c_str());
+    EXPECT_TRUE(os_mutex_is_attached(served));
+    os_mutex_destroy(served);
+    os_sync_environment_uninitialize();
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+  if (result == 77) GTEST_SKIP() << "a private mount namespace with a small tmpfs is not permitted here";
+  EXPECT_EQ(result, 0) << "128 + 7 is the manager killed by SIGBUS";
 }

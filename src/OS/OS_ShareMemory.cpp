@@ -1,5 +1,6 @@
 #include "OS/OS_ShareMemoryHandle.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -36,19 +37,48 @@ bool sharememory_handle::mapDescriptor(size_t size) {
   return true;
 }
 
+// No O_EXCL in effect: an existing object is reused, resized and cleared.
+// The first, exclusive try only tells whether this call made the object.
+bool sharememory_handle::openForCreate(const char* name, bool& created) {
+  m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT | O_EXCL, 0777); });
+  created = m_hShareMemoryHandle != -1;
+  if (!created && errno == EEXIST)
+    m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT, 0777); });
+  return m_hShareMemoryHandle != -1;
+}
+
+// Every page gets its storage before anybody touches it: on a full file
+// system touching an unbacked page raises SIGBUS, while this fails with
+// ENOSPC. A block this call made and could not back is not left behind.
+bool sharememory_handle::backDescriptor(unsigned int size, bool created) {
+  // posix_fallocate reports its error by value, so it is repeated here by hand.
+  int result = 0;
+  if (size != 0) do {
+      result = posix_fallocate(m_hShareMemoryHandle, 0, size);
+    } while (result == EINTR);
+  if (result == 0) return true;
+  if (created) shm_unlink(m_strShareMemoryName.c_str());
+  errno = result;
+  return false;
+}
+
 bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int uintMemorySize) {
   (void)OS::Private::isRealTime(m_RtMode);  // both modes map alike
   // A handle that maps something already lets go of it first: recreating never leaks a mapping.
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
-  // No O_EXCL: an existing object is reused, resized and cleared below.
-  m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT, 0777); });
-  if (m_hShareMemoryHandle == -1) return false;
+  bool created = false;
+  if (!openForCreate(name, created)) return false;
   m_strShareMemoryName = name;
-  if (retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) != 0 ||
-      !mapDescriptor(uintMemorySize)) {
+  if (retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) != 0) {
     int saved = errno;
     sharememory_close();  // the object stays in /dev/shm; only the destroyer unlinks
+    errno = saved;
+    return false;
+  }
+  if (!backDescriptor(uintMemorySize, created) || !mapDescriptor(uintMemorySize)) {
+    int saved = errno;
+    sharememory_close();
     errno = saved;
     return false;
   }

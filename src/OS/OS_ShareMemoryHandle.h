@@ -24,6 +24,8 @@ class sharememory_handle {
   size_t sharememory_get_size() const { return m_uintMemorySize; }
 
  private:
+  bool openForCreate(const char* name, bool& created);
+  bool backDescriptor(unsigned int size, bool created);
   bool mapDescriptor(size_t size);
 
   int m_hShareMemoryHandle;

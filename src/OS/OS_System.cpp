@@ -37,7 +37,9 @@ bool os_system_run_application(const char* strApplicationName, const char* strCo
   }
   int status = 0;
   OS::Private::retryOnEintr([&] { return waitpid(pid, &status, bBlockParent ? 0 : WNOHANG); });
-  // A child still running leaves status 0, which counts as success.
+  // A start that does not wait has one answer, the child was started: whether
+  // its exit is already visible here is a matter of timing, not of the start.
+  if (!bBlockParent) return true;
   return (status & 0x7f) == 0 && ((status >> 8) & 0xff) != kCouldNotStart;
 }
 
