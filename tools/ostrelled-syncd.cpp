@@ -36,9 +36,11 @@ enum class Existing { None, Live, Stale, Stuck };
 Existing probeExistingManager() {
   OS::CSyncClient client;
   if (!client.create(true)) return Existing::None;
-  if (!client.lockUntil(OS::Private::wallDeadlineAfter(2000 * kNanosPerMilli))) return Existing::Stuck;
-  // Longer than a request's own deadline: a busy manager is still a live one.
-  bool answered = client.requestNothing(OS::Private::wallDeadlineAfter(1000 * kNanosPerMilli));
+  // A lock that a dead client held is released within 100 ms, by the next
+  // taker or by a live manager; one held longer than that is held by a live
+  // client or manager.
+  if (!client.lockUntil(OS::Private::deadlineAfter(200 * kNanosPerMilli))) return Existing::Stuck;
+  bool answered = client.requestNothing(OS::Private::deadlineAfter(OS::kRequestTimeoutNanos));
   client.unlock();
   return answered ? Existing::Live : Existing::Stale;
 }
@@ -67,7 +69,7 @@ int main(int argc, char** argv) {
         return 1;
       case Existing::Stuck:
         fprintf(stderr,
-                "ostrelled-syncd: the sync manager's request lock has stayed taken for 2 s; another manager may "
+                "ostrelled-syncd: the sync manager's request lock has stayed taken for 200 ms; another manager may "
                 "be running. Start with --force to replace it\n");
         return 1;
       case Existing::Stale:

@@ -13,12 +13,18 @@ class os_sync_manager_handle;
 
 extern "C" {
 /// bAsClient true: true when the manager's semaphores and request area can all be
-/// opened (nothing is kept open). false: starts a manager in this process and
+/// opened (nothing is kept open), which names left by a manager that died also
+/// satisfy: os_sync_environment_ping tells whether a manager answers. false: starts a manager in this process and
 /// waits up to about a second for it to take requests; false when it cannot start.
 /// A second manager call replaces the first without stopping it: call it once.
 OSTRELLED_EXPORT bool os_sync_environment_initialize(bool bAsClient);
 /// Stops this process's manager, unlinking every name it manages; nothing without one.
 OSTRELLED_EXPORT void os_sync_environment_uninitialize();
+/// Whether a manager answers now: false without manager names, when nobody
+/// answers, or when the machine's request lock cannot be had, all within
+/// uintMilliseconds. Sends one request that the manager answers and ignores;
+/// prints nothing.
+OSTRELLED_EXPORT bool os_sync_environment_ping(unsigned int uintMilliseconds);
 }
 
 #endif

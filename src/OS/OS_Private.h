@@ -35,6 +35,19 @@ inline auto retryOnEintr(Call call, decltype(call()) failValue = -1) -> decltype
   return result;
 }
 
+// Keeps errno across clean-up after a failure: the caller sees the error of
+// the call that failed, not of what was undone after it.
+class ErrnoGuard {
+ public:
+  ErrnoGuard() : m_saved(errno) {}
+  ~ErrnoGuard() { errno = m_saved; }
+  ErrnoGuard(const ErrnoGuard&) = delete;
+  ErrnoGuard& operator=(const ErrnoGuard&) = delete;
+
+ private:
+  int m_saved;
+};
+
 constexpr long kNanosPerSecond = 1000000000L;
 
 // Now on CLOCK_MONOTONIC.

@@ -14,6 +14,7 @@
 #include <ostrelled/OS_Thread.h>
 
 #include "OS/OS_Private.h"
+#include "OS/OS_MutexHandle.h"
 #include "OS/OS_ShareMemoryHandle.h"
 #include "OS/OS_SyncClient.h"
 
@@ -58,6 +59,7 @@ class os_sync_manager_handle {
         m_hThreadHandle(),
         m_pMutexManagerEnableSemaphore(nullptr),
         m_pMutexManagerShareMemory(nullptr),
+        m_pRequestLock(nullptr),
         m_bServing(false) {}
   ~os_sync_manager_handle() = default;
 
@@ -71,6 +73,9 @@ class os_sync_manager_handle {
 
  private:
   void serve(sem_t* request, sem_t* finish);
+  void serveOne(unsigned char* area);
+  bool createRequestLock();
+  OS::RequestLockRecord* record() const;
 
   std::atomic<bool> m_bRequestExitThread;
   bool m_bThreadActive;
@@ -78,6 +83,7 @@ class os_sync_manager_handle {
   sem_t* m_pMutexManagerEnableSemaphore;
   sharememory_handle* m_pMutexManagerShareMemory;
   std::map<std::string, sharememory_handle*> m_ShareMemoryMap;
+  sharememory_handle* m_pRequestLock;  // who holds the request lock; see OS_SyncClient.h
   std::atomic<bool> m_bServing;
 };
 
@@ -96,6 +102,8 @@ bool os_sync_manager_handle::start() {
   // Created, not opened: an area left by a dead manager is reused in place and cleared.
   m_pMutexManagerShareMemory = os_sharememory_create(kRequestArea, OS::kRequestAreaSize, USE_DEFAULT);
   if (m_pMutexManagerShareMemory == nullptr) return false;
+  // Without the record clients still work, with the enabled semaphore alone.
+  createRequestLock();
   // A manager that died left its names behind; they are replaced, not reused.
   sem_unlink(kEnabledSemaphore);
   m_pMutexManagerEnableSemaphore = createSemaphore(kEnabledSemaphore, 1);
@@ -106,9 +114,25 @@ bool os_sync_manager_handle::start() {
     return true;
   }
   releaseBlock(m_pMutexManagerShareMemory);
+  if (m_pRequestLock != nullptr) releaseBlock(m_pRequestLock);
   // A semaphore unlink of the area's name: it finds nothing. Kept as it is.
   sem_unlink(kRequestArea);
   return false;
+}
+
+// A new object every start, never one cleared in place: clients of a manager
+// that died may still hold the old record's mutex.
+bool os_sync_manager_handle::createRequestLock() {
+  shm_unlink(kRequestLock);
+  m_pRequestLock = os_sharememory_create(kRequestLock, sizeof(OS::RequestLockRecord), USE_DEFAULT);
+  if (m_pRequestLock == nullptr) return false;
+  OS::Private::initMutex(&record()->mutex, PTHREAD_MUTEX_NORMAL, false, true);
+  return true;
+}
+
+OS::RequestLockRecord* os_sync_manager_handle::record() const {
+  if (m_pRequestLock == nullptr) return nullptr;
+  return static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(m_pRequestLock));
 }
 
 void os_sync_manager_handle::stop() {
@@ -122,6 +146,7 @@ void os_sync_manager_handle::stop() {
     m_pMutexManagerEnableSemaphore = nullptr;
     sem_unlink(kEnabledSemaphore);
   }
+  if (m_pRequestLock != nullptr) releaseBlock(m_pRequestLock);
   if (m_pMutexManagerShareMemory != nullptr) {
     releaseBlock(m_pMutexManagerShareMemory);
     sem_unlink(kRequestArea);  // as in start: finds nothing, kept
@@ -181,23 +206,37 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
       nanosleep(&pause, nullptr);
       continue;
     }
-    timespec deadline = OS::Private::wallDeadlineAfter(OS::kRequestTimeoutNanos);
-    if (sem_timedwait(request, &deadline) != 0) continue;
-    // The client wrote the record before its post; the semaphore orders the bytes for us.
-    unsigned int method;
-    memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
-    if (method == OS::MUTEX_CREATE_METHOD) {
-      unsigned int size;
-      memcpy(&size, area + OS::kCreateSizeOffset, sizeof size);
-      std::string name = requestName(area + OS::kCreateNameOffset);
-      if (size != 0 && size <= kMaxManagedBlockSize && !name.empty()) createMemory(name.c_str(), size);
-    } else if (method == OS::MUTEX_DESTROY_METHOD) {
-      std::string name = requestName(area + OS::kDestroyNameOffset);
-      if (!name.empty()) destroyMemory(name.c_str());
+    timespec deadline = OS::Private::deadlineAfter(OS::kRequestTimeoutNanos);
+    if (OS::Private::retryOnEintr([&] { return sem_clockwait(request, CLOCK_MONOTONIC, &deadline); }) != 0) {
+      // Idle: a client that died holding the request lock is released here
+      // even when nobody else waits for it.
+      if (record() != nullptr) OS::releaseDeadHolder(record(), m_pMutexManagerEnableSemaphore);
+      continue;
     }
-    // Exactly one answer per request, also for the ones ignored above.
+    serveOne(area);
+    // Exactly one answer per request, also for the ones ignored.
     sem_post(finish);
   }
+}
+
+// The client wrote the record before its post; the semaphore orders the bytes
+// for us. The request's number is read first and stored as answered last, so
+// that its client can tell this answer from a late one to an earlier request.
+void os_sync_manager_handle::serveOne(unsigned char* area) {
+  OS::RequestLockRecord* rec = record();
+  unsigned int number = rec != nullptr ? __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) : 0;
+  unsigned int method;
+  memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
+  if (method == OS::MUTEX_CREATE_METHOD) {
+    unsigned int size;
+    memcpy(&size, area + OS::kCreateSizeOffset, sizeof size);
+    std::string name = requestName(area + OS::kCreateNameOffset);
+    if (size != 0 && size <= kMaxManagedBlockSize && !name.empty()) createMemory(name.c_str(), size);
+  } else if (method == OS::MUTEX_DESTROY_METHOD) {
+    std::string name = requestName(area + OS::kDestroyNameOffset);
+    if (!name.empty()) destroyMemory(name.c_str());
+  }
+  if (rec != nullptr) __atomic_store_n(&rec->answered, number, __ATOMIC_RELEASE);
 }
 
 void os_sync_manager_handle::waitUntilServing(long millis) const {
@@ -229,6 +268,17 @@ bool os_sync_environment_initialize(bool bAsClient) {
   // finish semaphores, which the thread makes once it runs.
   os_sync_manager->waitUntilServing(1000);
   return true;
+}
+
+bool os_sync_environment_ping(unsigned int uintMilliseconds) {
+  OS::CSyncClient client;
+  if (!client.create(true)) return false;
+  timespec deadline = OS::Private::deadlineAfter(static_cast<long>(uintMilliseconds % 1000) * 1000000L);
+  deadline.tv_sec += uintMilliseconds / 1000;
+  if (!client.lockUntil(deadline)) return false;
+  bool answered = client.requestNothing(deadline);
+  client.unlock();
+  return answered;
 }
 
 void os_sync_environment_uninitialize() {

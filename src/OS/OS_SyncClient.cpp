@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "OS/OS_NamedObject.h"
 #include "OS/OS_Private.h"
@@ -41,44 +42,136 @@ bool CSyncClient::create(bool bQuiet) {
   manager_memory_handle = os_sharememory_open(SyncNames::kRequestArea, USE_DEFAULT);
   if (manager_memory_handle == nullptr && !bQuiet)
     printf("Error: Can not open %s, errno = %d!\n", SyncNames::kRequestArea, errno);
-  if (enable_mutex_manager_sem && manage_request_sem && manage_finish_sem && manager_memory_handle) return true;
-  int saved = errno;
+  if (enable_mutex_manager_sem && manage_request_sem && manage_finish_sem && manager_memory_handle) {
+    openRequestLock();
+    return true;
+  }
+  Private::ErrnoGuard keep;
   destroy();
-  errno = saved;
   return false;
+}
+
+// Opened quietly: the four objects above are the ones a user is told about.
+void CSyncClient::openRequestLock() {
+  request_lock_handle = os_sharememory_open(SyncNames::kRequestLock, USE_DEFAULT);
+  if (request_lock_handle != nullptr && request_lock_handle->sharememory_get_size() < sizeof(RequestLockRecord))
+    os_sharememory_destroy(request_lock_handle);
 }
 
 void CSyncClient::destroy() {
   closeSemaphore(enable_mutex_manager_sem);
   closeSemaphore(manage_request_sem);
   closeSemaphore(manage_finish_sem);
-  if (manager_memory_handle != nullptr) {
-    os_sharememory_close(manager_memory_handle, false);
-    os_sharememory_destroy(manager_memory_handle);
+  for (sharememory_handle** handle : {&manager_memory_handle, &request_lock_handle}) {
+    if (*handle == nullptr) continue;
+    os_sharememory_close(*handle, false);
+    os_sharememory_destroy(*handle);
   }
 }
 
+RequestLockRecord* CSyncClient::record() const {
+  if (request_lock_handle == nullptr) return nullptr;
+  return static_cast<RequestLockRecord*>(os_sharememory_get_buffer(request_lock_handle));
+}
+
+// The enabled semaphore, without a deadline or until one (CLOCK_MONOTONIC).
+bool CSyncClient::takeEnabled(const timespec* deadline) {
+  sem_t* sem = enable_mutex_manager_sem;
+  if (deadline == nullptr) return Private::retryOnEintr([&] { return sem_wait(sem); }) == 0;
+  return Private::retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, deadline); }) == 0;
+}
+
 void CSyncClient::lock() {
-  Private::retryOnEintr([&] { return sem_wait(enable_mutex_manager_sem); });
+  RequestLockRecord* rec = record();
+  if (rec == nullptr) {
+    takeEnabled(nullptr);
+    return;
+  }
+  if (pthread_mutex_lock(&rec->mutex) == EOWNERDEAD) return takeOverFromDeadHolder();
+  takeEnabled(nullptr);
+  rec->holder = static_cast<unsigned int>(getpid());
 }
 
-bool CSyncClient::lockUntil(const timespec& wallDeadline) {
-  return Private::retryOnEintr([&] { return sem_timedwait(enable_mutex_manager_sem, &wallDeadline); }) == 0;
+bool CSyncClient::lockUntil(const timespec& deadline) {
+  RequestLockRecord* rec = record();
+  if (rec == nullptr) return takeEnabled(&deadline);
+  int result = pthread_mutex_clocklock(&rec->mutex, CLOCK_MONOTONIC, &deadline);
+  if (result == EOWNERDEAD) {
+    takeOverFromDeadHolder();
+    return true;
+  }
+  if (result != 0) return false;
+  if (!takeEnabled(&deadline)) {
+    pthread_mutex_unlock(&rec->mutex);
+    return false;
+  }
+  rec->holder = static_cast<unsigned int>(getpid());
+  return true;
 }
 
-void CSyncClient::unlock() { sem_post(enable_mutex_manager_sem); }
+namespace {
+
+// The share of a request-lock holder that died, given back to whoever holds
+// the record's mutex now. Only that holder touches the enabled semaphore, so
+// a value of 0 means the dead holder had taken it: the caller keeps it
+// (takeIt) or gives it back. The dead holder's request, if one was posted,
+// is left to the manager: it is waited for (100 ms at most) before the
+// request area may be written again.
+void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) {
+  pthread_mutex_consistent(&rec->mutex);
+  int value = 1;
+  sem_getvalue(enabled, &value);
+  if (value == 0 && !takeIt) sem_post(enabled);
+  if (value != 0 && takeIt) Private::retryOnEintr([&] { return sem_wait(enabled); });
+  rec->holder = takeIt ? static_cast<unsigned int>(getpid()) : 0;
+}
+
+}  // namespace
+
+void CSyncClient::takeOverFromDeadHolder() {
+  RequestLockRecord* rec = record();
+  repairAfterDeadHolder(rec, enable_mutex_manager_sem, true);
+  timespec deadline = Private::deadlineAfter(kRequestTimeoutNanos);
+  while (__atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) != __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) &&
+         !Private::hasPassed(deadline)) {
+    timespec pause{0, 1000000L};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+void releaseDeadHolder(RequestLockRecord* rec, sem_t* enabled) {
+  int result = pthread_mutex_trylock(&rec->mutex);
+  if (result != 0 && result != EOWNERDEAD) return;  // free of dead holders, or a live one holds it
+  if (result == EOWNERDEAD) repairAfterDeadHolder(rec, enabled, false);
+  pthread_mutex_unlock(&rec->mutex);
+}
+
+void CSyncClient::unlock() {
+  RequestLockRecord* rec = record();
+  if (rec != nullptr) rec->holder = 0;
+  sem_post(enable_mutex_manager_sem);
+  if (rec != nullptr) pthread_mutex_unlock(&rec->mutex);
+}
 
 unsigned char* CSyncClient::area() const {
   return static_cast<unsigned char*>(os_sharememory_get_buffer(manager_memory_handle));
 }
 
-bool CSyncClient::postAndWait(const timespec& wallDeadline) {
-  // Holding the lock, any post already in the finish semaphore answers an
-  // earlier request that timed out; left there it would answer this one.
+// Holding the lock, any post already in the finish semaphore answers an
+// earlier request that timed out; left there it would answer this one. With
+// the record, a finish counts only when the manager says it answered this
+// request's number.
+bool CSyncClient::postAndWait(const timespec& deadline) {
   while (sem_trywait(manage_finish_sem) == 0) {
   }
+  RequestLockRecord* rec = record();
+  unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
-  return Private::retryOnEintr([&] { return sem_timedwait(manage_finish_sem, &wallDeadline); }) == 0;
+  for (;;) {
+    if (Private::retryOnEintr([&] { return sem_clockwait(manage_finish_sem, CLOCK_MONOTONIC, &deadline); }) != 0)
+      return false;
+    if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
+  }
 }
 
 // Names are bounded before they get here, so a copy ends at most at byte
@@ -91,7 +184,7 @@ bool CSyncClient::requestCreate(const char* strName, unsigned int uintSize) {
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kCreateSizeOffset, &uintSize, sizeof uintSize);
   memcpy(area() + kCreateNameOffset, strName, length + 1);
-  return postAndWait(Private::wallDeadlineAfter(kRequestTimeoutNanos));
+  return postAndWait(Private::deadlineAfter(kRequestTimeoutNanos));
 }
 
 bool CSyncClient::requestDestroy(const char* strName) {
@@ -100,13 +193,13 @@ bool CSyncClient::requestDestroy(const char* strName) {
   unsigned int method = MUTEX_DESTROY_METHOD;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kDestroyNameOffset, strName, length + 1);
-  return postAndWait(Private::wallDeadlineAfter(kRequestTimeoutNanos));
+  return postAndWait(Private::deadlineAfter(kRequestTimeoutNanos));
 }
 
-bool CSyncClient::requestNothing(const timespec& wallDeadline) {
+bool CSyncClient::requestNothing(const timespec& deadline) {
   unsigned int method = 0;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
-  return postAndWait(wallDeadline);
+  return postAndWait(deadline);
 }
 
 namespace {
@@ -118,14 +211,15 @@ struct ProtocolIdentity {
     dev_t device;
     ino_t inode;
     timespec changed;
-  } entries[4];
+  } entries[5];
 
   bool read() {
-    static const char* const kPaths[4] = {"/dev/shm/sem.os_mutex_manage_enabled_semaphore",
+    static const char* const kPaths[5] = {"/dev/shm/sem.os_mutex_manage_enabled_semaphore",
                                           "/dev/shm/sem.os_mutex_manage_request_semaphore",
                                           "/dev/shm/sem.os_mutex_manage_finish_semaphore",
-                                          "/dev/shm/os_mutex_manage_enabled_sharemomory"};
-    for (int i = 0; i < 4; ++i) {
+                                          "/dev/shm/os_mutex_manage_enabled_sharemomory",
+                                          "/dev/shm/os_mutex_manage_request_lock"};
+    for (int i = 0; i < 5; ++i) {
       struct stat st;
       if (stat(kPaths[i], &st) != 0) return false;
       entries[i] = {st.st_dev, st.st_ino, st.st_ctim};
@@ -133,7 +227,7 @@ struct ProtocolIdentity {
     return true;
   }
   bool operator==(const ProtocolIdentity& other) const {
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 5; ++i) {
       const Entry& a = entries[i];
       const Entry& b = other.entries[i];
       if (a.device != b.device || a.inode != b.inode || a.changed.tv_sec != b.changed.tv_sec ||

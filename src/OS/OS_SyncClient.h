@@ -3,6 +3,7 @@
 
 // The machine-wide request protocol between the sync manager and its clients.
 
+#include <pthread.h>
 #include <semaphore.h>
 #include <stddef.h>
 #include <time.h>
@@ -19,6 +20,9 @@ constexpr const char* kEnabledSemaphore = "/os_mutex_manage_enabled_semaphore";
 constexpr const char* kRequestSemaphore = "/os_mutex_manage_request_semaphore";
 constexpr const char* kFinishSemaphore = "/os_mutex_manage_finish_semaphore";
 constexpr const char* kRequestArea = "os_mutex_manage_enabled_sharemomory";
+// Who holds the request lock, so that a holder that died can be released.
+// Made by the manager at start and unlinked at stop, like the names above.
+constexpr const char* kRequestLock = "os_mutex_manage_request_lock";
 }  // namespace SyncNames
 
 enum MUTEX_MANAGE_TYPE : unsigned int { MUTEX_CREATE_METHOD = 1, MUTEX_DESTROY_METHOD = 2 };
@@ -35,13 +39,31 @@ constexpr size_t kDestroyNameOffset = 4;
 // The manager's request wait and every client's reply wait.
 constexpr long kRequestTimeoutNanos = 100000000L;
 
+// The request-lock record, host byte order. The robust mutex is taken before
+// the enabled semaphore, so that the kernel tells the next taker when a holder
+// died; the sequence numbers pair each finish post with its own request, so a
+// late answer to a dead client's request never answers the next one.
+struct RequestLockRecord {
+  pthread_mutex_t mutex;        // 0: process-shared, robust
+  unsigned int holder;          // 40: pid of the client holding the lock, 0 when free
+  unsigned int posted;          // 44: requests posted, counted by the clients
+  unsigned int answered;        // 48: the posted number of the request last answered
+  unsigned int reserved[3];     // 52: zero
+};
+static_assert(offsetof(RequestLockRecord, holder) == 40 && offsetof(RequestLockRecord, posted) == 44 &&
+                  offsetof(RequestLockRecord, answered) == 48 && sizeof(RequestLockRecord) == 64,
+              "the request-lock record is read by the inspection tool at these offsets");
+
 // A process's connection to the manager, held for one or more requests.
-class OSTRELLED_EXPORT CSyncClient {
+class CSyncClient {
  public:
   sem_t* enable_mutex_manager_sem = nullptr;
   sem_t* manage_request_sem = nullptr;
   sem_t* manage_finish_sem = nullptr;
   sharememory_handle* manager_memory_handle = nullptr;
+  // The request-lock record; without it (an older manager) the enabled
+  // semaphore alone is the lock, as before.
+  sharememory_handle* request_lock_handle = nullptr;
 
   CSyncClient() = default;
   ~CSyncClient() { destroy(); }
@@ -55,9 +77,10 @@ class OSTRELLED_EXPORT CSyncClient {
   void destroy();
 
   // The machine-wide request lock; the wait on it is unbounded (EINTR retried).
+  // A holder that died is released to the caller, who then holds the lock.
   void lock();
-  // As lock, giving up at the absolute wall-clock deadline.
-  bool lockUntil(const timespec& wallDeadline);
+  // As lock, giving up at the absolute CLOCK_MONOTONIC deadline.
+  bool lockUntil(const timespec& deadline);
   void unlock();
 
   // Writes a request (the lock held), posts it and waits for the finish post
@@ -65,12 +88,20 @@ class OSTRELLED_EXPORT CSyncClient {
   bool requestCreate(const char* strName, unsigned int uintSize);
   bool requestDestroy(const char* strName);
   // A request with method word 0, which a live manager answers and ignores.
-  bool requestNothing(const timespec& wallDeadline);
+  bool requestNothing(const timespec& deadline);
 
  private:
+  void openRequestLock();
   unsigned char* area() const;
-  bool postAndWait(const timespec& wallDeadline);
+  RequestLockRecord* record() const;
+  bool takeEnabled(const timespec* deadline);
+  void takeOverFromDeadHolder();
+  bool postAndWait(const timespec& deadline);
 };
+
+// Releases a request lock whose holder died, for the manager's idle poll;
+// a live holder is left alone. Touches only the record and the semaphore.
+void releaseDeadHolder(RequestLockRecord* record, sem_t* enabled);
 
 }  // namespace OS
 
