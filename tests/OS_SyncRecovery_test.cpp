@@ -107,6 +107,8 @@ TEST_F(NoManager, PingAnswersOnlyForAManagerThatServes) {
   pid_t manager = startManagerChild();
   EXPECT_TRUE(os_sync_environment_ping(100));
   kill(manager, SIGSTOP);
+  int status = 0;
+  waitpid(manager, &status, WUNTRACED);  // stopped for sure before the ping
   start = std::chrono::steady_clock::now();
   EXPECT_FALSE(os_sync_environment_ping(100)) << "a stopped manager does not answer";
   EXPECT_LT(secondsSince(start), 0.5);

@@ -168,14 +168,10 @@ bool os_mutex_trylock(mutex_handle* handle) {
 // clock to the kernel's FUTEX_LOCK_PI2 (Linux 5.14 on).
 bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return false;
-  // A mutex that can be had at once is taken as a lock takes it; only a busy
-  // one needs the deadline.
-  int result = pthread_mutex_trylock(handle->m_pMutex);
-  if (__builtin_expect(result != EBUSY, 1)) return OS::Private::tookMutex(handle->m_pMutex, result);
   // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
   if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= OS::Private::kNanosPerSecond, 0))
     os_clock_adjust_clock_time(&deadline);
-  return OS::Private::tookMutex(handle->m_pMutex, pthread_mutex_clocklock(handle->m_pMutex, CLOCK_MONOTONIC, &deadline));
+  return OS::Private::tookMutex(handle->m_pMutex, OS::Private::lockBefore(handle->m_pMutex, deadline));
 }
 
 bool os_mutex_is_attached(const mutex_handle* handle) { return handle != nullptr && handle->m_pMutex != nullptr; }

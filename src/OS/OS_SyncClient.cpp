@@ -95,7 +95,7 @@ void CSyncClient::lock() {
 bool CSyncClient::lockUntil(const timespec& deadline) {
   RequestLockRecord* rec = record();
   if (rec == nullptr) return takeEnabled(&deadline);
-  int result = pthread_mutex_clocklock(&rec->mutex, CLOCK_MONOTONIC, &deadline);
+  int result = Private::lockBefore(&rec->mutex, deadline);
   if (result == EOWNERDEAD) {
     takeOverFromDeadHolder();
     return true;
