@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <boost/interprocess/sync/named_mutex.hpp>
+
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_RWMutex.h>
 #include <ostrelled/OS_Sync.h>
@@ -119,6 +121,18 @@ void BM_RawShmLife(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// The peer reference: a named mutex of Boost.Interprocess opened or created
+// and removed per iteration, the nearest equivalent of a named object's life.
+void BM_BoostNamedMutexLife(benchmark::State& state) {
+  using boost::interprocess::named_mutex;
+  std::string name = kNamePrefix + "_boost";
+  for (auto _ : state) {
+    { named_mutex mutex(boost::interprocess::open_or_create, name.c_str()); }
+    named_mutex::remove(name.c_str());
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
 BENCHMARK(BM_NamedMutexLockUnlock);
 BENCHMARK(BM_NamedMutexTrylockUnlock);
 BENCHMARK(BM_NamedMutexLockTimeoutUnlock);
@@ -128,6 +142,7 @@ BENCHMARK(BM_AnonymousMutexLockUnlock);
 BENCHMARK(BM_RawPrivateMutexLockUnlock);
 BENCHMARK(BM_NamedMutexLife);
 BENCHMARK(BM_RawShmLife);
+BENCHMARK(BM_BoostNamedMutexLife);
 
 }  // namespace
 

@@ -199,6 +199,7 @@ LPVOID os_sync_manager_handle::manager_thread(void* lpData) {
 void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
   auto* area = static_cast<unsigned char*>(os_sharememory_get_buffer(m_pMutexManagerShareMemory));
   if (area == nullptr) return;
+  bool busy = false;
   while (!m_bRequestExitThread) {
     if (request == nullptr || finish == nullptr) {
       // Nothing can arrive; still leave within one request period when asked.
@@ -207,7 +208,11 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
       continue;
     }
     timespec deadline = OS::Private::deadlineAfter(OS::kRequestTimeoutNanos);
-    if (OS::Private::retryOnEintr([&] { return sem_clockwait(request, CLOCK_MONOTONIC, &deadline); }) != 0) {
+    // Requests come in runs (an attach, then soon the next one): right after
+    // serving one, the next is tried for a moment before the thread sleeps.
+    long spin = busy ? OS::kRequestSpinNanos : 0;
+    if (OS::Private::takeSoon(request, deadline, spin) != 0) {
+      busy = false;
       // Idle: a client that died holding the request lock is released here
       // even when nobody else waits for it.
       if (record() != nullptr) OS::releaseDeadHolder(record(), m_pMutexManagerEnableSemaphore);
@@ -216,6 +221,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
     serveOne(area);
     // Exactly one answer per request, also for the ones ignored.
     sem_post(finish);
+    busy = true;
   }
 }
 

@@ -168,8 +168,7 @@ bool CSyncClient::postAndWait(const timespec& deadline) {
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
   for (;;) {
-    if (Private::retryOnEintr([&] { return sem_clockwait(manage_finish_sem, CLOCK_MONOTONIC, &deadline); }) != 0)
-      return false;
+    if (Private::takeSoon(manage_finish_sem, deadline, kRequestSpinNanos) != 0) return false;
     if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
   }
 }

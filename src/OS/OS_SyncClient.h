@@ -38,6 +38,9 @@ constexpr size_t kDestroyNameOffset = 4;
 // past the area's 1029 bytes but inside the same (page-sized) mapping.
 // The manager's request wait and every client's reply wait.
 constexpr long kRequestTimeoutNanos = 100000000L;
+// How long either side tries a semaphore before it sleeps on it: the bound on
+// the processor time one request may spend waiting actively.
+constexpr long kRequestSpinNanos = 50000L;
 
 // The request-lock record, host byte order. The robust mutex is taken before
 // the enabled semaphore, so that the kernel tells the next taker when a holder
