@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
@@ -35,6 +36,16 @@ inline auto retryOnEintr(Call call, decltype(call()) failValue = -1) -> decltype
     result = call();
   } while (result == failValue && errno == EINTR);
   return result;
+}
+
+// This process's id without a system call: getpid is one, so the id is
+// cached and renewed in a forked child.
+inline pid_t gOwnPid = 0;
+inline void refreshOwnPid() { gOwnPid = getpid(); }
+inline pid_t ownPid() {
+  static const bool registered = (pthread_atfork(nullptr, nullptr, refreshOwnPid), refreshOwnPid(), true);
+  (void)registered;
+  return gOwnPid;
 }
 
 // Keeps errno across clean-up after a failure: the caller sees the error of

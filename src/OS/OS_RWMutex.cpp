@@ -45,14 +45,7 @@ static_assert(kWriteFlagAt == kReadCountAt + sizeof(unsigned int), "bind takes t
 static_assert(kRefMutexAt + sizeof(pthread_mutex_t) == kWriterPidAt, "the ref mutex ends where the holders begin");
 static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states the table's size");
 
-// getpid is a system call; the pid is cached and renewed in a forked child.
-pid_t gOwnPid = 0;
-void refreshOwnPid() { gOwnPid = getpid(); }
-pid_t ownPid() {
-  static const bool registered = (pthread_atfork(nullptr, nullptr, refreshOwnPid), refreshOwnPid(), true);
-  (void)registered;
-  return gOwnPid;
-}
+using OS::Private::ownPid;
 
 // Gone for good. A zombie still counts as alive until its parent reaps it.
 bool isDead(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }

@@ -89,7 +89,7 @@ void CSyncClient::lock() {
   }
   if (pthread_mutex_lock(&rec->mutex) == EOWNERDEAD) return takeOverFromDeadHolder();
   takeEnabled(nullptr);
-  rec->holder = static_cast<unsigned int>(getpid());
+  rec->holder = static_cast<unsigned int>(Private::ownPid());
 }
 
 bool CSyncClient::lockUntil(const timespec& deadline) {
@@ -105,7 +105,7 @@ bool CSyncClient::lockUntil(const timespec& deadline) {
     pthread_mutex_unlock(&rec->mutex);
     return false;
   }
-  rec->holder = static_cast<unsigned int>(getpid());
+  rec->holder = static_cast<unsigned int>(Private::ownPid());
   return true;
 }
 
@@ -123,7 +123,7 @@ void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) 
   sem_getvalue(enabled, &value);
   if (value == 0 && !takeIt) sem_post(enabled);
   if (value != 0 && takeIt) Private::retryOnEintr([&] { return sem_wait(enabled); });
-  rec->holder = takeIt ? static_cast<unsigned int>(getpid()) : 0;
+  rec->holder = takeIt ? static_cast<unsigned int>(Private::ownPid()) : 0;
 }
 
 }  // namespace
@@ -203,37 +203,25 @@ bool CSyncClient::requestNothing(const timespec& deadline) {
 
 namespace {
 
-// Which objects the protocol names denote right now: each name's inode and
-// creation time under /dev/shm. A manager that starts anew makes new ones.
+// Which manager the protocol names belong to right now: every start makes a
+// new request-lock record (a new inode and creation time under /dev/shm) along
+// with new semaphores, so that one name tells a manager from its successor.
 struct ProtocolIdentity {
-  struct Entry {
-    dev_t device;
-    ino_t inode;
-    timespec changed;
-  } entries[5];
+  dev_t device;
+  ino_t inode;
+  timespec changed;
 
   bool read() {
-    static const char* const kPaths[5] = {"/dev/shm/sem.os_mutex_manage_enabled_semaphore",
-                                          "/dev/shm/sem.os_mutex_manage_request_semaphore",
-                                          "/dev/shm/sem.os_mutex_manage_finish_semaphore",
-                                          "/dev/shm/os_mutex_manage_enabled_sharemomory",
-                                          "/dev/shm/os_mutex_manage_request_lock"};
-    for (int i = 0; i < 5; ++i) {
-      struct stat st;
-      if (stat(kPaths[i], &st) != 0) return false;
-      entries[i] = {st.st_dev, st.st_ino, st.st_ctim};
-    }
+    struct stat st;
+    if (stat("/dev/shm/os_mutex_manage_request_lock", &st) != 0) return false;
+    device = st.st_dev;
+    inode = st.st_ino;
+    changed = st.st_ctim;
     return true;
   }
   bool operator==(const ProtocolIdentity& other) const {
-    for (int i = 0; i < 5; ++i) {
-      const Entry& a = entries[i];
-      const Entry& b = other.entries[i];
-      if (a.device != b.device || a.inode != b.inode || a.changed.tv_sec != b.changed.tv_sec ||
-          a.changed.tv_nsec != b.changed.tv_nsec)
-        return false;
-    }
-    return true;
+    return device == other.device && inode == other.inode && changed.tv_sec == other.changed.tv_sec &&
+           changed.tv_nsec == other.changed.tv_nsec;
   }
 };
 
