@@ -27,8 +27,8 @@ int send(OS::CSyncClient& raw, std::vector<unsigned int> words, const char* name
   sem_wait(raw.enable_mutex_manager_sem);
   sem_post(raw.manage_request_sem);
   int answers = 0;
-  for (timespec d = OS::Private::wallDeadlineAfter(2000000000L); sem_timedwait(raw.manage_finish_sem, &d) == 0;
-       d = OS::Private::wallDeadlineAfter(50000000L))
+  for (timespec d = OS::Private::deadlineAfter(2000000000L); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0;
+       d = OS::Private::deadlineAfter(50000000L))
     ++answers;
   sem_post(raw.enable_mutex_manager_sem);
   return answers;

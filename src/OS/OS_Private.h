@@ -70,24 +70,6 @@ inline timespec monotonicNow(RT_MODE mode = USE_STD) {
   return now;
 }
 
-// An absolute CLOCK_MONOTONIC deadline expressed on the wall clock, for
-// sem_timedwait, which counts on CLOCK_REALTIME.
-inline timespec monotonicDeadlineToWall(const timespec& deadline, RT_MODE mode = USE_STD) {
-  timespec monotonic = deadline;
-  timespec wall{};
-  os_clock_monotonic_to_realtime(&monotonic, &wall, mode);
-  return wall;
-}
-
-// A wall-clock deadline nanos ahead of now, taken from the monotonic clock:
-// the deadline of every request to the sync manager.
-inline timespec wallDeadlineAfter(long nanos, RT_MODE mode = USE_STD) {
-  timespec wall = monotonicDeadlineToWall(monotonicNow(mode), mode);
-  wall.tv_nsec += nanos;
-  os_clock_adjust_clock_time(&wall);
-  return wall;
-}
-
 // Time left until an absolute CLOCK_MONOTONIC deadline, normalised; negative
 // or zero once it has passed. semtimedop takes such a relative span.
 inline timespec timeLeftUntil(const timespec& deadline, RT_MODE mode = USE_STD) {
