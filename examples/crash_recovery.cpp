@@ -1,7 +1,9 @@
 // A process that holds a named mutex is killed with SIGKILL; the next process
 // to lock it finds it repaired and carries on, and so does everybody after.
-// The same holds for the other named objects. Needs a running sync manager
-// (ostrelled-syncd).
+// The same holds for the other named objects. The killed process never gave
+// back its attachment, so the block outlives this program as a stale one:
+// `ostrelled-ctl list` shows it and `ostrelled-ctl remove example_crash`
+// removes it. Needs a running sync manager (ostrelled-syncd).
 
 #include <signal.h>
 #include <stdio.h>
@@ -13,7 +15,9 @@
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_Sync.h>
 
-int main() {
+#include "ShowObjects.h"
+
+int main(int argc, char** argv) {
   if (!os_sync_environment_ping(1000)) {
     puts("no sync manager answers: start ostrelled-syncd first");
     return 1;
@@ -22,7 +26,8 @@ int main() {
   auto* holding = static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t holder = fork();
   if (holder == 0) {
-    os_mutex_lock(mutex);
+    mutex_handle* own = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, "example_crash");  // attached too
+    os_mutex_lock(own);
     __atomic_store_n(holding, 1, __ATOMIC_SEQ_CST);
     pause();  // dies here, holding the mutex
   }
@@ -30,6 +35,7 @@ int main() {
   kill(holder, SIGKILL);
   waitpid(holder, nullptr, 0);
   puts("the holder was killed while it held the mutex");
+  showObjects(argc, argv);
 
   timespec deadline;
   os_clock_get_time(CLOCK_MONOTONIC, &deadline, USE_DEFAULT);

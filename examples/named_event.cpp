@@ -11,6 +11,8 @@
 #include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_Sync.h>
 
+#include "ShowObjects.h"
+
 namespace {
 
 constexpr int kRounds = 1000;
@@ -24,8 +26,9 @@ timespec secondsFromNow(int seconds) {
 }
 
 // One player: the server sets its ball and waits for the return, the other
-// waits and returns it, kRounds times. Returns the waits that timed out.
-int play(bool serveFirst) {
+// waits and returns it, kRounds times. Returns the waits that timed out. The
+// server shows the objects halfway, both players attached.
+int play(bool serveFirst, int argc = 0, char** argv = nullptr) {
   event_handle* ping = os_event_create(false, false, USE_DEFAULT, "example_ping");
   event_handle* pong = os_event_create(false, false, USE_DEFAULT, "example_pong");
   event_handle* wait = serveFirst ? pong : ping;
@@ -35,6 +38,7 @@ int play(bool serveFirst) {
     if (serveFirst) os_event_set_event(answer);
     if (!os_event_wait_timeout(wait, secondsFromNow(5))) ++missed;
     if (!serveFirst) os_event_set_event(answer);
+    if (serveFirst && round == kRounds / 2) showObjects(argc, argv);
   }
   os_event_destroy(ping);
   os_event_destroy(pong);
@@ -43,7 +47,7 @@ int play(bool serveFirst) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   if (!os_sync_environment_ping(1000)) {
     puts("no sync manager answers: start ostrelled-syncd first");
     return 1;
@@ -53,7 +57,7 @@ int main() {
   event_handle* pong = os_event_create(false, false, USE_DEFAULT, "example_pong");
   pid_t partner = fork();
   if (partner == 0) _exit(play(false));
-  int missed = play(true);
+  int missed = play(true, argc, argv);
   int status = 0;
   waitpid(partner, &status, 0);
   printf("ping-pong: %d rounds, %d missed\n", kRounds, missed + WEXITSTATUS(status));

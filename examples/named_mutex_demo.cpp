@@ -3,6 +3,7 @@
 // The total comes out exact. Needs a running sync manager (ostrelled-syncd).
 
 #include <stdio.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,13 +13,16 @@
 #include <ostrelled/OS_ShareMemory.h>
 #include <ostrelled/OS_Sync.h>
 
+#include "ShowObjects.h"
+
 namespace {
 
 constexpr int kWorkers = 4;
 constexpr int kRounds = 20000;
 
-int work(const std::string& mutexName, volatile long* counter) {
+int work(const std::string& mutexName, volatile long* counter, int* attached) {
   mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, mutexName.c_str());
+  __atomic_add_fetch(attached, 1, __ATOMIC_SEQ_CST);
   for (int round = 0; round < kRounds; ++round) {
     os_mutex_lock(mutex);
     long seen = *counter;
@@ -32,7 +36,7 @@ int work(const std::string& mutexName, volatile long* counter) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   if (!os_sync_environment_initialize(true)) {
     printf("named_mutex_demo: no sync manager is reachable; start ostrelled-syncd first\n");
     return 1;
@@ -52,10 +56,16 @@ int main() {
   printf("named_mutex_demo: %d processes add %d each under the named mutex \"%s\"\n", kWorkers, kRounds,
          mutexName.c_str());
   fflush(stdout);
+  // The workers attach while this process holds the lock, and start once it lets go.
+  auto* attached = static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  os_mutex_lock(mine);
   for (int i = 0; i < kWorkers; ++i) {
     pid_t pid = fork();
-    if (pid == 0) _exit(work(mutexName, counter));
+    if (pid == 0) _exit(work(mutexName, counter, attached));
   }
+  while (__atomic_load_n(attached, __ATOMIC_SEQ_CST) < kWorkers) usleep(100);
+  showObjects(argc, argv);
+  os_mutex_unlock(mine);
   int failed = 0;
   for (int i = 0; i < kWorkers; ++i) {
     int status = 0;

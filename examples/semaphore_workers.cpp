@@ -12,6 +12,8 @@
 #include <ostrelled/OS_Semaphore.h>
 #include <ostrelled/OS_Sync.h>
 
+#include "ShowObjects.h"
+
 namespace {
 
 constexpr int kUnits = 2;
@@ -20,9 +22,11 @@ constexpr int kWorkers = 6;
 struct Shared {
   int inside;
   int most;
+  int go;  // the workers start together once it is set
 };
 
 int work(semaphore_handle* units, Shared* shared) {
+  while (__atomic_load_n(&shared->go, __ATOMIC_SEQ_CST) == 0) usleep(100);
   for (int job = 0; job < 20; ++job) {
     if (!os_semaphore_wait(units)) return 1;
     int now = __atomic_add_fetch(&shared->inside, 1, __ATOMIC_SEQ_CST);
@@ -37,7 +41,7 @@ int work(semaphore_handle* units, Shared* shared) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   if (!os_sync_environment_ping(1000)) {
     puts("no sync manager answers: start ostrelled-syncd first");
     return 1;
@@ -48,6 +52,8 @@ int main() {
   pid_t workers[kWorkers];
   for (pid_t& pid : workers)
     if ((pid = fork()) == 0) _exit(work(units, shared));
+  showObjects(argc, argv);
+  __atomic_store_n(&shared->go, 1, __ATOMIC_SEQ_CST);
   int failed = 0, status = 0;
   for (pid_t pid : workers) failed += waitpid(pid, &status, 0) != pid || WEXITSTATUS(status) != 0;
   printf("%d workers, %d units: at most %d worked at once; %d units free at the end\n", kWorkers, kUnits,

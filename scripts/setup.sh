@@ -5,7 +5,7 @@ set -euo pipefail
 # libclang-rt-dev holds the sanitizer and libFuzzer runtimes, llvm the
 # symbolizer that turns their reports' addresses into source lines.
 packages=(cmake make g++ clang libclang-rt-dev llvm binutils pkg-config libgtest-dev libgmock-dev
-  libbenchmark-dev libboost-dev procps psmisc gawk coreutils zlib1g)
+  libbenchmark-dev libboost-dev procps psmisc gawk coreutils zlib1g python3)
 # The API reference check.
 packages+=(doxygen)
 missing=()

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <fstream>
 #include <sstream>
@@ -24,10 +26,12 @@ std::string daemonPath() {
   return dir.substr(0, dir.rfind('/')) + "/../tools/ostrelled-syncd";
 }
 
-// Starts the daemon with its output appended to the file log.
-pid_t startDaemon(const std::string& log) {
+// Starts the daemon with its output appended to the file log; with a notify
+// socket path, it reports its state there.
+pid_t startDaemon(const std::string& log, const std::string& notifySocket = "") {
   std::string path = daemonPath();
   return startChild([&] {
+    if (!notifySocket.empty()) setenv("NOTIFY_SOCKET", notifySocket.c_str(), 1);
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     dup2(fd, 1);
     dup2(fd, 2);
@@ -58,4 +62,46 @@ TEST_F(NoManager, DaemonRefusesASecondStartAndRemovesEveryNameOnSigterm) {
   EXPECT_FALSE(shmExists(mutex->m_strMutexName));
   os_mutex_destroy(mutex);  // with no manager left to ask
   unlink(log.c_str());
+}
+
+// The service manager's side of the readiness protocol: a datagram socket
+// that the daemon reports to, read with a 5 s bound.
+class NotifySocket {
+ public:
+  NotifySocket() : m_path("/tmp/" + uniqueName("notify")), m_fd(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", m_path.c_str());
+    bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    timeval bound{5, 0};
+    setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+  }
+  ~NotifySocket() {
+    close(m_fd);
+    unlink(m_path.c_str());
+  }
+  const std::string& path() const { return m_path; }
+  std::string next() {
+    char message[256];
+    ssize_t got = recv(m_fd, message, sizeof message, 0);
+    return got > 0 ? std::string(message, static_cast<size_t>(got)) : "";
+  }
+
+ private:
+  std::string m_path;
+  int m_fd;
+};
+
+TEST_F(NoManager, DaemonReportsReadyWhenItAnswersAndStopsCleanlyOnEachStopSignal) {
+  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+  for (int sig : {SIGINT, SIGHUP, SIGQUIT}) {
+    NotifySocket notify;
+    pid_t daemon = startDaemon("/dev/null", notify.path());
+    EXPECT_EQ(notify.next().rfind("READY=1\n", 0), 0u) << sig;
+    EXPECT_TRUE(liveManagerAnswers()) << sig;  // ready means answering, at once
+    kill(daemon, sig);
+    EXPECT_EQ(notify.next(), "STOPPING=1") << sig;
+    EXPECT_EQ(waitChild(daemon), 0) << sig;
+    EXPECT_EQ(managerNamesLeft(), 0) << sig;
+  }
 }

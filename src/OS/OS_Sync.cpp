@@ -127,6 +127,7 @@ bool os_sync_manager_handle::createRequestLock() {
   m_pRequestLock = os_sharememory_create(kRequestLock, sizeof(OS::RequestLockRecord), USE_DEFAULT);
   if (m_pRequestLock == nullptr) return false;
   OS::Private::initMutex(&record()->mutex, PTHREAD_MUTEX_NORMAL, false, true);
+  record()->manager = static_cast<unsigned int>(OS::Private::ownPid());
   return true;
 }
 

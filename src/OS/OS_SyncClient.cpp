@@ -319,4 +319,18 @@ void detachNamedObject(const std::string& name, sharememory_handle*& block, Name
   os_sharememory_destroy(block);
 }
 
+// A lock held longer than lockNanos is held by a live client or manager: one
+// that a dead client held is released by the next taker or the manager.
+ManagerProbe probeManager(long lockNanos, long replyNanos) {
+  CSyncClient client;
+  if (!client.create(true)) return {ManagerState::NoNames, 0};
+  timespec start = Private::monotonicNow();
+  if (!client.lockUntil(Private::deadlineAfter(lockNanos))) return {ManagerState::LockStuck, 0};
+  bool answered = client.requestNothing(Private::deadlineAfter(replyNanos));
+  client.unlock();
+  if (!answered) return {ManagerState::Silent, 0};
+  timespec took = Private::timeLeftUntil(start);
+  return {ManagerState::Serving, -(took.tv_sec * Private::kNanosPerSecond + took.tv_nsec)};
+}
+
 }  // namespace OS

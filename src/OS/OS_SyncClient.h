@@ -51,10 +51,12 @@ struct RequestLockRecord {
   unsigned int holder;          // 40: pid of the client holding the lock, 0 when free
   unsigned int posted;          // 44: requests posted, counted by the clients
   unsigned int answered;        // 48: the posted number of the request last answered
-  unsigned int reserved[3];     // 52: zero
+  unsigned int manager;         // 52: pid of the manager process that made the record
+  unsigned int reserved[2];     // 56: zero
 };
 static_assert(offsetof(RequestLockRecord, holder) == 40 && offsetof(RequestLockRecord, posted) == 44 &&
-                  offsetof(RequestLockRecord, answered) == 48 && sizeof(RequestLockRecord) == 64,
+                  offsetof(RequestLockRecord, answered) == 48 && offsetof(RequestLockRecord, manager) == 52 &&
+                  sizeof(RequestLockRecord) == 64,
               "the request-lock record is read by the inspection tool at these offsets");
 
 // A process's connection to the manager, held for one or more requests.
@@ -101,6 +103,20 @@ class CSyncClient {
   void takeOverFromDeadHolder();
   bool postAndWait(const timespec& deadline);
 };
+
+// What one request that the manager ignores finds: the daemon asks before it
+// starts, the inspection tool on demand.
+enum class ManagerState {
+  NoNames,    // the protocol's objects cannot be opened
+  Serving,    // the manager answered
+  Silent,     // the names are there, nobody answered in time
+  LockStuck,  // the request lock stayed taken by a live process
+};
+struct ManagerProbe {
+  ManagerState state;
+  long roundTripNanos;  // lock and request together; 0 unless Serving
+};
+ManagerProbe probeManager(long lockNanos, long replyNanos);
 
 // Releases a request lock whose holder died, for the manager's idle poll;
 // a live holder is left alone. Touches only the record and the semaphore.

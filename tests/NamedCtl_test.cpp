@@ -1,0 +1,132 @@
+// The inspection tool, run as a program of the build tree against objects
+// that this test makes, holds in children and kills.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include <ostrelled/OS_Mutex.h>
+
+#include "SyncTestSupport.h"
+
+using namespace testsupport;
+
+namespace {
+
+struct CtlRun {
+  int status;
+  std::string out;
+};
+
+// Runs the tool with the arguments (already quoted for the shell); stderr is
+// kept apart unless the arguments redirect it.
+CtlRun ctl(const std::string& args) {
+  char self[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  std::string dir(self, static_cast<size_t>(length > 0 ? length : 0));
+  std::string command = dir.substr(0, dir.rfind('/')) + "/../tools/ostrelled-ctl " + args;
+  FILE* pipe = popen(command.c_str(), "r");
+  CtlRun run{-1, ""};
+  char buffer[4096];
+  for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, got);
+  int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+void writeBlock(const std::string& name, size_t size, unsigned char flags) {
+  int fd = open(("/dev/shm/" + name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  std::string bytes(size, static_cast<char>(flags));
+  bytes[0] = 1, bytes[1] = bytes[2] = bytes[3] = 0;  // attach count 1
+  ASSERT_EQ(write(fd, bytes.data(), size), static_cast<ssize_t>(size));
+  close(fd);
+}
+
+}  // namespace
+
+TEST_F(HostedManager, ListShowsAHoldersPidAndRemoveRefusesIt) {
+  std::string name = uniqueName("ctl_held");
+  HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
+                     [] {});
+  ASSERT_TRUE(holder.held());
+  CtlRun listed = ctl("list");
+  EXPECT_EQ(listed.status, 0);
+  EXPECT_TRUE(contains(listed.out, "NAME\tKIND\tATTACHED\tPIDS\tSTATE\n")) << listed.out;
+  EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t")) << listed.out;
+  EXPECT_TRUE(contains(listed.out, "\tin-use\n")) << listed.out;
+  EXPECT_EQ(ctl("remove " + name + " 2>/dev/null").status, 1);
+  EXPECT_TRUE(shmExists(name));
+  holder.kill();
+}
+
+TEST_F(HostedManager, KilledHoldersBlockIsStaleAndRemovedThroughTheManager) {
+  std::string name = uniqueName("ctl_stale");
+  HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
+                     [] {});
+  ASSERT_TRUE(holder.held());
+  holder.kill();
+  EXPECT_TRUE(contains(ctl("list").out, name + "\tmutex\t1\t-\tstale\n"));
+  EXPECT_TRUE(contains(ctl("list --json").out, "{\"name\": \"" + name +
+                                                   "\", \"kind\": \"mutex\", \"attached\": 1, \"pids\": [], "
+                                                   "\"state\": \"stale\"}"));
+  CtlRun removed = ctl("remove /" + name);
+  EXPECT_EQ(removed.status, 0) << removed.out;
+  EXPECT_FALSE(shmExists(name));
+  // The manager forgot the block: a new attach starts from a fresh one.
+  mutex_handle* again = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
+  EXPECT_TRUE(shmExists(name));
+  EXPECT_TRUE(contains(ctl("list").out, name + "\tmutex\t1\t"));
+  os_mutex_destroy(again);
+}
+
+TEST_F(HostedManager, ListEscapesNamesThatWouldBreakItsLines) {
+  std::string pid = std::to_string(getpid());
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, ("ctl a\"b\\c\nd\te" + pid).c_str());
+  EXPECT_TRUE(contains(ctl("list").out, "ctl a\"b\\\\c\\nd\\te" + pid + "\tmutex\t1\t-\tstale\n"));
+  EXPECT_TRUE(contains(ctl("list --json").out, "\"ctl a\\\"b\\\\c\\u000ad\\u0009e" + pid + "\""));
+  os_mutex_destroy(mutex);
+}
+
+TEST_F(NoManager, DamagedAndForeignBlocksAreLeftOutAndKept) {
+  std::string damaged = uniqueName("ctl_damaged"), foreign = uniqueName("ctl_foreign");
+  writeBlock(damaged, 96, 7);  // an event's size with impossible flags
+  writeBlock(foreign, 1000, 0);
+  CtlRun listed = ctl("list 2>&1");
+  EXPECT_TRUE(contains(listed.out, damaged + ": the size of a event/condition but not its content")) << listed.out;
+  EXPECT_FALSE(contains(listed.out, foreign));
+  EXPECT_EQ(ctl("remove " + damaged + " 2>/dev/null").status, 1);
+  EXPECT_EQ(ctl("remove --force " + foreign + " 2>/dev/null").status, 1);
+  EXPECT_TRUE(shmExists(damaged) && shmExists(foreign));
+  EXPECT_EQ(ctl("remove --force " + damaged).status, 0);
+  EXPECT_FALSE(shmExists(damaged));
+  unlink(("/dev/shm/" + foreign).c_str());
+}
+
+TEST_F(NoManager, StatusTellsMissingNamesFromASilentManager) {
+  CtlRun none = ctl("status");
+  EXPECT_EQ(none.status, 1);
+  EXPECT_TRUE(contains(none.out, "no manager names on this machine")) << none.out;
+  writeBlock("os_mutex_manage_enabled_sharemomory", 1029, 0);
+  CtlRun partial = ctl("status");
+  EXPECT_EQ(partial.status, 1);
+  EXPECT_TRUE(contains(partial.out, "manager: not answering")) << partial.out;
+  unlink("/dev/shm/os_mutex_manage_enabled_sharemomory");
+}
+
+TEST_F(HostedManager, StatusReportsTheServingManager) {
+  CtlRun serving = ctl("status");
+  EXPECT_EQ(serving.status, 0);
+  EXPECT_TRUE(contains(serving.out, "manager: serving (process " + std::to_string(getpid()) + ")")) << serving.out;
+  EXPECT_TRUE(contains(serving.out, "request lock: free")) << serving.out;
+}
+
+TEST(Ctl, BadUsageExitsWithTwo) {
+  for (const char* args : {"", "bogus", "list --bogus", "remove", "status extra", "remove --bogus x"})
+    EXPECT_EQ(ctl(std::string(args) + " 2>/dev/null").status, 2) << args;
+  for (const char* args : {"--help", "status --help", "list --help", "remove --help", "--version"})
+    EXPECT_EQ(ctl(args).status, 0) << args;
+}

@@ -1,0 +1,209 @@
+#include "ctl/Inventory.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <utility>
+
+#include "OS/OS_SyncClient.h"
+
+namespace ctl {
+
+namespace {
+
+// A layout is known by its size. Once the block is in use, the one-byte flags
+// at boolsAt read 0 or 1 and the flag at expectAt (when not -1) tells the kind.
+struct Layout {
+  off_t size;
+  const char* kind;
+  int boolsAt[3];
+  int expectAt;
+  unsigned char expect;
+};
+
+// Events end with four flags: manual reset, set (any non-zero byte counts),
+// managed by the system, use the condition.
+const Layout kLayouts[] = {
+    {44, "mutex", {-1, -1, -1}, -1, 0},
+    {136, "rw-mutex", {8, -1, -1}, -1, 0},
+    {37, "semaphore/posix", {36, -1, -1}, 36, 0},
+    {9, "semaphore/system-v", {8, -1, -1}, 8, 1},
+    {96, "event/condition", {92, 94, 95}, 95, 1},
+    {80, "event/posix", {76, 78, 79}, 78, 0},
+    {52, "event/system-v", {48, 50, 51}, 50, 1},
+};
+
+const Layout* layoutOfSize(off_t size) {
+  for (const Layout& layout : kLayouts)
+    if (layout.size == size) return &layout;
+  return nullptr;
+}
+
+bool contentFits(const Layout& layout, const unsigned char* bytes, unsigned int attached) {
+  if (attached == 0) return true;  // created, not yet initialised: all zero
+  for (int at : layout.boolsAt)
+    if (at >= 0 && bytes[at] > 1) return false;
+  return layout.expectAt < 0 || bytes[layout.expectAt] == layout.expect;
+}
+
+// The whole block, read with one pread: a block truncated meanwhile reads short.
+Reading readBytes(const std::string& name, struct stat& st, unsigned char* bytes, size_t capacity) {
+  int fd = open((kShmFolder + name).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return Reading::Unreadable;
+  Reading result = Reading::Known;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    result = Reading::Foreign;
+  } else if (layoutOfSize(st.st_size) == nullptr) {
+    result = Reading::Foreign;
+  } else if (pread(fd, bytes, capacity, 0) != st.st_size) {
+    result = Reading::Unreadable;
+  }
+  close(fd);
+  return result;
+}
+
+}  // namespace
+
+bool isManagerName(const std::string& name) { return name.compare(0, 16, "os_mutex_manage_") == 0; }
+
+Reading readBlock(const std::string& name, Block& block) {
+  block = Block{};
+  block.name = name;
+  if (name.empty() || name.find('/') != std::string::npos || isManagerName(name)) return Reading::Foreign;
+  struct stat st;
+  unsigned char bytes[256] = {};
+  Reading reading = readBytes(name, st, bytes, sizeof bytes);
+  if (reading != Reading::Known) return reading;
+  const Layout& layout = *layoutOfSize(st.st_size);
+  memcpy(&block.attached, bytes, sizeof block.attached);
+  block.kind = layout.kind;
+  block.device = st.st_dev;
+  block.inode = st.st_ino;
+  return contentFits(layout, bytes, block.attached) ? Reading::Known : Reading::Damaged;
+}
+
+std::vector<Block> listBlocks(std::vector<std::string>& problems) {
+  std::vector<Block> blocks;
+  DIR* folder = opendir(kShmFolder);
+  if (folder == nullptr) {
+    problems.push_back(std::string("cannot read ") + kShmFolder + ": " + strerror(errno));
+    return blocks;
+  }
+  while (dirent* entry = readdir(folder)) {
+    std::string name = entry->d_name;
+    if (name == "." || name == ".." || name.compare(0, 4, "sem.") == 0) continue;
+    Block block;
+    Reading reading = readBlock(name, block);
+    if (reading == Reading::Known) blocks.push_back(block);
+    if (reading == Reading::Damaged)
+      problems.push_back(printable(name) + ": the size of a " + block.kind + " but not its content; left out");
+  }
+  closedir(folder);
+  std::sort(blocks.begin(), blocks.end(), [](const Block& a, const Block& b) { return a.name < b.name; });
+  findMappers(blocks);
+  return blocks;
+}
+
+namespace {
+
+using FileId = std::pair<dev_t, ino_t>;
+
+// Adds pid to every block whose file one line of its memory map names.
+// Lines read "start-end perms offset major:minor inode path"; the numbers
+// identify the file whatever characters its name holds.
+void noteMapLine(const std::string& line, pid_t pid, std::map<FileId, Block*>& byFile) {
+  unsigned int major = 0, minor = 0;
+  unsigned long inode = 0;
+  if (sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu", &major, &minor, &inode) != 3 || inode == 0) return;
+  auto found = byFile.find(FileId(makedev(major, minor), static_cast<ino_t>(inode)));
+  if (found == byFile.end()) return;
+  std::vector<pid_t>& pids = found->second->pids;
+  if (pids.empty() || pids.back() != pid) pids.push_back(pid);
+}
+
+unsigned int recordWord(size_t offset) {
+  unsigned int word = 0;
+  int fd = open((std::string(kShmFolder) + OS::SyncNames::kRequestLock).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  if (pread(fd, &word, sizeof word, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof word)) word = 0;
+  close(fd);
+  return word;
+}
+
+}  // namespace
+
+void findMappers(std::vector<Block>& blocks) {
+  std::map<FileId, Block*> byFile;
+  for (Block& block : blocks) byFile[FileId(block.device, block.inode)] = &block;
+  pid_t manager = managerPid(), self = getpid();
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return;
+  while (dirent* entry = readdir(proc)) {
+    char* end = nullptr;
+    long pid = strtol(entry->d_name, &end, 10);
+    if (pid <= 0 || *end != '\0' || pid == manager || pid == self) continue;
+    std::ifstream maps(std::string("/proc/") + entry->d_name + "/maps");
+    std::string line;
+    while (std::getline(maps, line)) noteMapLine(line, static_cast<pid_t>(pid), byFile);
+  }
+  closedir(proc);
+  for (Block& block : blocks) std::sort(block.pids.begin(), block.pids.end());
+}
+
+bool isAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+pid_t managerPid() {
+  pid_t pid = static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, manager)));
+  return isAlive(pid) ? pid : 0;
+}
+
+pid_t requestLockHolder() { return static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, holder))); }
+
+std::string printable(const std::string& name) {
+  std::string out;
+  for (unsigned char c : name) {
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c < 0x20 || c == 0x7f) {
+      char code[8];
+      snprintf(code, sizeof code, "\\x%02x", c);
+      out += code;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+std::string jsonString(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c == 0x7f) {
+      char code[8];
+      snprintf(code, sizeof code, "\\u%04x", c);
+      out += code;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+}  // namespace ctl
