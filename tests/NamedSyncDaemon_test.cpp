@@ -12,7 +12,7 @@
 
 #include <ostrelled/OS_Mutex.h>
 
-#include "OS/OS_MutexHandle.h"
+#include "OS/OS_Mutex.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;

@@ -5,7 +5,7 @@
 #include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_ShareMemory.h>
 
-#include "OS/OS_SyncKinds.h"
+#include "OS/OS_Event.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;

@@ -6,7 +6,7 @@
 
 #include <ostrelled/OS_Semaphore.h>
 
-#include "OS/OS_SyncKinds.h"
+#include "OS/OS_Semaphore.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;

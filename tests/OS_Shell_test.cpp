@@ -8,7 +8,7 @@
 #include <ostrelled/OS_Folder.h>
 #include <ostrelled/OS_System.h>
 
-#include "OS/OS_Shell.h"
+#include "OS/internal/Shell.h"
 #include "TempDirectory.h"
 #include "TestSupport.h"
 

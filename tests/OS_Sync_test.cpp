@@ -8,7 +8,7 @@
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_ShareMemory.h>
 
-#include "OS/OS_MutexHandle.h"
+#include "OS/OS_Mutex.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;

@@ -18,7 +18,7 @@
 
 #include <ostrelled/OS_Sync.h>
 
-#include "OS/OS_Private.h"
+#include "OS/internal/Private.h"
 #include "OS/OS_SyncClient.h"
 #include "TestSupport.h"
 

@@ -1,6 +1,6 @@
 #include <ostrelled/OS_Clock.h>
 
-#include "OS/OS_Private.h"
+#include "OS/internal/Private.h"
 
 using OS::Private::isRealTime;
 using OS::Private::kNanosPerSecond;

@@ -1,8 +1,8 @@
 #include <errno.h>
 #include <pthread.h>
 
-#include "OS/OS_MutexHandle.h"
-#include "OS/OS_Private.h"
+#include "OS/OS_Mutex.h"
+#include "OS/internal/Private.h"
 
 // A condition private to the process, bound to (not owning) an anonymous mutex.
 // Its clock is CLOCK_MONOTONIC, so deadlines do not move with the wall clock.

@@ -10,12 +10,13 @@
 #include <variant>
 
 #include "Handle.h"
-#include "OS/OS_MutexHandle.h"
-#include "OS/OS_NamedObject.h"
-#include "OS/OS_Private.h"
-#include "OS/OS_SyncKinds.h"
-#include "OS/OS_SyncPrimitives.h"
-#include "OS/OS_SysVSemaphore.h"
+#include "OS/OS_Mutex.h"
+#include "OS/internal/NamedObject.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
+#include "OS/OS_Event.h"
+#include "OS/internal/SyncPrimitives.h"
+#include "OS/internal/SysVSemaphore.h"
 
 namespace {
 

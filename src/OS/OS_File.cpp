@@ -8,11 +8,12 @@
 
 #include <ostrelled/OS_CLibrary.h>
 
-#include "OS/OS_FilePrivate.h"
+#include "OS/internal/Paths.h"
+#include "OS/internal/Private.h"
 
 namespace File = OS::CLibrary::File;
-using OS::FilePrivate::isBadPath;
-using OS::FilePrivate::withoutTrailingSlashes;
+using OS::Paths::isBadPath;
+using OS::Paths::withoutTrailingSlashes;
 
 namespace {
 constexpr int kCreateFlags = O_CREAT;                      // 0x40: read-only, no truncation
@@ -21,43 +22,20 @@ constexpr mode_t kAllPermissions = 0777;
 constexpr unsigned int kCopyBlock = 8192;
 }  // namespace
 
-namespace OS {
-namespace FilePrivate {
-
-std::string withoutTrailingSlashes(const char* path) {
-  std::string result(path);
-  // substr(size - 1) throws out_of_range once the string is empty: a path of
-  // slashes only leaves the caller with that exception, which is intended.
-  while (result.substr(result.size() - 1) == "/") result.erase(result.size() - 1);
-  return result;
-}
-
-bool existsAs(const char* path, bool bDirectory) {
-  const std::string stripped = withoutTrailingSlashes(path);
-  if (File::access(stripped.c_str(), F_OK) != 0) return false;
-  // The access test above decided existence; a stat that fails in between
-  // leaves the record cleared, which reads as "not a directory".
-  struct stat info {};
-  stat(stripped.c_str(), &info);
-  return S_ISDIR(info.st_mode) == bDirectory;
-}
-
-}  // namespace FilePrivate
-}  // namespace OS
-
 bool os_file_is_relative_path(const char* strPath) { return !isBadPath(strPath) && strPath[0] != '/'; }
 
 bool os_file_exist(const char* strFilePath) {
-  return !isBadPath(strFilePath) && OS::FilePrivate::existsAs(strFilePath, false);
+  return !isBadPath(strFilePath) && OS::Paths::existsAs(strFilePath, false);
 }
 
 bool os_file_create(const char* strFilePath) {
   if (isBadPath(strFilePath)) return false;
   const std::string path = withoutTrailingSlashes(strFilePath);
-  // A zero umask for the open alone gives the new file exactly 0777.
-  const int oldMask = File::umask(0);
-  const int fd = File::open(path.c_str(), kCreateFlags, kAllPermissions);
-  File::umask(oldMask);
+  int fd;
+  {
+    OS::Private::UmaskCleared exactMode;  // for the open alone: the new file gets exactly 0777
+    fd = File::open(path.c_str(), kCreateFlags, kAllPermissions);
+  }
   if (fd == -1) return false;
   File::close(fd);
   return true;

@@ -9,11 +9,14 @@
 
 #include <ostrelled/StringAssistant.h>
 
+#include "OS/internal/Paths.h"
+#include "OS/internal/Private.h"
+
+using OS::Paths::isSeparator;
+
 namespace {
 
 constexpr unsigned int kNoDepthLimit = 0xFFFFFFFF;
-
-inline bool isSeparator(char c) { return c == '/' || c == '\\'; }
 
 // One walk: the full path of the current entry lives in one buffer that grows
 // and shrinks as the walk goes down and up, and the relative path is its tail
@@ -89,8 +92,7 @@ enum class NamePart { Base, Directory, Suffix };
 // The three name functions: clean a private copy, cut out the part, deliver.
 bool deliverNamePart(const char* absoluteFilePath, char* buffer, const DWORD& len, NamePart part) {
   if (absoluteFilePath == nullptr) return false;
-  // The interface declares len const, yet the length is written back through it.
-  DWORD& length = const_cast<DWORD&>(len);
+  DWORD& length = OS::Private::writableLength(len);
   std::string cleaned(absoluteFilePath);
   size_t n = cleaned.size();
   if (!os_filesystem_resolve_path_p(&cleaned[0], n)) {
@@ -116,7 +118,7 @@ bool deliverNamePart(const char* absoluteFilePath, char* buffer, const DWORD& le
       break;
     }
   }
-  return CStringAssistant::getBaseStringFromSTLString(result, buffer, length);
+  return OS::Private::deliverText(result, buffer, length);
 }
 
 }  // namespace

@@ -5,14 +5,14 @@
 
 #include <ostrelled/OS_CLibrary.h>
 
-#include "OS/OS_FilePrivate.h"
-#include "OS/OS_Shell.h"
+#include "OS/internal/Paths.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/Shell.h"
 
-using OS::FilePrivate::isBadPath;
+using OS::Paths::isBadPath;
+using OS::Paths::isSeparator;
 
 namespace {
-
-inline bool isSeparator(char c) { return c == '/' || c == '\\'; }
 
 // Trailing separators cut for remove and move; nothing left means the root.
 std::string withoutTrailingSeparators(const char* path) {
@@ -24,10 +24,8 @@ std::string withoutTrailingSeparators(const char* path) {
 
 // mkdir with mode 0777 whatever the caller's umask.
 bool makeDirectory(const std::string& path) {
-  const int oldMask = OS::CLibrary::File::umask(0);
-  const int result = OS::CLibrary::File::mkdir(path.c_str(), 0777);
-  OS::CLibrary::File::umask(oldMask);
-  return result != -1;
+  OS::Private::UmaskCleared exactMode;
+  return OS::CLibrary::File::mkdir(path.c_str(), 0777) != -1;
 }
 
 // The last component of a path that ends in a separator. Without any separator
@@ -73,7 +71,7 @@ bool os_folder_copyinner(const char* strSrcFolderPath, const char* strDstFolderP
 }  // namespace
 
 bool os_folder_exist(const char* strFolderPath) {
-  return !isBadPath(strFolderPath) && OS::FilePrivate::existsAs(strFolderPath, true);
+  return !isBadPath(strFolderPath) && OS::Paths::existsAs(strFolderPath, true);
 }
 
 bool os_folder_create(const char* strFolderPath) {

@@ -1,12 +1,13 @@
-#include "OS/OS_MutexHandle.h"
+#include "OS/OS_Mutex.h"
 
 #include <errno.h>
 #include <stdio.h>
 
 #include <atomic>
 
-#include "OS/OS_NamedObject.h"
-#include "OS/OS_Private.h"
+#include "OS/internal/NamedObject.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
 #include "OS/OS_SyncClient.h"
 
 static_assert(OS::Private::kMutexBlockSize == 44, "a named mutex block is the count and one pthread mutex");
@@ -38,72 +39,6 @@ class MutexSteps final : public OS::NamedObjectSteps {
 };
 
 }  // namespace
-
-namespace OS {
-namespace Private {
-
-int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared) {
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, type);
-  if (prioInherit) pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_INHERIT);
-  if (processShared) {
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-  }
-  int result = pthread_mutex_init(mutex, &attr);
-  pthread_mutexattr_destroy(&attr);
-  return result;
-}
-
-bool lockRecovering(pthread_mutex_t* mutex) {
-  int result = pthread_mutex_lock(mutex);
-  return result == 0 || lockFailed(mutex, result);
-}
-
-namespace {
-
-// Marks a mutex whose owner died consistent; false (with its line) when it cannot be.
-bool markConsistent(pthread_mutex_t* mutex) {
-  if (pthread_mutex_consistent(mutex) == 0) return true;
-  puts("mutex lock fixed failed!");
-  return false;  // held, but in its inconsistent state
-}
-
-}  // namespace
-
-bool lockFailed(pthread_mutex_t* mutex, int result) {
-  if (result == EOWNERDEAD) {
-    if (!markConsistent(mutex)) return false;
-    // Let a waiter that queued behind the dead owner see a healthy mutex.
-    pthread_mutex_unlock(mutex);
-    pthread_mutex_lock(mutex);
-    return true;
-  }
-  printf("mutex lock error:%d.\n", result);
-  return false;
-}
-
-// Unlike lockFailed, a repaired mutex stays held: its caller mends what the
-// dead holder left before anybody else may look at it.
-Locked lockRepairing(pthread_mutex_t* mutex) {
-  int result = pthread_mutex_lock(mutex);
-  if (__builtin_expect(result == 0, 1)) return Locked::Held;
-  if (result == EOWNERDEAD) return markConsistent(mutex) ? Locked::Repaired : Locked::Failed;
-  lockFailed(mutex, result);
-  return Locked::Failed;
-}
-
-// Busy and timed out are the ordinary "no"; anything else is worth the lock's error line.
-bool tookMutex(pthread_mutex_t* mutex, int result) {
-  if (__builtin_expect(result == 0, 1)) return true;
-  if (result == EOWNERDEAD) return markConsistent(mutex);
-  if (result != EBUSY && result != ETIMEDOUT) printf("mutex lock error:%d.\n", result);
-  return false;
-}
-
-}  // namespace Private
-}  // namespace OS
 
 mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName)
     : m_pMutexShareMemory(nullptr), m_pMutex(nullptr), m_RtMode(OS::Private::storedMode(mode)) {

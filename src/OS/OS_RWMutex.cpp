@@ -10,10 +10,11 @@
 #include <string>
 
 #include "Handle.h"
-#include "OS/OS_MutexHandle.h"
-#include "OS/OS_NamedObject.h"
-#include "OS/OS_Private.h"
-#include "OS/OS_SyncPrimitives.h"
+#include "OS/OS_Mutex.h"
+#include "OS/internal/NamedObject.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
+#include "OS/internal/SyncPrimitives.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <variant>
 
 #include "Handle.h"
-#include "OS/OS_NamedObject.h"
-#include "OS/OS_Private.h"
-#include "OS/OS_SyncKinds.h"
-#include "OS/OS_SyncPrimitives.h"
-#include "OS/OS_SysVSemaphore.h"
+#include "OS/internal/NamedObject.h"
+#include "OS/internal/Private.h"
+#include "OS/OS_Semaphore.h"
+#include "OS/internal/SyncPrimitives.h"
+#include "OS/internal/SysVSemaphore.h"
 
 namespace {
 

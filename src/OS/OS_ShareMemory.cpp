@@ -1,4 +1,4 @@
-#include "OS/OS_ShareMemoryHandle.h"
+#include "OS/OS_ShareMemory.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 
 #include <new>
 
-#include "OS/OS_Private.h"
+#include "OS/internal/Private.h"
 
 using OS::Private::retryOnEintr;
 

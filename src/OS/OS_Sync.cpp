@@ -13,9 +13,10 @@
 
 #include <ostrelled/OS_Thread.h>
 
-#include "OS/OS_Private.h"
-#include "OS/OS_MutexHandle.h"
-#include "OS/OS_ShareMemoryHandle.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
+#include "OS/OS_Mutex.h"
+#include "OS/OS_ShareMemory.h"
 #include "OS/OS_SyncClient.h"
 
 using namespace OS::SyncNames;

@@ -10,7 +10,7 @@
 
 #include <ostrelled/OS_ShareMemory.h>
 
-#include "OS/OS_NamedObject.h"
+#include "OS/internal/NamedObject.h"
 
 namespace OS {
 namespace SyncNames {

@@ -7,8 +7,8 @@
 
 #include <ostrelled/StringAssistant.h>
 
-#include "OS/OS_Private.h"
-#include "OS/OS_Shell.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/Shell.h"
 
 namespace {
 
@@ -40,7 +40,8 @@ bool os_system_run_application(const char* strApplicationName, const char* strCo
   // A start that does not wait has one answer, the child was started: whether
   // its exit is already visible here is a matter of timing, not of the start.
   if (!bBlockParent) return true;
-  return (status & 0x7f) == 0 && ((status >> 8) & 0xff) != kCouldNotStart;
+  int exitStatus = OS::Private::exitStatusOf(status);
+  return exitStatus != -1 && exitStatus != kCouldNotStart;
 }
 
 bool os_system_kill_application(const char* strApplicationName) {
@@ -55,7 +56,7 @@ bool os_system_get_os_environmentVariable(const char* strEnvironmentVariableName
   const char* value = getenv(strEnvironmentVariableName);
   if (value == nullptr) return false;
   // The interface declares dwLen const, yet the length is written back through it.
-  return CStringAssistant::getBaseStringFromSTLString(value, strEnvironmentVariableValue, const_cast<DWORD&>(dwLen));
+  return OS::Private::deliverText(value, strEnvironmentVariableValue, dwLen);
 }
 
 void os_system_set_os_environmentVariable(const char* strEnvironmentVariableName,

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "OS/OS_Private.h"
+#include "OS/internal/Private.h"
 
 using OS::Private::isRealTime;
 

@@ -4,14 +4,15 @@
 
 #include <ostrelled/StringAssistant.h>
 
+#include "OS/internal/Private.h"
+
 namespace {
 
 // The host's local character set is UTF-8: no conversion can fail, so the
 // output is the input unchanged (the "Error Encode!" fallback of a converting
 // host is never reached and therefore not kept here).
 bool deliverUnchanged(const std::string& text, char* buffer, const DWORD& dwLen) {
-  // The interface declares dwLen const, yet the length is written back through it.
-  return CStringAssistant::getBaseStringFromSTLString(text, buffer, const_cast<DWORD&>(dwLen));
+  return OS::Private::deliverText(text, buffer, dwLen);
 }
 
 }  // namespace

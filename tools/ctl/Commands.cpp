@@ -5,7 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "OS/OS_Private.h"
+#include "OS/internal/Private.h"
 #include "OS/OS_SyncClient.h"
 #include "ctl/Inventory.h"
 

@@ -16,7 +16,7 @@
 
 #include <memory>
 
-#include "OS/OS_Wait.h"
+#include "OS/internal/Wait.h"
 
 namespace {
 

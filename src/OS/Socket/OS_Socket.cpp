@@ -6,8 +6,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "OS/OS_Private.h"
-#include "OS/OS_Wait.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/Wait.h"
 
 using OS::Private::Readiness;
 using OS::Private::spanOf;

@@ -1,10 +1,8 @@
-#ifndef OSTRELLED_SRC_OS_SYSVSEMAPHORE_H
-#define OSTRELLED_SRC_OS_SYSVSEMAPHORE_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_SYSVSEMAPHORE_H
+#define OSTRELLED_SRC_OS_INTERNAL_SYSVSEMAPHORE_H
 
-// The System V operations on a set of one semaphore, shared by the semaphore
-// and the event through SysVSemaphore (OS_SyncPrimitives.h); the owner's
-// message prefix is their only difference. Also the System V key derived from
-// a named block's file.
+// System V operations on a set of one semaphore, and its key from a block's file;
+// used by SysVSemaphore in SyncPrimitives.h, for the semaphore and the event.
 
 #include <sys/types.h>
 #include <time.h>

@@ -1,4 +1,4 @@
-#include "OS/OS_Shell.h"
+#include "OS/internal/Shell.h"
 
 #include <stdlib.h>
 

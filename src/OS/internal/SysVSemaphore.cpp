@@ -1,10 +1,10 @@
-#include "OS/OS_SysVSemaphore.h"
+#include "OS/internal/SysVSemaphore.h"
 
 #include <stdio.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
-#include "OS/OS_Private.h"
+#include "OS/internal/Private.h"
 
 namespace OS {
 namespace SysV {

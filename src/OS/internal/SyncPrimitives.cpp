@@ -1,13 +1,14 @@
-#include "OS/OS_SyncPrimitives.h"
+#include "OS/internal/SyncPrimitives.h"
 
 #include <errno.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "OS/OS_Private.h"
-#include "OS/OS_ShareMemoryHandle.h"
-#include "OS/OS_SysVSemaphore.h"
+#include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
+#include "OS/OS_ShareMemory.h"
+#include "OS/internal/SysVSemaphore.h"
 
 namespace OS {
 namespace Private {

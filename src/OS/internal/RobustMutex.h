@@ -1,36 +1,13 @@
-#ifndef OSTRELLED_SRC_OS_MUTEXHANDLE_H
-#define OSTRELLED_SRC_OS_MUTEXHANDLE_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_ROBUSTMUTEX_H
+#define OSTRELLED_SRC_OS_INTERNAL_ROBUSTMUTEX_H
 
-// The mutex handle's definition and the pthread mutex helpers shared by every
-// object that keeps a mutex, in the process or in a named block.
+// Initialising and locking pthread mutexes, repairing one whose owner died; used
+// by every source that keeps a mutex, in the process or in a named block.
 
 #include <pthread.h>
 
-#include <string>
-
-#include <ostrelled/OS_Mutex.h>
-#include <ostrelled/OS_ShareMemory.h>
-
-class mutex_handle {
- public:
-  mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName);
-  ~mutex_handle();
-  mutex_handle(const mutex_handle&) = delete;
-  mutex_handle& operator=(const mutex_handle&) = delete;
-
-  std::string m_strMutexName;
-  sharememory_handle* m_pMutexShareMemory;
-  pthread_mutex_t* m_pMutex;  // in the block, at m_anonymousMutex, or null when unattached
-  RT_MODE m_RtMode;
-  pthread_mutex_t m_anonymousMutex;  // the anonymous kind's storage
-};
-
 namespace OS {
 namespace Private {
-
-// A named mutex block: the attach count, then the mutex, unpadded.
-constexpr unsigned int kMutexOffset = 4;
-constexpr unsigned int kMutexBlockSize = kMutexOffset + sizeof(pthread_mutex_t);
 
 // Initialises *mutex of the given pthread type; a process-shared one is also robust.
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared);

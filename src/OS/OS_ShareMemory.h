@@ -1,7 +1,8 @@
-#ifndef OSTRELLED_SRC_OS_SHAREMEMORYHANDLE_H
-#define OSTRELLED_SRC_OS_SHAREMEMORYHANDLE_H
+#ifndef OSTRELLED_SRC_OS_SHAREMEMORY_H
+#define OSTRELLED_SRC_OS_SHAREMEMORY_H
 
-// Definition of the shared-memory handle, for the library's own users of its size.
+// The shared-memory handle's definition, defined in OS_ShareMemory.cpp: for the
+// library's other users of its members (the manager, the sync client, named objects).
 
 #include <stddef.h>
 

@@ -1,9 +1,8 @@
-#ifndef OSTRELLED_SRC_OS_NAMEDOBJECT_H
-#define OSTRELLED_SRC_OS_NAMEDOBJECT_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_NAMEDOBJECT_H
+#define OSTRELLED_SRC_OS_INTERNAL_NAMEDOBJECT_H
 
-// The one attach/detach procedure of every named object (mutex, reader/writer
-// mutex, semaphore, event). Each kind supplies its own steps; the procedure
-// owns the enabled semaphore, the request record and the attach count.
+// The one attach/detach procedure of every named object, through the sync manager;
+// used by the mutex, reader/writer mutex, semaphore and event sources.
 
 #include <stddef.h>
 

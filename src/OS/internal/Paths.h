@@ -1,16 +1,20 @@
-#ifndef OSTRELLED_SRC_OS_FILEPRIVATE_H
-#define OSTRELLED_SRC_OS_FILEPRIVATE_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_PATHS_H
+#define OSTRELLED_SRC_OS_INTERNAL_PATHS_H
 
-// Path handling shared by the file and folder functions. Never installed.
+// Path-name tests shared by the file, folder and directory-walk sources:
+// bad paths, separators, trailing slashes and existence by type.
 
 #include <string>
 
 namespace OS {
-namespace FilePrivate {
+namespace Paths {
 
 // True for a null pointer or an empty string: such paths are refused before
 // anything touches the file system.
 inline bool isBadPath(const char* path) { return path == nullptr || path[0] == '\0'; }
+
+// The separators a caller's path may use: both slashes count.
+inline bool isSeparator(char c) { return c == '/' || c == '\\'; }
 
 // The path without its trailing "/". A path of slashes only throws
 // std::out_of_range; file and folder tests rely on that being kept.
@@ -20,7 +24,7 @@ std::string withoutTrailingSlashes(const char* path);
 // trailing slashes, then the stat type is directory (or not, for files).
 bool existsAs(const char* path, bool bDirectory);
 
-}  // namespace FilePrivate
+}  // namespace Paths
 }  // namespace OS
 
 #endif

@@ -1,8 +1,8 @@
-#ifndef OSTRELLED_SRC_OS_WAIT_H
-#define OSTRELLED_SRC_OS_WAIT_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_WAIT_H
+#define OSTRELLED_SRC_OS_INTERNAL_WAIT_H
 
-// Readiness waits on one descriptor, shared by the serial and socket sources.
-// Never installed.
+// Readiness waits on one descriptor with poll, bounded by a timeout; header-only,
+// used by the serial and socket sources.
 
 #include <errno.h>
 #include <poll.h>

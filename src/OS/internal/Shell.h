@@ -1,15 +1,16 @@
-#ifndef OSTRELLED_SRC_OS_SHELL_H
-#define OSTRELLED_SRC_OS_SHELL_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_SHELL_H
+#define OSTRELLED_SRC_OS_INTERNAL_SHELL_H
 
-// The one way the library runs shell commands: format a template, quote what
-// callers passed so the shell takes it literally, call system() and judge the
-// status. Never installed.
+// The one way the library runs shell commands: templates, quoting and status;
+// used by the folder and process sources.
 
 #include <stdio.h>
 
 #include <initializer_list>
 #include <string>
 #include <vector>
+
+#include "OS/internal/Private.h"
 
 namespace OS {
 namespace Shell {
@@ -99,10 +100,8 @@ inline std::string formatCommand(const Template& command, std::initializer_list<
 }
 
 // The status rule: system() ran, the command was not ended by a signal and
-// exited with status 0. The low 7 bits hold a signal, bits 8 to 15 the status.
-inline bool statusSucceeded(int status) {
-  return status != -1 && (status & 0x7f) == 0 && ((status >> 8) & 0xff) == 0;
-}
+// exited with status 0.
+inline bool statusSucceeded(int status) { return Private::exitStatusOf(status) == 0; }
 
 // system(command) judged by the status rule.
 bool runCommand(const char* command);

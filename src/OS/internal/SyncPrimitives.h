@@ -1,10 +1,8 @@
-#ifndef OSTRELLED_SRC_OS_SYNCPRIMITIVES_H
-#define OSTRELLED_SRC_OS_SYNCPRIMITIVES_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_SYNCPRIMITIVES_H
+#define OSTRELLED_SRC_OS_INTERNAL_SYNCPRIMITIVES_H
 
-// The wake-up primitives of the event, the semaphore and the reader/writer
-// mutex, one class per kind (futex condition, POSIX semaphore, System V
-// semaphore), each chosen once when a handle is built; and the attach of
-// objects that come in several kinds. Mutexes use OS_MutexHandle.h.
+// The wake-up classes (futex condition, POSIX and System V semaphore), one per kind;
+// used by the event, semaphore and reader/writer mutex sources.
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -13,8 +11,9 @@
 
 #include <string>
 
-#include "OS/OS_MutexHandle.h"
-#include "OS/OS_NamedObject.h"
+#include "OS/OS_Mutex.h"
+#include "OS/internal/NamedObject.h"
+#include "OS/internal/RobustMutex.h"
 
 namespace OS {
 namespace Private {

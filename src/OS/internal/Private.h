@@ -1,16 +1,35 @@
-#ifndef OSTRELLED_SRC_OS_PRIVATE_H
-#define OSTRELLED_SRC_OS_PRIVATE_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_PRIVATE_H
+#define OSTRELLED_SRC_OS_INTERNAL_PRIVATE_H
 
-// Helpers shared by the operating-system sources. Never installed.
+// Small helpers of every operating-system source: modes, EINTR, errno, pid and
+// deadlines; header-only. Also the index of the private layer:
+//
+//   internal/Private.h         real-time mode resolution, retryOnEintr, ErrnoGuard,
+//                              ownPid, deadlines (deadlineAfter, timeLeftUntil,
+//                              hasPassed), lockBefore, takeSoon, text delivery
+//   internal/RobustMutex.h     pthread mutex set-up and locking that repairs a dead owner
+//   internal/NamedObject.h     attach/detach of named objects through the manager
+//   internal/SyncPrimitives.h  one wake-up class per kind: futex condition, POSIX, System V
+//   internal/SysVSemaphore.h   System V semaphore operations and keys
+//   internal/Paths.h           path tests shared by files, folders and walks
+//   internal/Shell.h           command templates, quoting and the shell runner
+//   internal/Wait.h            readiness waits on a descriptor
+//
+// Beside the area sources, OS_Mutex.h, OS_ShareMemory.h, OS_Semaphore.h,
+// OS_Event.h and OS_SyncClient.h hold what those sources offer the rest of the
+// library beyond their exported functions.
 
 #include <errno.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
+#include <ostrelled/StringAssistant.h>
+#include <ostrelled/Types.h>
 
 #include "Handle.h"
 
@@ -149,6 +168,34 @@ inline int lockBefore(pthread_mutex_t* mutex, const timespec& deadline) {
   return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
 #endif
 }
+
+// The text buffer convention: the length is declared const in the interface,
+// yet the needed (or written) length is written back through it.
+inline DWORD& writableLength(const DWORD& length) { return const_cast<DWORD&>(length); }
+
+// Delivers text by the buffer convention: a size query without a buffer, a
+// copy when it fits, the needed length written back either way.
+inline bool deliverText(const std::string& text, char* buffer, const DWORD& length) {
+  return CStringAssistant::getBaseStringFromSTLString(text, buffer, writableLength(length));
+}
+
+// A wait status decoded: the exit status of a process that exited, -1 for one
+// ended by a signal or a failed wait (-1). The low 7 bits hold a signal, bits
+// 8 to 15 the exit status.
+inline int exitStatusOf(int status) { return status != -1 && (status & 0x7f) == 0 ? (status >> 8) & 0xff : -1; }
+
+// The process's file-mode mask cleared for one scope, so that a new file or
+// folder gets exactly the mode asked for; the caller's mask comes back after.
+class UmaskCleared {
+ public:
+  UmaskCleared() : m_saved(umask(0)) {}
+  ~UmaskCleared() { umask(m_saved); }
+  UmaskCleared(const UmaskCleared&) = delete;
+  UmaskCleared& operator=(const UmaskCleared&) = delete;
+
+ private:
+  mode_t m_saved;
+};
 
 }  // namespace Private
 }  // namespace OS

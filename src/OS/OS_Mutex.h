@@ -1,0 +1,36 @@
+#ifndef OSTRELLED_SRC_OS_MUTEX_H
+#define OSTRELLED_SRC_OS_MUTEX_H
+
+// The mutex handle's definition, for the library's other users of a mutex
+// (conditions, events, the manager) and the tests. Defined in OS_Mutex.cpp.
+
+#include <pthread.h>
+
+#include <string>
+
+#include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_ShareMemory.h>
+
+class mutex_handle {
+ public:
+  mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName);
+  ~mutex_handle();
+  mutex_handle(const mutex_handle&) = delete;
+  mutex_handle& operator=(const mutex_handle&) = delete;
+
+  std::string m_strMutexName;
+  sharememory_handle* m_pMutexShareMemory;
+  pthread_mutex_t* m_pMutex;  // in the block, at m_anonymousMutex, or null when unattached
+  RT_MODE m_RtMode;
+  pthread_mutex_t m_anonymousMutex;  // the anonymous kind's storage
+};
+
+namespace OS {
+namespace Private {
+// A named mutex block: the attach count, then the mutex, unpadded.
+constexpr unsigned int kMutexOffset = 4;
+constexpr unsigned int kMutexBlockSize = kMutexOffset + sizeof(pthread_mutex_t);
+}  // namespace Private
+}  // namespace OS
+
+#endif
