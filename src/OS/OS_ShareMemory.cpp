@@ -71,15 +71,13 @@ bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int
   if (!openForCreate(name, created)) return false;
   m_strShareMemoryName = name;
   if (retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) != 0) {
-    int saved = errno;
+    OS::Private::ErrnoGuard keep;
     sharememory_close();  // the object stays in /dev/shm; only the destroyer unlinks
-    errno = saved;
     return false;
   }
   if (!backDescriptor(uintMemorySize, created) || !mapDescriptor(uintMemorySize)) {
-    int saved = errno;
+    OS::Private::ErrnoGuard keep;
     sharememory_close();
-    errno = saved;
     return false;
   }
   // Every create clears the whole area, also over a live object: callers rely on it.
@@ -100,9 +98,8 @@ bool sharememory_handle::sharememory_open(const char* strShmName) {
   struct stat st;
   // The size travels as an unsigned 32-bit count, so only its low bits are kept.
   if (fstat(m_hShareMemoryHandle, &st) != 0 || !mapDescriptor(static_cast<unsigned int>(st.st_size))) {
-    int saved = errno;
+    OS::Private::ErrnoGuard keep;
     sharememory_close();
-    errno = saved;
     return false;
   }
   close(m_hShareMemoryHandle);
@@ -137,9 +134,8 @@ template <class Setup>
 sharememory_handle* makeShareMemory(RT_MODE mode, Setup setup) {
   sharememory_handle* handle = new sharememory_handle(mode);
   if (!setup(*handle)) {
-    int saved = errno;
+    OS::Private::ErrnoGuard keep;
     destroyHandle(handle);
-    errno = saved;
   }
   return handle;
 }

@@ -16,6 +16,7 @@
 
 #include <memory>
 
+#include "OS/internal/Private.h"
 #include "OS/internal/Wait.h"
 
 namespace {
@@ -98,7 +99,63 @@ class Transfer {
   aiocb m_cb;
 };
 
-// Line settings of an open: false after one of the fixed diagnostics.
+// The parity bits of the line; false (with its line) for an unknown choice.
+bool setParity(termios& tio, BYTE byteParity) {
+  switch (byteParity) {
+    case NOPARITY:
+      tio.c_cflag &= ~PARENB;
+      tio.c_iflag &= ~INPCK;
+      return true;
+    case ODDPARITY:
+      tio.c_cflag |= PARENB | PARODD;
+      tio.c_iflag |= INPCK;
+      return true;
+    case SPACEPARITY:
+      // No parity bit generated, yet input checking stays on; the stop-bit
+      // choice that follows overrides the CSTOPB cleared here.
+      tio.c_cflag &= ~(PARENB | CSTOPB);
+      tio.c_iflag |= INPCK;
+      return true;
+    case EVENPARITY:
+      tio.c_cflag |= PARENB;
+      tio.c_cflag &= ~PARODD;
+      tio.c_iflag |= INPCK;
+      return true;
+    default:
+      puts("Unsupported parity");
+      return false;
+  }
+}
+
+// The stop bits; false (with its line) for an unknown choice.
+bool setStopBits(termios& tio, BYTE byteStopbits) {
+  switch (byteStopbits) {
+    case ONESTOPBIT:
+      tio.c_cflag &= ~CSTOPB;
+      return true;
+    case TWOSTOPBITS:
+      tio.c_cflag |= CSTOPB;
+      return true;
+    default:
+      puts("Unsupported stopbits");
+      return false;
+  }
+}
+
+// Raw bytes both ways: no processing, no echo, no flow control, reads that
+// return at once, and the speed given by its index.
+void setRawLine(termios& tio, int iBaudIndex) {
+  tio.c_oflag &= ~(OPOST | ONLCR | OCRNL);
+  tio.c_lflag &= ~(ISIG | ICANON | ECHO | ECHOE);
+  tio.c_iflag &= ~(INLCR | IGNCR | ICRNL | IXON | IXANY | IXOFF);
+  tio.c_cc[VTIME] = 0;
+  tio.c_cc[VMIN] = 0;
+  cfsetispeed(&tio, static_cast<speed_t>(iBaudIndex));
+  cfsetospeed(&tio, static_cast<speed_t>(iBaudIndex));
+}
+
+// Line settings of an open: false after one of the fixed diagnostics. Both
+// the parity and the stop bits are examined, so both lines may appear.
 bool configureLine(int fd, BYTE byteParity, BYTE byteStopbits, int iBaudIndex) {
   termios tio;
   memset(&tio, 0, sizeof(tio));
@@ -108,54 +165,10 @@ bool configureLine(int fd, BYTE byteParity, BYTE byteStopbits, int iBaudIndex) {
   }
   tio.c_cflag &= ~CSIZE;
   tio.c_cflag |= CREAD | CLOCAL | CS8;
-
-  bool good = true;
-  switch (byteParity) {
-    case NOPARITY:
-      tio.c_cflag &= ~PARENB;
-      tio.c_iflag &= ~INPCK;
-      break;
-    case ODDPARITY:
-      tio.c_cflag |= PARENB | PARODD;
-      tio.c_iflag |= INPCK;
-      break;
-    case SPACEPARITY:
-      // No parity bit generated, yet input checking stays on; the stop-bit
-      // choice below overrides the CSTOPB cleared here.
-      tio.c_cflag &= ~(PARENB | CSTOPB);
-      tio.c_iflag |= INPCK;
-      break;
-    case EVENPARITY:
-      tio.c_cflag |= PARENB;
-      tio.c_cflag &= ~PARODD;
-      tio.c_iflag |= INPCK;
-      break;
-    default:
-      puts("Unsupported parity");
-      good = false;  // the stop bits are still examined, so both lines may appear
-      break;
-  }
-  switch (byteStopbits) {
-    case ONESTOPBIT:
-      tio.c_cflag &= ~CSTOPB;
-      break;
-    case TWOSTOPBITS:
-      tio.c_cflag |= CSTOPB;
-      break;
-    default:
-      puts("Unsupported stopbits");
-      good = false;
-      break;
-  }
-  if (!good) return false;
-
-  tio.c_oflag &= ~(OPOST | ONLCR | OCRNL);
-  tio.c_lflag &= ~(ISIG | ICANON | ECHO | ECHOE);
-  tio.c_iflag &= ~(INLCR | IGNCR | ICRNL | IXON | IXANY | IXOFF);
-  tio.c_cc[VTIME] = 0;
-  tio.c_cc[VMIN] = 0;
-  cfsetispeed(&tio, static_cast<speed_t>(iBaudIndex));
-  cfsetospeed(&tio, static_cast<speed_t>(iBaudIndex));
+  bool parityKnown = setParity(tio, byteParity);
+  bool stopBitsKnown = setStopBits(tio, byteStopbits);
+  if (!parityKnown || !stopBitsKnown) return false;
+  setRawLine(tio, iBaudIndex);
   if (tcsetattr(fd, TCSANOW, &tio) != 0) {
     puts("tcsetattr failed");
     return false;
@@ -184,9 +197,8 @@ int os_serial_open(const char* strSerialName, UINT uBaudRate, BYTE byteParity, B
   int fd = open(strSerialName, O_RDWR | O_NOCTTY | O_APPEND | O_NONBLOCK);
   if (fd == -1) return -1;
   if (!configureLine(fd, byteParity, byteStopbits, iBaudIndex)) {
-    int saved = errno;
+    OS::Private::ErrnoGuard keep;
     close(fd);
-    errno = saved;
     return -1;
   }
   requestCustomDivisor(fd, uBaudRate);
@@ -239,78 +251,115 @@ int os_serial_write(int hHandle, const unsigned char* buf, int len, int dwTimeou
   return static_cast<int>(written);
 }
 
+namespace {
+
+// One frame read: with a header, a hunt that slides one byte at a time until
+// the header ends the input so far, then the body up to len bytes. Each
+// transfer is bounded by the timeout; the frame ends early when no byte comes
+// within the gap between bytes.
+class FrameReader {
+ public:
+  FrameReader(int fd, int len, const void* head, LONG headLen, int gapMillis, int timeoutMillis)
+      : m_fd(fd),
+        m_len(len),
+        m_head(head),
+        m_headLen(headLen),
+        m_gapMillis(gapMillis),
+        m_patience(suspendPatience(timeoutMillis)),
+        m_haveHead(head == nullptr || headLen == 0),
+        // The hunt stops short of len bytes and the body adds at most len
+        // more, so twice the frame is enough.
+        m_input(new unsigned char[2 * static_cast<size_t>(len)]),
+        m_aio(new unsigned char[len]) {}
+
+  // The frame's length (0 to len) with the frame in buf, or -1.
+  int read(unsigned char* buf) {
+    for (;;) {
+      if (m_valid >= m_len) return deliver(buf, m_len);
+      LONG got = 0;
+      Transfer transfer(m_fd, m_aio.get(), static_cast<size_t>(wanted()), LIO_READ);
+      if (!transfer.finish(m_patience, got)) {
+        transfer.abandon(kReadCancelMessage);
+        return -1;
+      }
+      if (got > 0) {
+        m_announced = false;
+        if (!store(got)) return -1;
+        continue;
+      }
+      // Nothing at hand (a raw line answers 0, or -1 with EAGAIN): the frame
+      // goes on if a byte comes within the gap. A line that was reported
+      // readable and still gives nothing has hung up or failed; it would stay
+      // "readable" for ever, so the frame ends here instead of spinning.
+      if (!m_announced && os_serial_select(m_fd, m_gapMillis)) {
+        m_announced = true;
+        continue;
+      }
+      return endByGap(buf);
+    }
+  }
+
+ private:
+  LONG wanted() const {
+    if (m_haveHead) return m_len - m_valid;
+    if (m_total < m_headLen) return m_headLen - m_total;
+    return 1;
+  }
+
+  // Appends what came; false when no header came within a frame's length.
+  bool store(LONG got) {
+    memcpy(m_input.get() + m_total, m_aio.get(), got);
+    m_total += got;
+    if (m_haveHead) {
+      m_valid += got;
+      return true;
+    }
+    if (m_total < m_headLen) return true;
+    if (m_total >= m_len) {
+      // The one-frame buffer is left allocated on this return: intended,
+      // callers know of it.
+      m_aio.release();
+      return false;
+    }
+    // The header counts only at the very end of the input so far; it leads the frame.
+    if (memcmp(m_input.get() + m_total - m_headLen, m_head, m_headLen) == 0) {
+      m_valid = m_headLen;
+      m_haveHead = true;
+    }
+    return true;
+  }
+
+  int deliver(unsigned char* buf, LONG count) {
+    if (count > 0) memcpy(buf, m_input.get() + m_total - count, count);
+    return static_cast<int>(count);
+  }
+
+  int endByGap(unsigned char* buf) {
+    if (!m_haveHead && m_valid == 0 && m_total > 0) puts("The frame header may be truncated.");
+    return deliver(buf, m_valid);
+  }
+
+  int m_fd;
+  LONG m_len;
+  const void* m_head;
+  LONG m_headLen;
+  int m_gapMillis;
+  timespec m_patience;
+  bool m_haveHead;
+  bool m_announced = false;  // the last gap wait reported input
+  LONG m_total = 0;          // bytes read so far
+  LONG m_valid = 0;          // bytes of the frame so far, header included
+  std::unique_ptr<unsigned char[]> m_input;
+  std::unique_ptr<unsigned char[]> m_aio;
+};
+
+}  // namespace
+
 int os_serial_read(int hHandle, unsigned char* buf, int len, void* m_pHead, UINT m_uHeadLen,
                    int dwMaxByteInterval, int dwTimeoutMillisecond) {
   if (!timeoutInRange(dwTimeoutMillisecond) || hHandle == -1) return -1;
-  LONG dwTotalReadLen = 0;
-  LONG dwValidReadLen = 0;
-  LONG dwRequireReadNum = 0;
-  LONG dwReadNum = 0;
-  bool bReadValidHead = m_pHead == nullptr || m_uHeadLen == 0;
   const LONG headLen = m_uHeadLen;
   if (len < headLen || len < 0) return -1;
-
-  // Accumulated input: the hunt stops short of len bytes and the body adds
-  // at most len more, so twice the frame is enough.
-  std::unique_ptr<unsigned char[]> pReadBuffer(new unsigned char[2 * static_cast<size_t>(len)]);
-  std::unique_ptr<unsigned char[]> pAioBuffer(new unsigned char[len]);
-  const timespec patience = suspendPatience(dwTimeoutMillisecond);
-  bool inputAnnounced = false;  // the last gap wait reported input
-  for (;;) {
-    if (dwValidReadLen >= len) {
-      if (len > 0) memcpy(buf, pReadBuffer.get() + dwTotalReadLen - len, len);
-      return len;
-    }
-    if (bReadValidHead || headLen == 0) {
-      dwRequireReadNum = len - dwValidReadLen;
-    } else if (dwTotalReadLen < headLen) {
-      dwRequireReadNum = headLen - dwTotalReadLen;
-    } else {
-      dwRequireReadNum = 1;  // the hunt slides one byte at a time
-    }
-
-    Transfer transfer(hHandle, pAioBuffer.get(), static_cast<size_t>(dwRequireReadNum), LIO_READ);
-    if (!transfer.finish(patience, dwReadNum)) {
-      transfer.abandon(kReadCancelMessage);
-      return -1;
-    }
-
-    if (dwReadNum > 0) {
-      inputAnnounced = false;
-      memcpy(pReadBuffer.get() + dwTotalReadLen, pAioBuffer.get(), dwReadNum);
-      if (!bReadValidHead && headLen != 0) {
-        const LONG end = dwTotalReadLen + dwReadNum;
-        if (end >= headLen) {
-          if (end >= len) {
-            // No header within a frame's length. The one-frame buffer is
-            // left allocated on this return: intended, callers know of it.
-            pAioBuffer.release();
-            return -1;
-          }
-          // The header counts only at the very end of the input so far; it
-          // leads the delivered frame.
-          if (memcmp(pReadBuffer.get() + end - headLen, m_pHead, headLen) == 0) {
-            dwValidReadLen = headLen;
-            bReadValidHead = true;
-          }
-        }
-      } else {
-        dwValidReadLen += dwReadNum;
-      }
-      dwTotalReadLen += dwReadNum;
-      continue;
-    }
-
-    // Nothing at hand (a raw line answers 0, or -1 with EAGAIN): the frame
-    // goes on if a byte comes within the gap. A line that was reported
-    // readable and still gives nothing has hung up or failed; it would stay
-    // "readable" for ever, so the frame ends here instead of spinning.
-    if (!inputAnnounced && os_serial_select(hHandle, dwMaxByteInterval)) {
-      inputAnnounced = true;
-      continue;
-    }
-    if (dwValidReadLen > 0) memcpy(buf, pReadBuffer.get() + dwTotalReadLen - dwValidReadLen, dwValidReadLen);
-    if (!bReadValidHead && dwValidReadLen == 0 && dwTotalReadLen > 0) puts("The frame header may be truncated.");
-    return static_cast<int>(dwValidReadLen);
-  }
+  FrameReader reader(hHandle, len, m_pHead, headLen, dwMaxByteInterval, dwTimeoutMillisecond);
+  return reader.read(buf);
 }
