@@ -31,7 +31,7 @@ TEST_P(EventKinds, AfterADoubleSetEachSetOfAnAutoResetEventReleasesExactlyOneWai
   for (int released = 1; released <= 3; ++released) {
     if (released > 1) os_event_set_event(event);
     EXPECT_TRUE(waitUntil([&] { return waiters->finished >= released; }));
-    settle();
+    watchNothingHappenFor100ms();
     EXPECT_EQ(waiters->finished, released);
   }
   os_event_destroy(event);
@@ -41,7 +41,6 @@ TEST_P(EventKinds, ManualResetReleasesAllAndStaysSetUntilReset) {
   event_handle* event = make(true, false);
   auto waiters =
       startWaiters(3, [&](int i) { return i ? os_event_wait(event) : os_event_wait_timeout(event, deadlineIn(10000)); });
-  settle();
   os_event_set_event(event);
   EXPECT_TRUE(waiters->allFinish() && waiters->succeeded == 3);
   EXPECT_TRUE(os_event_wait(event));
@@ -78,8 +77,7 @@ TEST_P(EventKinds, SetInOneProcessWakesAWaiterInAnother) {
     os_event_destroy(mine);
     return woken ? 0 : 1;
   });
-  settle();
-  os_event_set_event(event);
+  os_event_set_event(event);  // before or after the child waits: the set stays until consumed
   EXPECT_EQ(waitChild(pid), 0);
   EXPECT_FALSE(os_event_wait_timeout(event, deadlineIn(-1000))) << "consumed by the child";
   os_event_destroy(event);

@@ -31,7 +31,8 @@ TEST_P(RWMutexVariants, ReadersShareAndGoFirstAWriterIsAloneAndTheLastReaderOutL
   rw_mutex_handle* mutex = os_rw_mutex_create(USE_STD, GetParam() ? name.c_str() : nullptr);
   os_rw_mutex_lock_rd(mutex);
   auto writer = enter(mutex, 1, true);
-  settle();
+  watchNothingHappenFor100ms();  // the writer queues up behind the reader
+  EXPECT_EQ(writer->finished, 0) << "the writer entered with a reader inside";
   // The second reader is a thread, or a child process for the variant for processes. The
   // page holds 1 once the child reads and 2 when it may leave; it goes with this process.
   volatile int* step = static_cast<int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -46,7 +47,7 @@ TEST_P(RWMutexVariants, ReadersShareAndGoFirstAWriterIsAloneAndTheLastReaderOutL
   });
   EXPECT_TRUE(GetParam() ? waitUntil([&] { return *step == 1; }) : enter(mutex, 1, false)->allFinish()) << "held back";
   os_rw_mutex_unlock(mutex);
-  settle();
+  watchNothingHappenFor100ms();
   EXPECT_EQ(writer->finished, 0) << "the writer entered with a reader inside";
   *step = 2;  // the last reader leaves: the child, or this thread for the reader thread
   GetParam() ? static_cast<void>(waitChild(child)) : os_rw_mutex_unlock(mutex);
@@ -55,7 +56,7 @@ TEST_P(RWMutexVariants, ReadersShareAndGoFirstAWriterIsAloneAndTheLastReaderOutL
   os_rw_mutex_lock_wr(mutex);
   auto reader = enter(mutex, 1, false);
   writer = enter(mutex, 1, true);
-  settle();
+  watchNothingHappenFor100ms();
   EXPECT_EQ(reader->finished + writer->finished, 0) << "a writer is alone";
   os_rw_mutex_unlock(mutex);
   EXPECT_TRUE(reader->allFinish());  // the writer goes before or after the reader, who stays inside

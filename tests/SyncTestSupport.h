@@ -38,7 +38,7 @@ inline timespec deadlineIn(long millis) {
   return t;
 }
 
-inline void settle() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
+inline void watchNothingHappenFor100ms() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
 
 // The size of a shared-memory object in /dev/shm; -1 when it is not there.
 inline off_t shmSize(const std::string& name) {
