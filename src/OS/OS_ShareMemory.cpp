@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 
 #include "OS/internal/Private.h"
@@ -62,28 +63,62 @@ bool sharememory_handle::backDescriptor(unsigned int size, bool created) {
   return false;
 }
 
-bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int uintMemorySize) {
-  (void)OS::Private::isRealTime(m_RtMode);  // both modes map alike
+// Opens or makes the object, sizes it and gives every page its storage; the
+// descriptor stays open for the caller. On failure everything is closed, and
+// the object stays in /dev/shm unless this call made it and could not back it.
+bool sharememory_handle::prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created) {
+  (void)OS::Private::isRealTime(m_RtMode);  // both modes take the same path
   // A handle that maps something already lets go of it first: recreating never leaks a mapping.
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
-  bool created = false;
   if (!openForCreate(name, created)) return false;
   m_strShareMemoryName = name;
-  if (retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) != 0) {
+  bool ready = retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) == 0 &&
+               backDescriptor(uintMemorySize, created);
+  if (!ready) {
     OS::Private::ErrnoGuard keep;
-    sharememory_close();  // the object stays in /dev/shm; only the destroyer unlinks
-    return false;
+    sharememory_close();  // only the destroyer unlinks a block made by somebody else
   }
-  if (!backDescriptor(uintMemorySize, created) || !mapDescriptor(uintMemorySize)) {
+  return ready;
+}
+
+void sharememory_handle::closeDescriptor() {
+  close(m_hShareMemoryHandle);
+  m_hShareMemoryHandle = -1;
+}
+
+bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int uintMemorySize) {
+  bool created = false;
+  if (!prepareObject(strShmName, uintMemorySize, created)) return false;
+  if (!mapDescriptor(uintMemorySize)) {
     OS::Private::ErrnoGuard keep;
     sharememory_close();
     return false;
   }
   // Every create clears the whole area, also over a live object: callers rely on it.
   memset(m_pMemoryBuffer, 0, m_uintMemorySize);
-  close(m_hShareMemoryHandle);
-  m_hShareMemoryHandle = -1;
+  closeDescriptor();
+  return true;
+}
+
+// The same object as sharememory_create, cleared the same way for everybody
+// who maps it, but not mapped here: written through the descriptor when it
+// existed before, and new objects read as zeros anyway.
+bool sharememory_handle::sharememory_create_unmapped(const char* strShmName, unsigned int uintMemorySize) {
+  bool created = false;
+  if (!prepareObject(strShmName, uintMemorySize, created)) return false;
+  static const char kZeros[4096] = {};
+  for (off_t at = 0; !created && at < static_cast<off_t>(uintMemorySize);) {
+    size_t chunk = std::min(sizeof kZeros, static_cast<size_t>(uintMemorySize - at));
+    ssize_t wrote = retryOnEintr([&] { return pwrite(m_hShareMemoryHandle, kZeros, chunk, at); });
+    if (wrote <= 0) {
+      OS::Private::ErrnoGuard keep;
+      sharememory_close();
+      return false;
+    }
+    at += wrote;
+  }
+  closeDescriptor();
   return true;
 }
 
@@ -102,8 +137,7 @@ bool sharememory_handle::sharememory_open(const char* strShmName) {
     sharememory_close();
     return false;
   }
-  close(m_hShareMemoryHandle);
-  m_hShareMemoryHandle = -1;
+  closeDescriptor();
   return true;
 }
 
@@ -144,6 +178,11 @@ sharememory_handle* makeShareMemory(RT_MODE mode, Setup setup) {
 
 sharememory_handle* os_sharememory_create(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {
   return makeShareMemory(mode, [&](sharememory_handle& h) { return h.sharememory_create(strShmName, uintMemorySize); });
+}
+
+sharememory_handle* createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {
+  return makeShareMemory(
+      mode, [&](sharememory_handle& h) { return h.sharememory_create_unmapped(strShmName, uintMemorySize); });
 }
 
 sharememory_handle* os_sharememory_open(const char* strShmName, RT_MODE mode) {

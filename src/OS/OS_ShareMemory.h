@@ -18,6 +18,9 @@ class sharememory_handle {
   sharememory_handle& operator=(const sharememory_handle&) = delete;
 
   bool sharememory_create(const char* strShmName, unsigned int uintMemorySize);
+  // As sharememory_create, leaving the object unmapped (for the sync manager,
+  // which never reads the blocks it makes).
+  bool sharememory_create_unmapped(const char* strShmName, unsigned int uintMemorySize);
   bool sharememory_open(const char* strShmName);
   void sharememory_close();
   void sharememory_destroy();
@@ -25,6 +28,8 @@ class sharememory_handle {
   size_t sharememory_get_size() const { return m_uintMemorySize; }
 
  private:
+  bool prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created);
+  void closeDescriptor();
   bool openForCreate(const char* name, bool& created);
   bool backDescriptor(unsigned int size, bool created);
   bool mapDescriptor(size_t size);
@@ -35,5 +40,8 @@ class sharememory_handle {
   void* m_pMemoryBuffer;
   RT_MODE m_RtMode;
 };
+
+// os_sharememory_create without the mapping: null on failure, errno kept.
+sharememory_handle* createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode);
 
 #endif

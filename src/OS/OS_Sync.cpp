@@ -169,7 +169,9 @@ sharememory_handle* os_sync_manager_handle::createMemory(const char* strMemoryNa
     os_sharememory_destroy(found->second);
     m_ShareMemoryMap.erase(found);
   }
-  sharememory_handle* block = os_sharememory_create(strMemoryName, uintMemorySize, USE_DEFAULT);
+  // The manager never reads a block: it makes, sizes and clears it without
+  // mapping it, which spares every attach a mapping and its removal.
+  sharememory_handle* block = createUnmappedShareMemory(strMemoryName, uintMemorySize, USE_DEFAULT);
   if (block != nullptr) m_ShareMemoryMap.emplace(strMemoryName, block);
   return block;
 }
@@ -248,12 +250,9 @@ void os_sync_manager_handle::serveOne(unsigned char* area) {
 }
 
 void os_sync_manager_handle::waitUntilServing(long millis) const {
-  timespec deadline = OS::Private::monotonicNow();
-  deadline.tv_nsec += millis * 1000000L;
-  os_clock_adjust_clock_time(&deadline);
+  timespec deadline = OS::Private::deadlineAfter(millis * 1000000L);
   while (!m_bServing) {
-    timespec left = OS::Private::timeLeftUntil(deadline);
-    if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return;
+    if (OS::Private::hasPassed(deadline)) return;
     timespec pause{0, 1000000L};
     nanosleep(&pause, nullptr);
   }
@@ -281,8 +280,7 @@ bool os_sync_environment_initialize(bool bAsClient) {
 bool os_sync_environment_ping(unsigned int uintMilliseconds) {
   OS::CSyncClient client;
   if (!client.create(true)) return false;
-  timespec deadline = OS::Private::deadlineAfter(static_cast<long>(uintMilliseconds % 1000) * 1000000L);
-  deadline.tv_sec += uintMilliseconds / 1000;
+  timespec deadline = OS::Private::deadlineAfter(OS::Private::spanOf(uintMilliseconds, 1000u));
   if (!client.lockUntil(deadline)) return false;
   bool answered = client.requestNothing(deadline);
   client.unlock();

@@ -139,9 +139,7 @@ void os_thread_uninstall_latency(int intLatencyTargetFd) {
 }
 
 void os_thread_sleep_milliseconds(DWORD dwMilliseconds, RT_MODE mode) {
-  timespec ts;
-  ts.tv_sec = static_cast<time_t>(dwMilliseconds / 1000);
-  ts.tv_nsec = static_cast<long>(dwMilliseconds % 1000) * 1000000L;
+  timespec ts = OS::Private::spanOf<DWORD>(dwMilliseconds, 1000);
   isRealTime(mode);
   // nanosleep writes the time left back into ts, so each retry after a signal
   // sleeps only the remainder and the total is the full request.

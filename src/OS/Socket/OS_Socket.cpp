@@ -30,13 +30,7 @@ bool waitFor(int s, timespec span, Readiness what, int* intErrorCode, RT_MODE mo
   if (s == -1) return false;
   // A poll (zero span) has no deadline to keep, so it reads no clock.
   const bool timed = span.tv_sec > 0 || span.tv_nsec > 0;
-  timespec deadline{};
-  if (timed) {
-    deadline = OS::Private::monotonicNow(mode);
-    deadline.tv_sec += span.tv_sec;
-    deadline.tv_nsec += span.tv_nsec;
-    os_clock_adjust_clock_time(&deadline);
-  }
+  const timespec deadline = timed ? OS::Private::deadlineAfter(span, mode) : timespec{};
   int result;
   for (;;) {
     result = inMode(mode, [&] { return OS::Private::waitOnce(s, what, span); });

@@ -99,13 +99,28 @@ inline timespec timeLeftUntil(const timespec& deadline, RT_MODE mode = USE_STD) 
   return left;
 }
 
-// An absolute CLOCK_MONOTONIC deadline nanos from now.
-inline timespec deadlineAfter(long nanos, RT_MODE mode = USE_STD) {
+// A count of 1/perSecond units as a timespec, split as select() callers do:
+// whole seconds, then the rest. A negative count gives negative fields, which
+// a readiness wait rejects with EINVAL just as select() does.
+template <class Count>
+inline timespec spanOf(Count count, Count perSecond) {
+  timespec span{};
+  span.tv_sec = static_cast<time_t>(count / perSecond);
+  span.tv_nsec = static_cast<long>(count % perSecond) * (1000000000L / static_cast<long>(perSecond));
+  return span;
+}
+
+// An absolute CLOCK_MONOTONIC deadline a span from now.
+inline timespec deadlineAfter(const timespec& span, RT_MODE mode = USE_STD) {
   timespec deadline = monotonicNow(mode);
-  deadline.tv_nsec += nanos;
+  deadline.tv_sec += span.tv_sec;
+  deadline.tv_nsec += span.tv_nsec;
   os_clock_adjust_clock_time(&deadline);
   return deadline;
 }
+
+// An absolute CLOCK_MONOTONIC deadline nanos from now.
+inline timespec deadlineAfter(long nanos, RT_MODE mode = USE_STD) { return deadlineAfter(timespec{0, nanos}, mode); }
 
 // Whether normalised time a comes before b.
 inline bool isEarlier(const timespec& a, const timespec& b) {

@@ -13,17 +13,6 @@ namespace Private {
 
 enum class Readiness { Readable, Writable };
 
-// A count of 1/perSecond units as a timespec, split as select() callers do:
-// whole seconds, then the rest. A negative count gives negative fields, which
-// the wait below rejects with EINVAL just as select() does.
-template <class Count>
-inline timespec spanOf(Count count, Count perSecond) {
-  timespec span{};
-  span.tv_sec = static_cast<time_t>(count / perSecond);
-  span.tv_nsec = static_cast<long>(count % perSecond) * (1000000000L / static_cast<long>(perSecond));
-  return span;
-}
-
 // One wait on fd for at most span, answering as select() would for a set that
 // holds fd alone, but without select's FD_SETSIZE ceiling: 1 when fd is marked,
 // 0 when the time ran out, -1 with errno on failure (EBADF for a descriptor
