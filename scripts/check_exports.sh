@@ -1,17 +1,27 @@
 #!/usr/bin/env bash
-# Compares the unmangled names exported by the built library with the list
-# in exports/libOstrelled.txt. Usage: check_exports.sh path/to/libOstrelled.so [list]
+# Compares every name exported by the built library with the two lists in
+# exports/: the C names (libOstrelled.txt) and the demangled C++ names
+# (libOstrelled-cxx.txt). Each exported name must carry version OSTRELLED_1.
+# Usage: check_exports.sh path/to/libOstrelled.so [exports-dir]
 set -euo pipefail
 lib=${1:?library path}
-list=${2:-$(dirname "$0")/../exports/libOstrelled.txt}
-expected=$(cat "$list" | sed 's/#.*//; s/[[:space:]]//g; /^$/d' | sort -u)
-# Defined dynamic symbols, less the mangled C++ ones and the linker's own.
-actual=$(nm -D --defined-only "$lib" | awk '{print $NF}' | grep -v '^_Z' |
-  grep -v -x -E '_init|_fini|_edata|_end|__bss_start' | sort -u)
-missing=$(comm -23 <(echo "$expected") <(echo "$actual"))
-extra=$(comm -13 <(echo "$expected") <(echo "$actual"))
+dir=${2:-$(dirname "$0")/../exports}
+listed() { sed 's/^#.*//; s/^[[:space:]]*//; s/[[:space:]]*$//; /^$/d' "$1" | sort -u; }
+
+symbols=$(nm -D --defined-only "$lib" | awk '{print $NF}' | grep -v -x 'OSTRELLED_1')
 status=0
-if [ -n "$missing" ]; then echo "listed but not exported:"; echo "$missing"; status=1; fi
-if [ -n "$extra" ]; then echo "exported but not listed:"; echo "$extra"; status=1; fi
-[ $status -eq 0 ] && echo "exports match: $(echo "$expected" | wc -l) names"
+unversioned=$(grep -v '@@OSTRELLED_1$' <<<"$symbols" || true)
+if [ -n "$unversioned" ]; then echo "exported without version OSTRELLED_1:"; echo "$unversioned"; status=1; fi
+names=$(sed 's/@@OSTRELLED_1$//' <<<"$symbols")
+
+compare() {  # compare WHAT EXPECTED ACTUAL
+  local missing extra
+  missing=$(comm -23 <(echo "$2") <(echo "$3"))
+  extra=$(comm -13 <(echo "$2") <(echo "$3"))
+  if [ -n "$missing" ]; then echo "$1 listed but not exported:"; echo "$missing"; status=1; fi
+  if [ -n "$extra" ]; then echo "$1 exported but not listed:"; echo "$extra"; status=1; fi
+}
+compare "C names" "$(listed "$dir/libOstrelled.txt")" "$(grep -v '^_Z' <<<"$names" | sort -u)"
+compare "C++ names" "$(listed "$dir/libOstrelled-cxx.txt")" "$(grep '^_Z' <<<"$names" | c++filt | sort -u)"
+[ $status -eq 0 ] && echo "exports match: $(wc -l <<<"$names") symbols, all at OSTRELLED_1"
 exit $status

@@ -6,8 +6,8 @@ set -euo pipefail
 # symbolizer that turns their reports' addresses into source lines.
 packages=(cmake make g++ clang libclang-rt-dev llvm binutils pkg-config libgtest-dev libgmock-dev
   libbenchmark-dev libboost-dev procps psmisc gawk coreutils zlib1g python3)
-# The API reference check.
-packages+=(doxygen)
+# The API reference check, and the ABI check against its baseline.
+packages+=(doxygen abigail-tools)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -35,8 +35,8 @@ typedef struct _ALLOC_DATA_BLOCK {
   unsigned int m_uintAllocItemCount;
 } ALLOC_DATA_BLOCK;
 
-// Exported only so that its type information reaches the tests' sanitizer checks.
-struct OSTRELLED_EXPORT safearray_handle : tagTSAFEITEMARRAY {
+// The array behind a safearray_handle pointer; private to the library.
+struct safearray_handle : tagTSAFEITEMARRAY {
   safearray_handle(TVARTYPE vtElementType, unsigned int uintElementCount);
   virtual ~safearray_handle();
   safearray_handle(const safearray_handle&) = delete;

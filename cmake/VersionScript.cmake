@@ -1,0 +1,30 @@
+# ostrelled_version_script(TARGET VERSION C_LIST CXX_LIST): links TARGET with a
+# linker version script generated from two lists of names (one per line, '#'
+# starts a comment): C names, and C++ names demangled. Every listed name is
+# exported at VERSION and everything else is local. The script is rewritten
+# only when a list changes, and the target relinks then.
+function(ostrelled_version_script target version c_list cxx_list)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${c_list} ${cxx_list})
+  file(STRINGS ${c_list} c_names REGEX "^[^#]")
+  file(STRINGS ${cxx_list} cxx_names REGEX "^[^#]")
+  set(text "${version} {\n  global:\n")
+  foreach(name IN LISTS c_names)
+    string(STRIP "${name}" name)
+    if(name)
+      string(APPEND text "    ${name};\n")
+    endif()
+  endforeach()
+  string(APPEND text "    extern \"C++\" {\n")
+  foreach(name IN LISTS cxx_names)
+    string(STRIP "${name}" name)
+    if(name)
+      string(APPEND text "      \"${name}\";\n")
+    endif()
+  endforeach()
+  string(APPEND text "    };\n  local:\n    *;\n};\n")
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}.map)
+  file(WRITE ${script}.new "${text}")
+  configure_file(${script}.new ${script} COPYONLY)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${script})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${script})
+endfunction()
