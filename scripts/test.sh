@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds the library and runs every test: the plain build, the exported-name
 # check, a downstream build against an installed copy, the public ABI against
-# its baseline, every example, the API reference without a Doxygen warning,
-# the whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
-# the tests that use threads under ThreadSanitizer, and every fuzz target for
-# a bounded time.
+# its baseline, the Debian packages, every example, the API reference without
+# a Doxygen warning, the whole suite again under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the tests that use threads under
+# ThreadSanitizer, and every fuzz target for a bounded time.
 # Prints how long each step took.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -44,6 +44,8 @@ step "build and tests" plain
 step "install check" scripts/check_install.sh build
 # The public ABI against the committed baseline: any change must be recorded.
 step "ABI" scripts/check_abi.sh build
+# The Debian packages: lintian, unpacked and built against, the unit checked.
+step "packages" scripts/check_packages.sh build-packages
 # Every example program; the named-object ones beside a manager, in private namespaces.
 step "examples" scripts/run_examples.sh build
 # The API reference: every public declaration documented, no Doxygen warning.
