@@ -11,7 +11,7 @@ class BStr : public testing::Test {
   bstr_handle* h = bstr_create();
 };
 
-TEST_F(BStr, TextCountsItsTerminatorDataDoesNotAndNegativeLengthsAreRefused) {
+TEST_F(BStr, LengthWordDependsOnTheSetterUsed) {
   ASSERT_TRUE(bstr_set_text(h, "abc"));
   EXPECT_EQ(bstr_get_length(h), 4);
   ASSERT_TRUE(bstr_set_data(h, "abc", 0));  // present and empty, not null
@@ -34,7 +34,7 @@ TEST_F(BStr, SettingFromItselfEmptiesButOwnBytesAreCopied) {
   EXPECT_EQ(bstr_get_data(h), nullptr);
 }
 
-TEST_F(BStr, AttachTakesOwnershipDetachGivesItBackAndCopiesAreDeep) {
+TEST_F(BStr, OwnershipMovesOnlyThroughAttachOrDetach) {
   LPBSTRUNIT block = CBStr("abc").detach();  // outlives its CBStr
   bstr_attach_bstrunit(nullptr, block);      // no handle: the block stays ours
   bstr_attach_bstrunit(h, block);
@@ -49,7 +49,7 @@ TEST_F(BStr, AttachTakesOwnershipDetachGivesItBackAndCopiesAreDeep) {
   EXPECT_STREQ(copy, "abc");
 }
 
-TEST_F(BStr, EqualityComparesLengthWordAndDataBytes) {
+TEST_F(BStr, EqualityComparesTheWholeRecord) {
   CBStr text("abc"), data("abc", 3), other("abd"), empty;
   EXPECT_FALSE(text == data);   // 4 bytes against 3
   EXPECT_FALSE(text == other);  // the last data byte counts

@@ -48,7 +48,7 @@ void writeBlock(const std::string& name, size_t size, unsigned char flags) {
 
 }  // namespace
 
-TEST_F(HostedManager, ListShowsAHoldersPidAndRemoveRefusesIt) {
+TEST_F(HostedManager, RemoveRefusesABlockThatALiveProcessMaps) {
   std::string name = uniqueName("ctl_held");
   HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
                      [] {});
@@ -63,7 +63,7 @@ TEST_F(HostedManager, ListShowsAHoldersPidAndRemoveRefusesIt) {
   holder.kill();
 }
 
-TEST_F(HostedManager, KilledHoldersBlockIsStaleAndRemovedThroughTheManager) {
+TEST_F(HostedManager, StaleBlockOfAKilledHolderIsRemovedThroughTheManager) {
   std::string name = uniqueName("ctl_stale");
   HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
                      [] {});
@@ -91,7 +91,7 @@ TEST_F(HostedManager, ListEscapesNamesThatWouldBreakItsLines) {
   os_mutex_destroy(mutex);
 }
 
-TEST_F(NoManager, DamagedAndForeignBlocksAreLeftOutAndKept) {
+TEST_F(NoManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
   std::string damaged = uniqueName("ctl_damaged"), foreign = uniqueName("ctl_foreign");
   writeBlock(damaged, 96, 7);  // an event's size with impossible flags
   writeBlock(foreign, 1000, 0);

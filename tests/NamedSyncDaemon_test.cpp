@@ -42,7 +42,7 @@ pid_t startDaemon(const std::string& log, const std::string& notifySocket = "") 
 
 }  // namespace
 
-TEST_F(NoManager, DaemonRefusesASecondStartAndRemovesEveryNameOnSigterm) {
+TEST_F(NoManager, ASecondDaemonRefusesToStartBesideALiveOne) {
   if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
   std::string log = "/tmp/" + uniqueName("syncd");
   pid_t daemon = startDaemon(log);
@@ -92,7 +92,7 @@ class NotifySocket {
   int m_fd;
 };
 
-TEST_F(NoManager, DaemonReportsReadyWhenItAnswersAndStopsCleanlyOnEachStopSignal) {
+TEST_F(NoManager, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
   if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
   for (int sig : {SIGINT, SIGHUP, SIGQUIT}) {
     NotifySocket notify;

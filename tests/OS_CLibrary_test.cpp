@@ -17,7 +17,7 @@ static int formattedLength(const char* format, ...) {
   return first == again ? first : -2;
 }
 
-TEST(OS_CLibrary, NaturalOrderTableHoldsBothWaysAndLeavesSomePairsUnordered) {
+TEST(OS_CLibrary, NaturalOrderMatchesItsTable) {
   const struct { const char *first, *second; bool greater, less; } rows[] = {
       {"file9", "file10", false, true}, {"file10", "file9", true, false}, {"a12b", "a13", false, true},
       {"a1x", "a12", false, true}, {"ver1.2", "ver1.10", false, true}, {"abc", "abcd", false, true},
@@ -36,7 +36,7 @@ TEST(OS_CLibrary, NaturalOrderTableHoldsBothWaysAndLeavesSomePairsUnordered) {
   }
 }
 
-TEST(OS_CLibrary, AsciiTestAndFormattedLength) {
+TEST(OS_CLibrary, FormattedLengthCountsWithoutWriting) {
   EXPECT_TRUE(os_clibrary_string_is_ascii("abc") && os_clibrary_string_is_ascii(""));
   EXPECT_FALSE(os_clibrary_string_is_ascii("caf\xc3\xa9"));
   EXPECT_EQ(formattedLength("%d", 12345), 6);

@@ -11,7 +11,7 @@
 
 static long long toNanos(const timespec& t) { return t.tv_sec * 1000000000LL + t.tv_nsec; }
 
-TEST(OS_Clock, SpanIsLeftUnnormalisedAndAdjustCarriesAnyNumberOfSeconds) {
+TEST(OS_Clock, AdjustNormalisesAnySpan) {
   timespec start{1, 900000000}, end{2, 100000000}, span{};
   os_clock_get_clock_span(&start, &end, &span);
   EXPECT_EQ(std::make_pair(span.tv_sec, span.tv_nsec), std::make_pair(time_t(1), -800000000L));
@@ -29,7 +29,7 @@ TEST(OS_Clock, SpanIsLeftUnnormalisedAndAdjustCarriesAnyNumberOfSeconds) {
   }
 }
 
-TEST(OS_Clock, ModesAreInertConversionsRoundTripAndSleepsEndAtAnAbsoluteDeadline) {
+TEST(OS_Clock, AbsoluteSleepEndsAtItsDeadlineInEveryMode) {
   EXPECT_FALSE(set_default_rt_mode(USE_RT));
   EXPECT_EQ(get_default_rt_mode(), USE_STD);
   // 3 names no enumerator and must take the standard path like the others.

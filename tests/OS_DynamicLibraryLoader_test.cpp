@@ -6,7 +6,7 @@
 
 #include "TestSupport.h"
 
-TEST(OS_DynamicLibraryLoader, LoadsResolvesAndLeavesTheLookupErrorUnread) {
+TEST(OS_DynamicLibraryLoader, ResolvedSymbolsCanBeCalled) {
   void* module = os_dynamic_library_loader_load("libm.so.6");
   auto cosine = reinterpret_cast<double (*)(double)>(os_dynamic_library_loader_get_proc(module, "cos"));
   ASSERT_TRUE(cosine != nullptr && cosine(0.0) == 1.0);
@@ -16,7 +16,7 @@ TEST(OS_DynamicLibraryLoader, LoadsResolvesAndLeavesTheLookupErrorUnread) {
   os_dynamic_library_loader_free(module);
 }
 
-TEST(OS_DynamicLibraryLoader, FailedLoadPrintsOneLineAndReturnsNull) {
+TEST(OS_DynamicLibraryLoader, FailedLoadPrintsOneLine) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(os_dynamic_library_loader_load_ex("/no/lib.so", 0), nullptr);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -24,7 +24,7 @@ TEST(OS_DynamicLibraryLoader, FailedLoadPrintsOneLineAndReturnsNull) {
 }
 
 // Global scope and "never unload" cannot be undone, so each case runs in a child.
-TEST(OS_DynamicLibraryLoader, HintsChooseScopeAndUnloading) {
+TEST(OS_DynamicLibraryLoader, HintsChooseTheLoadScope) {
   const struct { int hints, expected; } rows[] = {
       {0, 0}, {export_external_symbols_hint | 16, 1}, {prevent_unload_hint, 2}};  // 1: global, 2: kept
   for (const auto& row : rows) {

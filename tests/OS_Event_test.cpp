@@ -37,7 +37,7 @@ TEST_P(EventKinds, AfterADoubleSetEachSetOfAnAutoResetEventReleasesExactlyOneWai
   os_event_destroy(event);
 }
 
-TEST_P(EventKinds, ManualResetReleasesAllAndStaysSetUntilReset) {
+TEST_P(EventKinds, ManualResetReleasesEveryWaiter) {
   event_handle* event = make(true, false);
   auto waiters =
       startWaiters(3, [&](int i) { return i ? os_event_wait(event) : os_event_wait_timeout(event, deadlineIn(10000)); });
@@ -55,7 +55,7 @@ TEST_P(EventKinds, UsableHandleIsAttached) {
   os_event_destroy(event);
 }
 
-TEST_P(EventKinds, InitialStateAndPastDeadlines) {
+TEST_P(EventKinds, PastDeadlinesAnswerFromTheInitialState) {
   // manual, initial, then what two waits with past deadlines answer
   const bool rows[][4] = {{false, false, false, false}, {false, true, true, false}, {true, false, false, false},
                           {true, true, true, true}};
@@ -84,7 +84,7 @@ TEST_P(EventKinds, SetInOneProcessWakesAWaiterInAnother) {
   EXPECT_FALSE(shmExists(m_name)) << "the last detach removes the block";
 }
 
-TEST_P(EventKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideSetWaitAndReset) {
+TEST_P(EventKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideIt) {
   if (GetParam() == Anonymous) GTEST_SKIP() << "an anonymous event stays in its process";
   for (bool manual : {false, true}) {
     m_name = uniqueName("event");
@@ -124,7 +124,7 @@ TEST_P(EventKinds, TimedWaitUnderASignalStormWaitsTheFullTime) {
 INSTANTIATE_TEST_SUITE_P(All, EventKinds, ::testing::Values(Anonymous, NamedCondition, NamedPosix, NamedSysV),
                          [](const auto& info) { return kKindNames[info.param]; });
 
-TEST_F(HostedManager, UnusableEventsAnswerFalseAndIgnoreTheRest) {
+TEST_F(HostedManager, UnusableEventsAnswerFalse) {
   // Null, names of 1024 characters, and a System V set asked for in real-time mode.
   std::string tooLong(1024, 'e'), named = uniqueName("event");
   event_handle* unusable[] = {nullptr, os_event_create(true, true, USE_STD, tooLong.c_str()),
@@ -140,7 +140,7 @@ TEST_F(HostedManager, UnusableEventsAnswerFalseAndIgnoreTheRest) {
   }
 }
 
-TEST_F(HostedManager, DamagedFlagBytesAreTakenAsSetAndRepaired) {
+TEST_F(HostedManager, DamagedFlagBytesAreTakenAsSet) {
   std::string name = uniqueName("event");
   event_handle* event = os_event_create(false, false, USE_STD, name.c_str());
   sharememory_handle* block = os_sharememory_open(name.c_str(), USE_STD);

@@ -35,7 +35,7 @@ static std::string namePart(bool (*part)(const char*, char*, const DWORD&), cons
   return size == strlen(buffer.c_str()) + 1 ? buffer.c_str() : "<size " + std::to_string(size) + ">";
 }
 
-TEST(OS_FileSystem, WalkIsPreOrderRelativeDepthLimitedAndNeverFollowsLinks) {
+TEST(OS_FileSystem, WalkVisitsInPreOrderWithinItsDepth) {
   testsupport::TempDirectory dir(true);
   // top/{a, sub/{b, deeper/c}, link -> sub, fifo}
   for (const char* folder : {"top", "top/sub", "top/sub/deeper"}) mkdir(folder, 0755);
@@ -59,7 +59,7 @@ TEST(OS_FileSystem, WalkIsPreOrderRelativeDepthLimitedAndNeverFollowsLinks) {
   os_filesystem_walk_through("top", "", nullptr);  // no callback: walks without reporting
 }
 
-TEST(OS_FileSystem, NamePartsOfCleanedPathsAndTheBufferProtocol) {
+TEST(OS_FileSystem, NamePartsComeFromTheCleanedPath) {
   // base|dir|suffix
   for (auto [path, expected] : {std::pair{"/usr/lib//", "lib|/usr/|"}, {"a\\b\\c", "c|a/b/|"}, {"file", "file|.|"},
                                 {"/file", "file|/|"}, {"archive.tar.gz", "archive.tar.gz|.|gz"}, {"name.", "name.|.|"},

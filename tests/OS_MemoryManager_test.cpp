@@ -6,7 +6,7 @@
 
 #include <ostrelled/OS_MemoryManager.h>
 
-TEST(OS_MemoryManager, LockCallsPassThroughAndLockAllKeepsTwoBits) {
+TEST(OS_MemoryManager, LockAllKeepsOnlyItsTwoFlags) {
   char memory[64];
   EXPECT_TRUE(os_memory_manager_mlock(memory, sizeof memory) && os_memory_manager_munlock(memory, sizeof memory));
   if (mlockall(0) == 0) GTEST_SKIP() << "mlockall is a no-op here (the sanitizer runtime)";

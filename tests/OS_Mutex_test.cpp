@@ -19,7 +19,7 @@ static mutex_handle* named(const std::string& name, unsigned int flags = DEFAULT
   return os_mutex_create(flags, USE_DEFAULT, name.c_str());
 }
 
-TEST_F(HostedManager, NamedMutexKilledWhileHeldIsRecoveredByTheNextLockerAndSerialisesProcesses) {
+TEST_F(HostedManager, NamedMutexKilledWhileHeldIsRecoveredByTheNextLocker) {
   std::string name = uniqueName("shared");
   // [0] the count, [1] 1 once the holder holds, then 1 more for every counter ready; it goes with this process.
   void* shared = mmap(nullptr, 2 * sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -57,7 +57,7 @@ TEST_F(HostedManager, NamedMutexKilledWhileHeldIsRecoveredByTheNextLockerAndSeri
   os_mutex_destroy(mutex);  // the children's attaches stay counted; the manager's stop removes the name
 }
 
-TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlagsAndItsBlockWhileAHandleRemains) {
+TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlags) {
   for (unsigned int flags : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT}) {
     std::string name = uniqueName("attributes");
     mutex_handle* first = named(name, flags);
@@ -138,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(Attributes, MutexHolder,
                          ::testing::Values(DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE, MUTEX_PRIO_INHERIT,
                                            MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT));
 
-TEST(Mutex, TryAndTimedLocksOfAnAnonymousMutex) {
+TEST(Mutex, AnonymousMutexGivesUpWhenHeld) {
   for (unsigned int flags : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_PRIO_INHERIT}) {
     mutex_handle* mutex = os_mutex_create(flags, USE_STD, nullptr);
     EXPECT_TRUE(os_mutex_is_attached(mutex));
@@ -155,7 +155,7 @@ TEST(Mutex, TryAndTimedLocksOfAnAnonymousMutex) {
   }
 }
 
-TEST(Mutex, UnattachedAndNullHandlesRefuseEveryLock) {
+TEST(Mutex, HandlesWithoutAMutexRefuseEveryLock) {
   mutex_handle* unusable[] = {nullptr, os_mutex_create(0, USE_STD, std::string(1024, 'm').c_str())};
   for (mutex_handle*& mutex : unusable) {
     EXPECT_FALSE(os_mutex_is_attached(mutex));
@@ -181,7 +181,7 @@ TEST_F(NoManager, NoNamedHandleIsAttachedWithoutAManager) {
   os_mutex_destroy(mutex);
 }
 
-TEST(Condition, WaitEndsOnNotifyOrAtItsDeadlineAndNullHandlesFail) {
+TEST(Condition, WaitEndsOnNotifyOrAtItsDeadline) {
   mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, nullptr);
   condition_handle* cond = os_condition_create(mutex, USE_DEFAULT);
   os_mutex_lock(mutex);

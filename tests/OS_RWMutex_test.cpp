@@ -26,7 +26,7 @@ static std::shared_ptr<Waiters> enter(rw_mutex_handle* mutex, int count, bool as
 // Runs on the variant for threads (no name) and on the one for processes.
 class RWMutexVariants : public HostedManager, public ::testing::WithParamInterface<bool> {};
 
-TEST_P(RWMutexVariants, ReadersShareAndGoFirstAWriterIsAloneAndTheLastReaderOutLetsItIn) {
+TEST_P(RWMutexVariants, AWriterWaitsForTheLastReader) {
   std::string name = uniqueName("rw");
   rw_mutex_handle* mutex = os_rw_mutex_create(USE_STD, GetParam() ? name.c_str() : nullptr);
   os_rw_mutex_lock_rd(mutex);
@@ -140,7 +140,7 @@ TEST_F(RWMutexHolder, ADeadHolderIsFoundByTheNextTryLock) {
   }
 }
 
-TEST_F(RWMutexHolder, AReaderInAnotherProcessLetsReadersInAndKeepsWritersOut) {
+TEST_F(RWMutexHolder, AReaderInAnotherProcessKeepsWritersOut) {
   holdInChild(false);
   EXPECT_TRUE(os_rw_mutex_trylock_rd(m_mutex));
   os_rw_mutex_unlock(m_mutex);
@@ -166,7 +166,7 @@ TEST_F(RWMutexHolder, AWriterInAnotherProcessKeepsEverybodyOutUntilItLetsGo) {
   os_rw_mutex_unlock(m_mutex);
 }
 
-TEST_F(RWMutexHolder, SurvivorsCarryOnWhileReadersAndWritersAreKilledAtRandom) {
+TEST_F(RWMutexHolder, SurvivorsCarryOnWhileHoldersAreKilledAtRandom) {
   auto use = [&](bool asWriter) {
     return [&, asWriter] {
       asWriter ? os_rw_mutex_lock_wr(m_mutex) : os_rw_mutex_lock_rd(m_mutex);

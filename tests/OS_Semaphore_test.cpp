@@ -23,7 +23,7 @@ class SemaphoreKinds : public HostedManager, public ::testing::WithParamInterfac
   std::string m_name = uniqueName("sem");
 };
 
-TEST_P(SemaphoreKinds, CountsUnitsAndTimesOutWithinGenerousBounds) {
+TEST_P(SemaphoreKinds, WaitsTakeOneUnitEach) {
   semaphore_handle* sem = make(2);
   EXPECT_TRUE(os_semaphore_wait(sem));
   EXPECT_TRUE(os_semaphore_wait_timeout(sem, deadlineIn(-1000))) << "a unit is there: a past deadline is no matter";
@@ -39,7 +39,7 @@ TEST_P(SemaphoreKinds, CountsUnitsAndTimesOutWithinGenerousBounds) {
   os_semaphore_destroy(sem);
 }
 
-TEST_P(SemaphoreKinds, CountIsSharedAcrossProcessesAndALaterInitialCountIsIgnored) {
+TEST_P(SemaphoreKinds, CountIsSharedAcrossProcesses) {
   if (GetParam() == Anonymous) GTEST_SKIP() << "an anonymous semaphore stays in its process";
   semaphore_handle* sem = make(1);
   EXPECT_EQ(runChild([&] {
@@ -91,7 +91,7 @@ TEST_P(SemaphoreKinds, UntimedWaitUnderASignalStormGoesOnUntilAUnitComes) {
   os_semaphore_destroy(sem);
 }
 
-TEST_P(SemaphoreKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideWaitAndRelease) {
+TEST_P(SemaphoreKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideIt) {
   if (GetParam() == Anonymous) GTEST_SKIP() << "an anonymous semaphore stays in its process";
   semaphore_handle* sem = make(0);
   {
@@ -110,7 +110,7 @@ TEST_P(SemaphoreKinds, SurvivorsCarryOnWhileProcessesAreKilledInsideWaitAndRelea
 INSTANTIATE_TEST_SUITE_P(All, SemaphoreKinds, ::testing::Values(Anonymous, NamedPosix, NamedSysV),
                          [](const auto& info) { return kKindNames[info.param]; });
 
-TEST_F(HostedManager, UnusableSemaphoresAnswerFalseAndIgnoreTheRest) {
+TEST_F(HostedManager, UnusableSemaphoresAnswerFalse) {
   // Null, names of 1024 characters, a System V set asked for in real-time mode, a count the system refuses.
   std::string tooLong(1024, 'n'), named = uniqueName("sem");
   semaphore_handle* unusable[] = {nullptr, os_semaphore_create(1, USE_STD, tooLong.c_str()),

@@ -65,7 +65,7 @@ class SerialLine : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(SerialLine, OpenSetsParityStopBitsAndRawModeOrPrintsWhyNot) {
+TEST_F(SerialLine, OpenConfiguresTheLine) {
   // Each row starts from what the row before left on the line (a fresh line is
   // cooked), so every bit that one row sets the next must clear. The expected
   // cflag covers PARENB, CSTOPB and, with PARENB, PARODD.
@@ -93,7 +93,7 @@ TEST_F(SerialLine, OpenSetsParityStopBitsAndRawModeOrPrintsWhyNot) {
   }
 }
 
-TEST_F(SerialLine, WriteDeliversRawBytesAndBadCallsAreRefusedUntouched) {
+TEST_F(SerialLine, WriteDeliversRawBytes) {
   ASSERT_GE(openLine(), 0);
   feed({1, 2, 3, 4, 5, 6, 7, 8});
   const Bytes frame = {'\n', '\r', 0x03, 0x11, 0x00, 0xFF};  // untranslated on a raw line
@@ -120,7 +120,7 @@ TEST_F(SerialLine, WriteDeliversRawBytesAndBadCallsAreRefusedUntouched) {
   EXPECT_EQ(os_serial_read(m_fd, buf, 6, header, 2, 100, 500), -1);
 }
 
-TEST_F(SerialLine, ReadHuntsTheHeaderEndsShortFramesAtTheGapAndStopsOnHangUp) {
+TEST_F(SerialLine, ReadDeliversTheFrameAfterItsHeader) {
   unsigned char header[2] = {0xAA, 0x55}, buf[16];
   const std::tuple<Bytes, bool, Bytes, const char*> cases[] = {
       {{5, 6}, false, {5, 6}, ""},

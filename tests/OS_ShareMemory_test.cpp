@@ -16,7 +16,7 @@ static unsigned char* bytes(sharememory_handle* h) { return static_cast<unsigned
 
 // Run in a child that may not lock memory, so that every mapping has to do without.
 // A handle that fails to come shows as the child's crash.
-TEST(OS_ShareMemory, CreateClearsForEveryoneOpenJoinsAndOnlyCloseWithDestroyUnlinks) {
+TEST(OS_ShareMemory, CreateClearsTheObjectForEveryone) {
   std::string name = "/" + uniqueName("shm");  // a leading slash reaches /dev/shm as well
   EXPECT_EQ(runChild([&] {
               rlimit none{0, 0};
@@ -86,7 +86,7 @@ TEST(OS_ShareMemory, AFullFileSystemRefusesABlockWithEnospcInsteadOfABusError) {
   EXPECT_EQ(result, 0);
 }
 
-TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystemAndServesOnceSpaceIsFreed) {
+TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystem) {
   int result = onSmallShm([] {
     if (!os_sync_environment_initialize(false)) return 2;
     fillShm("/dev/shm/filler");

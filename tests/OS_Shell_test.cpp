@@ -72,7 +72,7 @@ TEST(OS_ShellCommand, PathsBeginningWithADashGoBehindDotSlashButProcessNamesDoNo
 
 // Copy into a missing and then into an existing target, move into an existing
 // directory and remove, each on a source and a target named after the hostile text.
-TEST_F(OS_Shell, FolderCommandsRunNothingAndActOnTheLiteralPath) {
+TEST_F(OS_Shell, FolderCommandsActOnTheLiteralPath) {
   for (const char* name : kHostileNames) {
     SCOPED_TRACE(name);
     const std::string source = m_dir / ("s " + std::string(name)), target = std::string("t ") + name;
@@ -131,7 +131,7 @@ TEST_F(OS_Shell, FolderCommandsTakeNamesBeginningWithADashAsFolders) {
   }
 }
 
-TEST_F(OS_Shell, KillRunsNothingAndMatchesTheLiteralName) {
+TEST_F(OS_Shell, KillMatchesTheLiteralName) {
   for (const char* name : kHostileNames) EXPECT_FALSE(os_system_kill_application(name)) << name;
   EXPECT_FALSE(os_system_kill_application("trailing\\") || anythingRan());
   // A program started under a name full of shell syntax is found by that name.

@@ -71,7 +71,7 @@ TEST_F(HostedManager, AWaitingClientTakesOverFromAHolderThatDied) {
   EXPECT_TRUE(waiter->allFinish(2.0) && waiter->succeeded == 1);
 }
 
-TEST_F(HostedManager, ClientsKilledAtRandomInCreateAndDestroyNeverStopTheOthers) {
+TEST_F(HostedManager, ClientsKilledAtRandomNeverStopTheOthers) {
   auto lifeOf = [](std::string name) {
     return [name] {
       mutex_handle* mutex = named(name);

@@ -40,7 +40,7 @@ mutex_handle* named(const std::string& n) { return os_mutex_create(DEFAULT_MUTEX
 
 }  // namespace
 
-TEST_F(HostedManager, HandWrittenRequestsAreEachAnsweredOnceAndABlockIsCreatedOnlyOnce) {
+TEST_F(HostedManager, EveryRequestIsAnsweredOnce) {
   OS::CSyncClient raw;
   ASSERT_TRUE(raw.create());
   std::string name = uniqueName("raw"), other = uniqueName("ignored");
@@ -74,7 +74,7 @@ TEST_F(HostedManager, HandWrittenRequestsAreEachAnsweredOnceAndABlockIsCreatedOn
   }
 }
 
-TEST_F(NoManager, UnattachedWithoutAManagerAndAKilledManagerIsReplaced) {
+TEST_F(NoManager, AKilledManagerIsReplaced) {
   mutex_handle* alone = named(uniqueName("alone"));
   EXPECT_EQ(alone->m_pMutex, nullptr);
   os_mutex_destroy(alone);

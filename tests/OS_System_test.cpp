@@ -73,7 +73,7 @@ TEST(OS_System, EnvironmentAppendModeEmptiesAVariableHoldingTheValue) {
   unsetenv(name);
 }
 
-TEST(OS_System, BrokenPipesFailWithEpipeAndExecdProgramsGetTheDefaultBack) {
+TEST(OS_System, BrokenPipesFailWithEpipe) {
   EXPECT_EQ(runChild([] {
               os_system_close_exception();
               struct sigaction current {};

@@ -14,7 +14,7 @@
 
 #include "TestSupport.h"
 
-TEST(OS_Thread, StackSizeHasAFloorAndZeroMeansTheDefault) {
+TEST(OS_Thread, StackSizeHasAFloor) {
   auto recordStackSize = [](void* arg) -> void* {
     pthread_attr_t attr;
     pthread_getattr_np(pthread_self(), &attr);
@@ -40,7 +40,7 @@ TEST(OS_Thread, StackSizeHasAFloorAndZeroMeansTheDefault) {
   }
 }
 
-TEST(OS_Atomic, CountersAndCompareAndSwapAreExactUnderTwoThreads) {
+TEST(OS_Atomic, AtomicsAreExactUnderTwoThreads) {
   // Asserted first: a swap that misreports would leave the loop below spinning.
   volatile long word = 5;
   ASSERT_FALSE(os_thread_sync_compare_and_swap(&word, 4, 9));
@@ -72,7 +72,7 @@ TEST(OS_Atomic, CountersAndCompareAndSwapAreExactUnderTwoThreads) {
   EXPECT_EQ(os_thread_sync_fetch_add(&counter), 2UL * kRounds);
 }
 
-TEST(OS_Thread, AffinityPinsToOneProcessorAndRefusesEmptySets) {
+TEST(OS_Thread, AffinityPinsToOneProcessor) {
   // A thread of its own, so that the pinning ends with it.
   std::thread([] {
     const int cpu = sched_getcpu();

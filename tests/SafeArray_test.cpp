@@ -28,13 +28,13 @@ void expectOnlyTheMiddleElementSet(TVARTYPE vt) {
 
 }  // namespace
 
-TEST(SafeArray, EachScalarTypeSetsGetsResizesAndAccessesItsOwnWidth) {
+TEST(SafeArray, EachScalarTypeKeepsItsOwnWidth) {
 #define OSTRELLED_CHECK_SCALAR(name, type, tag, member, format, typeName) expectOnlyTheMiddleElementSet<type>(tag);
   OSTRELLED_SCALAR_TYPES(OSTRELLED_CHECK_SCALAR)
 #undef OSTRELLED_CHECK_SCALAR
 }
 
-TEST(SafeArray, BadInputAndUntypedArraysFailLeavingTheArrayUnchanged) {
+TEST(SafeArray, BadInputLeavesTheArrayUnchanged) {
   safearray_handle* array = safearray_create(TVT_INT, 3);
   safearray_handle* untyped = safearray_create(TVT_NULL, 4);
   INT value = 99;

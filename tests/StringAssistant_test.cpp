@@ -8,7 +8,7 @@
 using SA = CStringAssistant;
 using Pieces = std::list<std::string>;
 
-TEST(StringAssistant, ReplaceAllOrFirstAndSplitKeepingEmptyPieces) {
+TEST(StringAssistant, SplitKeepsEmptyPieces) {
   EXPECT_EQ(SA::replaceSTLString("a.b.c", ".", "::", true), "a::b::c");
   EXPECT_EQ(SA::replaceSTLString("a.b.c", ".", "::", false), "a::b.c");
   EXPECT_EQ(SA::replaceSTLString("aaa", "a", "aa", true), "aaaaaa");  // no rescanning
@@ -19,7 +19,7 @@ TEST(StringAssistant, ReplaceAllOrFirstAndSplitKeepingEmptyPieces) {
   EXPECT_EQ(SA::split("a,b", ""), (Pieces{"a,b"}));
 }
 
-TEST(StringAssistant, TrimCaseAndFormatInPlaceAndAtAnyLength) {
+TEST(StringAssistant, FormatWorksAtAnyLength) {
   std::string s = " \t x y \r\n";
   EXPECT_EQ(SA::trimLeft(s), "x y \r\n");
   EXPECT_EQ(SA::trimRight(s), "x y");

@@ -48,7 +48,7 @@ TEST(VariantWrapper, ModeDecidesOnlyWhichInterfacesAreHandedOut) {
   EXPECT_EQ(len, 4u);  // "int", written back through the const reference
 }
 
-TEST(VariantWrapper, QueryInterfaceAnswersToItsOwnNamesAndValuelessOperationsFail) {
+TEST(VariantWrapper, QueryInterfaceAnswersToItsOwnNames) {
   Wrapped w(nullptr);  // each interface: the handle's reference plus ours
   const struct {
     IBase* object;
@@ -86,7 +86,7 @@ TEST(VariantWrapper, ReferenceCountsHoldUnderConcurrentUse) {
   EXPECT_EQ(object->releaseRef(), 0u);  // a lost decrement keeps it alive
 }
 
-TEST(VariantWrapper, BorrowSharesTheVariantWhileCopiesAndClonesOwnTheirs) {
+TEST(VariantWrapper, BorrowSharesTheVariant) {
   CVariant value("original");
   Wrapped borrowing(&value);
   EXPECT_TRUE(borrowing.write->setValue(1, true));
@@ -107,7 +107,7 @@ TEST(VariantWrapper, BorrowSharesTheVariantWhileCopiesAndClonesOwnTheirs) {
   variant_wrapper_destroy(clone);  // frees its copy
 }
 
-TEST(VariantWrapper, TextFollowsTheBufferProtocolAndSetTypeConvertsInPlace) {
+TEST(VariantWrapper, TextFollowsTheBufferProtocol) {
   CVariant value(-1234);  // "-1234": 6 bytes with the terminator
   Wrapped w(&value);
   char buffer[16] = "untouched";

@@ -92,7 +92,7 @@ TEST(VariantConversion, MatrixIncludingItsDeliberateFailures) {
   }
 }
 
-TEST(VariantConversion, ScalarsConvertWithoutAllocatingAndTextInOneBlockEvenForHugeDoubles) {
+TEST(VariantConversion, ConversionAllocatesOnlyForText) {
   CVariant number(-2.75), huge(-1e308);
   const size_t start = g_allocations;
   const bool narrowed = number.changeType(TVT_I2);
@@ -117,7 +117,7 @@ TEST(VariantValue, SettersClearFirstSoIncludeTypeFalseStillKeepsTheValuesType) {
   EXPECT_EQ(v.vt, TVT_NULL);
 }
 
-TEST(VariantValue, EqualityRulesAndTheirDeliberateGaps) {
+TEST(VariantValue, EqualityKeepsItsDeliberateGaps) {
   const struct {
     CVariant a, b;
     bool equal;
@@ -133,7 +133,7 @@ TEST(VariantValue, EqualityRulesAndTheirDeliberateGaps) {
   for (const auto& row : rows) EXPECT_EQ(row.a == row.b, row.equal) << (&row - rows);
 }
 
-TEST(VariantTypeName, TableBothWaysAndTheBufferConvention) {
+TEST(VariantTypeName, NamesMatchTheTableBothWays) {
   const char* names[] = {nullptr, "char", "unsigned char", "short", "unsigned short", "int",
                          "unsigned int", "long", "unsigned long", "long long", "unsigned long long",
                          "float", "double", "string", "bool"};
@@ -173,7 +173,7 @@ TEST(VariantRead, SetFromReadInterfaceUsesTheOverloadOfItsType) {
   EXPECT_EQ(bytesOf(v), bytesOf(CVariant("hello")));
 }
 
-TEST(VariantConversion, BitFieldsMaskUnsignedAndSignExtendOnlyWhenTheTopBitIsSet) {
+TEST(VariantConversion, BitFieldsSignExtendOnlyFromTheTopBit) {
   struct Row {
     TVARTYPE vt;
     long long in;

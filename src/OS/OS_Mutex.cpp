@@ -53,10 +53,9 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
     return;
   }
-  m_anonymousMutex = pthread_mutex_t();
-  OS::Private::initMutex(&m_anonymousMutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
+  OS::Private::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
                          false);
-  m_pMutex = &m_anonymousMutex;
+  m_pMutex = &m_anonymous.mutex;
 }
 
 mutex_handle::~mutex_handle() {

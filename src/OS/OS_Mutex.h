@@ -20,9 +20,12 @@ class mutex_handle {
 
   std::string m_strMutexName;
   sharememory_handle* m_pMutexShareMemory;
-  pthread_mutex_t* m_pMutex;  // in the block, at m_anonymousMutex, or null when unattached
+  pthread_mutex_t* m_pMutex;  // in the block, at m_anonymous.mutex, or null when unattached
   RT_MODE m_RtMode;
-  pthread_mutex_t m_anonymousMutex;  // the anonymous kind's storage
+  // The anonymous kind's storage, which the pointer above aims at.
+  struct {
+    pthread_mutex_t mutex;
+  } m_anonymous{};
 };
 
 namespace OS {

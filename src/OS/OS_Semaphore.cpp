@@ -62,7 +62,10 @@ class semaphore_handle {
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
   std::variant<std::monostate, OS::Private::PosixSemaphore, OS::Private::SysVSemaphore> m_kindStore;
-  sem_t m_anonymousSem{};  // the anonymous kind's storage
+  // The anonymous kind's storage, which the wake-up aims at.
+  struct {
+    sem_t sem;
+  } m_anonymous{};
 };
 
 // The semaphore's own part of attaching to and detaching from its block.
@@ -129,8 +132,8 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
 
   // A count the system refuses (negative or above SEM_VALUE_MAX) leaves the
   // handle unattached rather than holding an uninitialised semaphore.
-  if (sem_init(&m_anonymousSem, 0, static_cast<unsigned int>(intInitialCount)) != 0) return;
-  choose<OS::Private::PosixSemaphore>(&m_anonymousSem);
+  if (sem_init(&m_anonymous.sem, 0, static_cast<unsigned int>(intInitialCount)) != 0) return;
+  choose<OS::Private::PosixSemaphore>(&m_anonymous.sem);
 }
 
 // The last detach on the machine removes the semaphore (see NamedSteps::finalise).

@@ -169,18 +169,21 @@ pid_t managerPid() {
 
 pid_t requestLockHolder() { return static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, holder))); }
 
-std::string printable(const std::string& name) {
+namespace {
+
+// Backslash escapes: tab and newline by name where the format has them, other
+// control characters by code (\xNN for a line, \u00NN for JSON).
+std::string escaped(const std::string& text, bool json) {
   std::string out;
-  for (unsigned char c : name) {
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (c == '\n') {
-      out += "\\n";
+  for (unsigned char c : text) {
+    if (c == '\\' || (json && c == '"')) {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (!json && (c == '\t' || c == '\n')) {
+      out += c == '\t' ? "\\t" : "\\n";
     } else if (c < 0x20 || c == 0x7f) {
       char code[8];
-      snprintf(code, sizeof code, "\\x%02x", c);
+      snprintf(code, sizeof code, json ? "\\u%04x" : "\\x%02x", c);
       out += code;
     } else {
       out += static_cast<char>(c);
@@ -189,21 +192,10 @@ std::string printable(const std::string& name) {
   return out;
 }
 
-std::string jsonString(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7f) {
-      char code[8];
-      snprintf(code, sizeof code, "\\u%04x", c);
-      out += code;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
+}  // namespace
+
+std::string printable(const std::string& name) { return escaped(name, false); }
+
+std::string jsonString(const std::string& text) { return "\"" + escaped(text, true) + "\""; }
 
 }  // namespace ctl
