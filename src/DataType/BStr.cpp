@@ -7,8 +7,6 @@
 
 using namespace DataType;
 
-bstr_handle::~bstr_handle() { bstr_clear(this); }
-
 namespace {
 
 // The common path of the setters whose source is caller memory (text, data, a block).

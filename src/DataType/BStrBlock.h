@@ -1,6 +1,9 @@
 #ifndef OSTRELLED_SRC_DATATYPE_BSTRBLOCK_H
 #define OSTRELLED_SRC_DATATYPE_BSTRBLOCK_H
 
+// Counted-string blocks and the object behind a bstr_handle; header-only, used
+// by the counted strings, the variants, the safe arrays and the wrappers.
+
 #include <climits>
 #include <cstring>
 #include <new>
@@ -12,7 +15,7 @@
 struct bstr_handle {
   bstr_handle() : m_bstrValue(nullptr) {}
   // Frees the value (bstr_clear); never throws.
-  virtual ~bstr_handle();
+  virtual ~bstr_handle() { bstr_clear(this); }
 
   LPBSTRUNIT m_bstrValue;
 };

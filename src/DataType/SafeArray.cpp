@@ -1,4 +1,4 @@
-#include "DataType/SafeArrayHandle.h"
+#include "DataType/SafeArray.h"
 
 #include <algorithm>
 #include <cstring>

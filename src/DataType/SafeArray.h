@@ -1,5 +1,8 @@
-#ifndef OSTRELLED_SRC_DATATYPE_SAFEARRAYHANDLE_H
-#define OSTRELLED_SRC_DATATYPE_SAFEARRAYHANDLE_H
+#ifndef OSTRELLED_SRC_DATATYPE_SAFEARRAY_H
+#define OSTRELLED_SRC_DATATYPE_SAFEARRAY_H
+
+// The safe array's header and its handle, defined in SafeArray.cpp; private to
+// that source.
 
 #include <list>
 
