@@ -41,9 +41,17 @@ class semaphore_handle {
 
   void setUndoTrack(bool bUndoTrack) { m_bUndoTrack = bUndoTrack; }
   bool attached() const { return m_pKind != nullptr; }
-  bool wait(const timespec* deadline) { return attached() && m_pKind->take(deadline); }
+  // A POSIX semaphore's unit that is there, and every release, go straight to
+  // the sem_t: the uncontended path stays one call deep.
+  bool wait(const timespec* deadline) {
+    if (m_pPosix != nullptr && sem_trywait(m_pPosix) == 0) return true;
+    return attached() && m_pKind->take(deadline);
+  }
   void release() {
-    if (attached()) m_pKind->give();
+    if (m_pPosix != nullptr)
+      sem_post(m_pPosix);
+    else if (attached())
+      m_pKind->give();
   }
   int value() const { return attached() ? m_pKind->value() : -1; }
 
@@ -55,10 +63,19 @@ class semaphore_handle {
   void choose(Args... args) {
     m_pKind = &m_kindStore.emplace<Kind>(args...);
   }
+  void choosePosix(sem_t* sem) {
+    choose<OS::Private::PosixSemaphore>(sem);
+    m_pPosix = sem;
+  }
+  void unattach() {
+    m_pKind = nullptr;
+    m_pPosix = nullptr;
+  }
 
   std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
   sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
   OS::Private::SemaphoreKind* m_pKind = nullptr;          // null while unattached
+  sem_t* m_pPosix = nullptr;                              // the POSIX kind's sem_t, else null
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
   std::variant<std::monostate, OS::Private::PosixSemaphore, OS::Private::SysVSemaphore> m_kindStore;
@@ -85,7 +102,7 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
     if (m_bManageByOS)
       m_owner.choose<OS::Private::SysVSemaphore>(setId(), OS::kSemaphoreMessagePrefix, &m_owner.m_bUndoTrack);
     else
-      m_owner.choose<OS::Private::PosixSemaphore>(reinterpret_cast<sem_t*>(block + kSemaphoreAt));
+      m_owner.choosePosix(reinterpret_cast<sem_t*>(block + kSemaphoreAt));
   }
 
   void initialise() override {
@@ -126,14 +143,14 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
     NamedSteps steps(*this, bManageByOS, intInitialCount);
     m_pSemaphoreShareMemory = OS::Private::attachSameKind(m_strSemaphoreName, steps.layout().size, steps);
     // bind() may have run before a later step refused the block.
-    if (m_pSemaphoreShareMemory == nullptr) m_pKind = nullptr;
+    if (m_pSemaphoreShareMemory == nullptr) unattach();
     return;
   }
 
   // A count the system refuses (negative or above SEM_VALUE_MAX) leaves the
   // handle unattached rather than holding an uninitialised semaphore.
   if (sem_init(&m_anonymous.sem, 0, static_cast<unsigned int>(intInitialCount)) != 0) return;
-  choose<OS::Private::PosixSemaphore>(&m_anonymous.sem);
+  choosePosix(&m_anonymous.sem);
 }
 
 // The last detach on the machine removes the semaphore (see NamedSteps::finalise).
@@ -144,7 +161,7 @@ semaphore_handle::~semaphore_handle() {
   } else if (attached()) {
     m_pKind->destroy();
   }
-  m_pKind = nullptr;
+  unattach();
 }
 
 semaphore_handle* OS::createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
