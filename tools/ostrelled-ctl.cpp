@@ -55,7 +55,9 @@ const char kRemoveUsage[] =
     "else directly. An object in use is left alone with a message, and the exit\n"
     "status is then 1.\n"
     "  --force  remove objects in use (their users keep their own copy, but\n"
-    "           new users get a new object), and objects whose content is damaged\n";
+    "           new users get a new object), objects whose content is damaged, and\n"
+    "           objects whose users cannot all be seen (run as root or as the\n"
+    "           objects' user to see them all)\n";
 
 int usageError(const char* message, const char* usage) {
   fprintf(stderr, "ostrelled-ctl: %s\n%s", message, usage);

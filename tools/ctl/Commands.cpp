@@ -132,8 +132,9 @@ class Remover {
         break;
     }
     std::vector<Block> one{block};
-    findMappers(one);
+    int unknown = findMappers(one);
     if (!one[0].pids.empty() && !m_force) return refuse(given, ("is in use by process " + pidList(one[0])).c_str());
+    if (unknown != 0 && !m_force) return refuse(given, ("was left alone: " + unknownUsers(unknown) + ", or use --force").c_str());
     return unlinkBlock(name, given);
   }
 

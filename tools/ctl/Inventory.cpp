@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <utility>
 
@@ -92,6 +91,12 @@ Reading readBlock(const std::string& name, Block& block) {
   return contentFits(layout, bytes, block.attached) ? Reading::Known : Reading::Damaged;
 }
 
+std::string unknownUsers(int unknown) {
+  std::string who = unknown < 0 ? "no process could be inspected"
+                                : "the memory of " + std::to_string(unknown) + " processes of other users could not be inspected";
+  return who + "; run as root or as the objects' user to see every user of an object";
+}
+
 std::vector<Block> listBlocks(std::vector<std::string>& problems) {
   std::vector<Block> blocks;
   DIR* folder = opendir(kShmFolder);
@@ -110,7 +115,7 @@ std::vector<Block> listBlocks(std::vector<std::string>& problems) {
   }
   closedir(folder);
   std::sort(blocks.begin(), blocks.end(), [](const Block& a, const Block& b) { return a.name < b.name; });
-  findMappers(blocks);
+  if (int unknown = findMappers(blocks); unknown != 0) problems.push_back(unknownUsers(unknown));
   return blocks;
 }
 
@@ -140,24 +145,40 @@ unsigned int recordWord(size_t offset) {
   return word;
 }
 
+// Notes every block the process maps. False when its map may not be read by
+// a caller other than root (a process of another user); one that has ended
+// meanwhile counts as read. Root reads every process but those that shield
+// themselves from inspection on purpose (such as a sandbox's init), which
+// are taken to use no named object.
+bool readMaps(pid_t pid, std::map<FileId, Block*>& byFile) {
+  FILE* maps = fopen(("/proc/" + std::to_string(pid) + "/maps").c_str(), "re");
+  if (maps == nullptr) return errno == ENOENT || errno == ESRCH || geteuid() == 0;
+  char* line = nullptr;
+  size_t capacity = 0;
+  while (getline(&line, &capacity, maps) != -1) noteMapLine(line, pid, byFile);
+  free(line);
+  fclose(maps);
+  return true;
+}
+
 }  // namespace
 
-void findMappers(std::vector<Block>& blocks) {
+int findMappers(std::vector<Block>& blocks) {
   std::map<FileId, Block*> byFile;
   for (Block& block : blocks) byFile[FileId(block.device, block.inode)] = &block;
   pid_t manager = managerPid(), self = getpid();
   DIR* proc = opendir("/proc");
-  if (proc == nullptr) return;
+  if (proc == nullptr) return -1;
+  int unreadable = 0;
   while (dirent* entry = readdir(proc)) {
     char* end = nullptr;
     long pid = strtol(entry->d_name, &end, 10);
     if (pid <= 0 || *end != '\0' || pid == manager || pid == self) continue;
-    std::ifstream maps(std::string("/proc/") + entry->d_name + "/maps");
-    std::string line;
-    while (std::getline(maps, line)) noteMapLine(line, static_cast<pid_t>(pid), byFile);
+    if (!readMaps(static_cast<pid_t>(pid), byFile)) ++unreadable;
   }
   closedir(proc);
   for (Block& block : blocks) std::sort(block.pids.begin(), block.pids.end());
+  return unreadable;
 }
 
 bool isAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }

@@ -37,12 +37,18 @@ Reading readBlock(const std::string& name, Block& block);
 bool isManagerName(const std::string& name);
 
 // Every named-object block under /dev/shm, sorted by name, with its mappers.
-// Damaged and unreadable ones are reported in `problems`, one line each.
+// Damaged blocks, and processes whose use is unknown, are reported in
+// `problems`, one line each.
 std::vector<Block> listBlocks(std::vector<std::string>& problems);
 
 // Fills block.pids from the processes' memory maps. A process that ends while
-// it is read is skipped.
-void findMappers(std::vector<Block>& blocks);
+// it is read is skipped. Returns how many processes' maps could not be read
+// (other users' processes, when not run as root), -1 when /proc cannot be
+// read at all: their use of a block is unknown.
+int findMappers(std::vector<Block>& blocks);
+
+// Says that findMappers could not inspect `unknown` processes (-1: none).
+std::string unknownUsers(int unknown);
 
 // The pid of the manager that made the request-lock record (0: none or gone),
 // and who holds the request lock now (0: free).
