@@ -57,7 +57,9 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libostrelled-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libostrelled1 (= ${PROJECT_VERSION})")
+# The exact Debian version, release included, or the two will not install together.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
+  "libostrelled1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "Ostrelled library: development files
 Headers, the CMake package, the pkg-config file and the link to the shared
 library, for building programs against Ostrelled.")

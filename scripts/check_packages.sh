@@ -20,6 +20,11 @@ report=$(lintian --tag-display-limit 0 "${debs[@]}" 2>&1 | grep -v 'root privile
 [ -n "$report" ] && echo "$report"
 if grep -q '^E:' <<<"$report"; then echo "lintian reports errors"; exit 1; fi
 
+# The three must install together (dependencies between them and on the system).
+mapfile -t paths < <(realpath "${debs[@]}")
+timeout 120 apt-get install --simulate "${paths[@]}" >"$build/apt-simulate.log" 2>&1 \
+  || { cat "$build/apt-simulate.log"; echo "the packages do not install together"; exit 1; }
+
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
 for deb in "${debs[@]}"; do dpkg-deb -x "$deb" "$root"; done
