@@ -8,6 +8,7 @@
 set(OSTRELLED_PACKAGES runtime libostrelled1 dev libostrelled-dev tools ostrelled-tools)
 
 # Per-package documents, under share/doc/<package> as Debian wants them.
+include(${PROJECT_SOURCE_DIR}/cmake/Compressed.cmake)
 set(packages ${OSTRELLED_PACKAGES})
 while(packages)
   list(POP_FRONT packages component package)
@@ -15,11 +16,8 @@ while(packages)
   set(PACKAGE ${package})
   set(VERSION ${PROJECT_VERSION})
   configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.Debian.in ${changelog} @ONLY)
-  add_custom_command(OUTPUT ${changelog}.gz
-    COMMAND gzip -9 -n -f -k ${changelog}
-    DEPENDS ${changelog} VERBATIM)
-  add_custom_target(${package}-changelog ALL DEPENDS ${changelog}.gz)
-  install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${changelog}.gz
+  ostrelled_install_compressed(${changelog} ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} ${component})
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endwhile()
 

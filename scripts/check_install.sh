@@ -7,13 +7,6 @@ build=${1:-build}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-libdir=$(ls -d "$work"/prefix/lib*/ | head -n 1)
-
-cmake -S tests/downstream -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/cmake-build" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$work/cmake-build/downstream"
-
-PKG_CONFIG_PATH="$libdir/pkgconfig" g++ -std=c++17 tests/downstream/main.cpp -o "$work/downstream-pc" \
-  $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs ostrelled)
-LD_LIBRARY_PATH="$libdir" "$work/downstream-pc"
+source scripts/downstream.sh
+run_downstream "$work/prefix" "$work"
 echo "downstream builds (CMake package and pkg-config): ok"

@@ -28,14 +28,8 @@ timeout 120 apt-get install --simulate "${paths[@]}" >"$build/apt-simulate.log" 
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
 for deb in "${debs[@]}"; do dpkg-deb -x "$deb" "$root"; done
-libdir=$(dirname "$(find "$root/usr/lib" -name libOstrelled.so)")
-
-cmake -S tests/downstream -B "$root/consumer" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
-cmake --build "$root/consumer" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$root/consumer/downstream"
-g++ -std=c++17 tests/downstream/main.cpp -o "$root/consumer-pc" \
-  $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs ostrelled)
-LD_LIBRARY_PATH="$libdir" "$root/consumer-pc"
+source scripts/downstream.sh
+run_downstream "$root/usr" "$root/consumer"
 "$root/usr/bin/ostrelled-syncd" --version
 "$root/usr/bin/ostrelled-ctl" --version
 

@@ -11,6 +11,7 @@
 #include <ostrelled/Version.h>
 
 #include "OS/OS_SyncClient.h"
+#include "OS/internal/Private.h"
 #include "ServiceNotify.h"
 
 namespace {
@@ -60,7 +61,7 @@ Start parseArguments(int argc, char** argv, bool& force) {
 // gone are still there but nobody answers. A lock that stays taken for 200 ms
 // leaves it open whether a manager runs. False when this one must not start.
 bool mayStart() {
-  switch (OS::probeManager(200 * kNanosPerMilli, OS::kRequestTimeoutNanos).state) {
+  switch (OS::probeManager(OS::Private::deadlineAfter(200 * kNanosPerMilli)).state) {
     case OS::ManagerState::Serving:
       fprintf(stderr, "ostrelled-syncd: a sync manager is already running on this machine; not starting\n");
       return false;

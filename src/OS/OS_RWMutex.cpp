@@ -48,8 +48,6 @@ static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states
 
 using OS::Private::ownPid;
 
-// Gone for good. A zombie still counts as alive until its parent reaps it.
-bool isDead(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }
 
 // The holders recorded in a named block: the writer's pid and the readers by
 // process. All of it is read and written under the ref mutex.
@@ -239,11 +237,11 @@ bool rw_mutex_handle::sweepDead() {
   // Readers beyond the table cannot be checked; at most the count can be believed.
   if (holders.untracked() > readCount()) holders.untracked() = readCount();
   unsigned int readers = holders.untracked(), writer = writeFlag();
-  if (holders.writer() < 0 || (holders.writer() != 0 && isDead(holders.writer()))) holders.writer() = 0;
+  if (holders.writer() < 0 || (holders.writer() != 0 && OS::Private::processGone(holders.writer()))) holders.writer() = 0;
   writeFlag() = holders.writer() != 0 ? 1 : 0;
   for (int i = 0; i < kTrackedReaders; ++i) {
     ReaderEntry& entry = holders.reader(i);
-    if (entry.pid <= 0 || entry.count == 0 || isDead(entry.pid)) entry = ReaderEntry{0, 0};
+    if (entry.pid <= 0 || entry.count == 0 || OS::Private::processGone(entry.pid)) entry = ReaderEntry{0, 0};
     readers += entry.count;
   }
   bool freed = readers < readCount() || writeFlag() < writer;

@@ -278,13 +278,8 @@ bool os_sync_environment_initialize(bool bAsClient) {
 }
 
 bool os_sync_environment_ping(unsigned int uintMilliseconds) {
-  OS::CSyncClient client;
-  if (!client.create(true)) return false;
   timespec deadline = OS::Private::deadlineAfter(OS::Private::spanOf(uintMilliseconds, 1000u));
-  if (!client.lockUntil(deadline)) return false;
-  bool answered = client.requestNothing(deadline);
-  client.unlock();
-  return answered;
+  return OS::probeManager(deadline, &deadline).state == OS::ManagerState::Serving;
 }
 
 void os_sync_environment_uninitialize() {

@@ -201,14 +201,15 @@ bool CSyncClient::requestNothing(const timespec& deadline) {
   return postAndWait(deadline);
 }
 
-// A lock held longer than lockNanos is held by a live client or manager: one
+// A lock held past its deadline is held by a live client or manager: one
 // that a dead client held is released by the next taker or the manager.
-ManagerProbe probeManager(long lockNanos, long replyNanos) {
+ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline) {
   CSyncClient client;
   if (!client.create(true)) return {ManagerState::NoNames, 0};
   timespec start = Private::monotonicNow();
-  if (!client.lockUntil(Private::deadlineAfter(lockNanos))) return {ManagerState::LockStuck, 0};
-  bool answered = client.requestNothing(Private::deadlineAfter(replyNanos));
+  if (!client.lockUntil(lockDeadline)) return {ManagerState::LockStuck, 0};
+  bool answered =
+      client.requestNothing(replyDeadline != nullptr ? *replyDeadline : Private::deadlineAfter(kRequestTimeoutNanos));
   client.unlock();
   if (!answered) return {ManagerState::Silent, 0};
   timespec took = Private::timeLeftUntil(start);

@@ -116,7 +116,9 @@ struct ManagerProbe {
   ManagerState state;
   long roundTripNanos;  // lock and request together; 0 unless Serving
 };
-ManagerProbe probeManager(long lockNanos, long replyNanos);
+// The lock is waited for until lockDeadline, the reply until replyDeadline
+// (null: the request timeout, counted from when the lock was taken).
+ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline = nullptr);
 
 // Releases a request lock whose holder died, for the manager's idle poll;
 // a live holder is left alone. Touches only the record and the semaphore.

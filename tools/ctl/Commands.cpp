@@ -18,12 +18,13 @@ constexpr long kNanosPerMilli = 1000000L;
 // given back within 100 ms, so a lock taken longer is held by a live process.
 constexpr long kLockWaitNanos = 200 * kNanosPerMilli;
 
+// A named semaphore "/x" is the file "sem.x" under /dev/shm.
 bool anyManagerNamePresent() {
-  const char* files[] = {"sem.os_mutex_manage_enabled_semaphore", "sem.os_mutex_manage_request_semaphore",
-                         "sem.os_mutex_manage_finish_semaphore", OS::SyncNames::kRequestArea,
-                         OS::SyncNames::kRequestLock};
-  for (const char* file : files)
-    if (access((std::string(kShmFolder) + file).c_str(), F_OK) == 0) return true;
+  using namespace OS::SyncNames;
+  std::string files[] = {std::string("sem.") + (kEnabledSemaphore + 1), std::string("sem.") + (kRequestSemaphore + 1),
+                         std::string("sem.") + (kFinishSemaphore + 1), kRequestArea, kRequestLock};
+  for (const std::string& file : files)
+    if (access((kShmFolder + file).c_str(), F_OK) == 0) return true;
   return false;
 }
 
@@ -61,7 +62,7 @@ void printLock(pid_t holder) {
 int runStatus() {
   bool present = anyManagerNamePresent();
   pid_t holder = present ? requestLockHolder() : 0;
-  OS::ManagerProbe probe = OS::probeManager(kLockWaitNanos, OS::kRequestTimeoutNanos);
+  OS::ManagerProbe probe = OS::probeManager(OS::Private::deadlineAfter(kLockWaitNanos));
   printManager(probe);
   if (present) printLock(holder);
   return probe.state == OS::ManagerState::Serving ? 0 : 1;
@@ -100,7 +101,7 @@ namespace {
 class Remover {
  public:
   explicit Remover(bool force) : m_force(force) {
-    m_managed = OS::probeManager(kLockWaitNanos, OS::kRequestTimeoutNanos).state == OS::ManagerState::Serving &&
+    m_managed = OS::probeManager(OS::Private::deadlineAfter(kLockWaitNanos)).state == OS::ManagerState::Serving &&
                 m_client.create(true);
   }
 

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "OS/OS_SyncClient.h"
+#include "OS/internal/Private.h"
 
 namespace ctl {
 
@@ -181,7 +182,7 @@ int findMappers(std::vector<Block>& blocks) {
   return unreadable;
 }
 
-bool isAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+bool isAlive(pid_t pid) { return pid > 0 && !OS::Private::processGone(pid); }
 
 pid_t managerPid() {
   pid_t pid = static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, manager)));

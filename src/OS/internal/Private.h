@@ -21,6 +21,7 @@
 
 #include <errno.h>
 #include <pthread.h>
+#include <signal.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -66,6 +67,10 @@ inline pid_t ownPid() {
   (void)registered;
   return gOwnPid;
 }
+
+// Whether a process is gone for good. A zombie still counts as alive until
+// its parent reaps it; a process of another user is alive too.
+inline bool processGone(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }
 
 // Keeps errno across clean-up after a failure: the caller sees the error of
 // the call that failed, not of what was undone after it.
