@@ -75,10 +75,6 @@ TEST_F(HostedManager, EveryRequestIsAnsweredOnce) {
 }
 
 TEST_F(NoManager, AKilledManagerIsReplaced) {
-  mutex_handle* alone = named(uniqueName("alone"));
-  EXPECT_EQ(alone->m_pMutex, nullptr);
-  os_mutex_destroy(alone);
-
   pid_t manager = startChild([] {
     if (os_sync_environment_initialize(false)) pause();
     return 1;
@@ -90,14 +86,20 @@ TEST_F(NoManager, AKilledManagerIsReplaced) {
   EXPECT_EQ(waitChild(manager), 128 + SIGKILL);
   ASSERT_TRUE(serving && old->m_pMutex != nullptr);
 
-  // Its names remain and nobody answers: an attach gives up after one request period.
-  auto start = std::chrono::steady_clock::now();
-  mutex_handle* orphan = named(uniqueName("orphan"));
-  EXPECT_TRUE(orphan->m_pMutex == nullptr && secondsSince(start) < 1.0);
-  os_mutex_destroy(orphan);
+  // Its names remain and nobody answers: each attach gives up after one request period.
+  for (int i = 0; i < 3; ++i) {
+    auto start = std::chrono::steady_clock::now();
+    mutex_handle* orphan = named(uniqueName("orphan"));
+    EXPECT_TRUE(orphan->m_pMutex == nullptr && secondsSince(start) < 0.3);
+    os_mutex_destroy(orphan);
+  }
 
-  // A new manager recreates the dead one's block cleared: the newcomer initialises it.
+  // A new manager serves at once and recreates the dead one's block cleared:
+  // the newcomer initialises it.
+  auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(os_sync_environment_initialize(false));
+  EXPECT_TRUE(os_sync_environment_ping(500));
+  EXPECT_LT(secondsSince(start), 0.5);
   mutex_handle* fresh = named(name);
   ASSERT_NE(fresh->m_pMutex, nullptr);
   os_mutex_destroy(fresh);

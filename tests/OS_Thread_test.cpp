@@ -85,42 +85,21 @@ TEST(OS_Thread, AffinityPinsToOneProcessor) {
   }).join();
 }
 
+// The signals keep coming until the sleeper is back, so one lands mid-sleep
+// however late the sleeper gets going.
 TEST(OS_Sleep, MillisecondSleepLastsDespiteSignalsWhileAbsoluteSleepEndsOnOne) {
-  static std::atomic<int> signalsSeen{0};
-  // Times sleep() while another thread keeps sending SIGUSR1, handled without
-  // SA_RESTART, until the sleeper is back: one of the signals lands mid-sleep
-  // however late the sleeper gets going. The signals stop after 20 s so that a
-  // sleep restarting from scratch on each one still ends.
-  auto secondsSleptUnderSignals = [](auto sleep) {
-    struct sigaction action {}, previous{};
-    action.sa_handler = [](int) { signalsSeen.fetch_add(1); };
-    sigaction(SIGUSR1, &action, &previous);
-    signalsSeen = 0;
-    std::atomic<bool> done{false};
-    std::thread sender([&, sleeper = pthread_self()] {
-      for (auto start = std::chrono::steady_clock::now(); !done && testsupport::secondsSince(start) < 20.0;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        if (!done) pthread_kill(sleeper, SIGUSR1);
-      }
-    });
-    auto start = std::chrono::steady_clock::now();
-    sleep();
-    double slept = testsupport::secondsSince(start);
-    done = true;
-    sender.join();
-    sigaction(SIGUSR1, &previous, nullptr);
-    return slept;
-  };
-
-  double slept = secondsSleptUnderSignals([] { os_thread_sleep_milliseconds(1100, USE_DEFAULT); });
-  EXPECT_GE(signalsSeen.load(), 3);
+  using testsupport::secondsUnderSignals;
+  int signals = 0;
+  double slept =
+      secondsUnderSignals([] { os_thread_sleep_milliseconds(1100, USE_DEFAULT); }, std::chrono::milliseconds(40), &signals);
+  EXPECT_GE(signals, 3);
   EXPECT_GE(slept, 1.1);
   EXPECT_LT(slept, 10.0);
 
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += 10;
-  slept = secondsSleptUnderSignals([&] { os_clock_nano_sleep(&deadline, USE_STD); });
-  EXPECT_GE(signalsSeen.load(), 1);
+  slept = secondsUnderSignals([&] { os_clock_nano_sleep(&deadline, USE_STD); }, std::chrono::milliseconds(40), &signals);
+  EXPECT_GE(signals, 1);
   EXPECT_LT(slept, 5.0);
 }

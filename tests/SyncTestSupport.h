@@ -187,34 +187,10 @@ class KillLoop {
   long* m_rounds;
 };
 
-// Runs wait() while another thread sends the waiting thread a signal every
-// millisecond (handled, not restarting system calls). Returns how long the wait took.
-inline double secondsOfWaitUnderSignals(const std::function<bool()>& wait, bool& result) {
-  struct sigaction action {};
-  action.sa_handler = [](int) {};
-  struct sigaction previous {};
-  sigaction(SIGUSR1, &action, &previous);
-  std::atomic<bool> done{false};
-  pthread_t waiter = pthread_self();
-  std::thread storm([&] {
-    while (!done) {
-      pthread_kill(waiter, SIGUSR1);
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-  });
-  auto start = std::chrono::steady_clock::now();
-  result = wait();
-  double seconds = secondsSince(start);
-  done = true;
-  storm.join();
-  sigaction(SIGUSR1, &previous, nullptr);
-  return seconds;
-}
-
 // A timed wait of 500 ms that nothing ends early: it answers false after the whole time.
 inline ::testing::AssertionResult waitsFullTimeUnderSignals(const std::function<bool(timespec)>& wait) {
   bool result = true;
-  double seconds = secondsOfWaitUnderSignals([&] { return wait(deadlineIn(500)); }, result);
+  double seconds = secondsUnderSignals([&] { result = wait(deadlineIn(500)); }, std::chrono::milliseconds(1));
   if (result) return ::testing::AssertionFailure() << "the wait succeeded";
   if (seconds < 0.49 || seconds > 3.0) return ::testing::AssertionFailure() << "the wait took " << seconds << " s";
   return ::testing::AssertionSuccess();

@@ -3,10 +3,12 @@
 
 // Process and timing helpers shared by the tests.
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -59,6 +61,33 @@ inline int waitChild(pid_t pid, double seconds = 10.0) {
 
 inline int runChild(const std::function<int()>& body, double seconds = 10.0) {
   return waitChild(startChild(body), seconds);
+}
+
+// Runs wait() while another thread sends the waiting thread SIGUSR1 every
+// period (handled without SA_RESTART, so a call in progress sees EINTR),
+// for 20 s at most. Returns how long wait() took; *signals gets how many came.
+inline double secondsUnderSignals(const std::function<void()>& wait, std::chrono::milliseconds period,
+                                  int* signals = nullptr) {
+  static std::atomic<int> seen{0};
+  struct sigaction action {}, previous{};
+  action.sa_handler = [](int) { seen.fetch_add(1); };
+  sigaction(SIGUSR1, &action, &previous);
+  seen = 0;
+  std::atomic<bool> done{false};
+  std::thread sender([&, waiter = pthread_self()] {
+    for (auto start = std::chrono::steady_clock::now(); !done && secondsSince(start) < 20.0;) {
+      std::this_thread::sleep_for(period);
+      if (!done) pthread_kill(waiter, SIGUSR1);
+    }
+  });
+  auto start = std::chrono::steady_clock::now();
+  wait();
+  double seconds = secondsSince(start);
+  done = true;
+  sender.join();
+  sigaction(SIGUSR1, &previous, nullptr);
+  if (signals != nullptr) *signals = seen;
+  return seconds;
 }
 
 }  // namespace testsupport
