@@ -95,14 +95,12 @@ class MutexHolder : public HostedManager, public ::testing::WithParamInterface<u
   std::unique_ptr<HeldInChild> m_holder;
 };
 
-TEST_P(MutexHolder, TryLockFailsAtOnceWhileAnotherProcessHoldsIt) {
+// The try lock at once, the timed lock at its deadline.
+TEST_P(MutexHolder, LocksGiveUpWhileAnotherProcessHoldsIt) {
   auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(os_mutex_trylock(m_mutex));
   EXPECT_LT(secondsSince(start), 0.1);
-}
-
-TEST_P(MutexHolder, TimedLockGivesUpAtItsDeadline) {
-  auto start = std::chrono::steady_clock::now();
+  start = std::chrono::steady_clock::now();
   EXPECT_FALSE(os_mutex_lock_timeout(m_mutex, deadlineIn(100)));
   EXPECT_GE(secondsSince(start), 0.095);
   EXPECT_LT(secondsSince(start), 2.0);
@@ -114,20 +112,18 @@ TEST_P(MutexHolder, TimedLockSucceedsWhenTheHolderLetsGoBeforeTheDeadline) {
   os_mutex_unlock(m_mutex);
 }
 
-TEST_P(MutexHolder, TimedLockRepairsAMutexWhoseOwnerWasKilled) {
-  m_holder->kill();
-  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(2000)));
-  os_mutex_unlock(m_mutex);
-  EXPECT_TRUE(os_mutex_trylock(m_mutex)) << "consistent after the repair";
-  os_mutex_unlock(m_mutex);
-}
-
-TEST_P(MutexHolder, TryLockRepairsAMutexWhoseOwnerWasKilled) {
-  m_holder->kill();
-  EXPECT_TRUE(os_mutex_trylock(m_mutex));
-  os_mutex_unlock(m_mutex);
-  EXPECT_TRUE(os_mutex_lock_timeout(m_mutex, deadlineIn(-1))) << "consistent after the repair";
-  os_mutex_unlock(m_mutex);
+// Whichever lock comes first repairs it; the other then finds it consistent.
+TEST_P(MutexHolder, TryAndTimedLocksRepairAMutexWhoseOwnerWasKilled) {
+  for (bool tryFirst : {true, false}) {
+    m_holder = std::make_unique<HeldInChild>([&] { os_mutex_lock(named(m_name)); }, [] {});
+    ASSERT_TRUE(m_holder->held());
+    m_holder->kill();
+    EXPECT_TRUE(tryFirst ? os_mutex_trylock(m_mutex) : os_mutex_lock_timeout(m_mutex, deadlineIn(2000)));
+    os_mutex_unlock(m_mutex);
+    EXPECT_TRUE(tryFirst ? os_mutex_lock_timeout(m_mutex, deadlineIn(-1)) : os_mutex_trylock(m_mutex))
+        << "consistent after the repair";
+    os_mutex_unlock(m_mutex);
+  }
 }
 
 TEST_P(MutexHolder, TimedLockUnderASignalStormWaitsTheFullTime) {
