@@ -2,11 +2,6 @@
 // printf format prints, and every parse the value strtol's family or atof gives.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
