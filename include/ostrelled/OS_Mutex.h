@@ -21,6 +21,8 @@ constexpr unsigned int DEFAULT_MUTEX_ATTRIBUTE = 0x00000000u;
 /// Flag of os_mutex_create: the owner may lock again and must unlock as often.
 constexpr unsigned int MUTEX_RECURSIVE = 0x00000001u;
 /// Flag of os_mutex_create: an owner inherits the priority of a higher-priority waiter.
+/// A named one works only within the PID namespace that created it (the kernel finds
+/// owners by thread id): a process of another namespace gets an unattached handle, errno ENOTSUP.
 constexpr unsigned int MUTEX_PRIO_INHERIT = 0x80000000u;
 
 /// Results of os_condition_wait and os_condition_wait_timeout, returned as int.
@@ -37,7 +39,8 @@ enum CONDITION_WAIT_RESULT { WAIT_CONDITION_OK = 0, WAIT_CONDITION_TIMEOUT = 1, 
 extern "C" {
 /// Never null. A name (also an empty one) asks the sync manager for a shared
 /// mutex; the first creator's flags stand. A handle that could not attach (name
-/// over 1023 characters, no manager, no reply) makes lock and unlock do nothing.
+/// over 1023 characters, no manager, no reply, a priority-inheriting mutex of another
+/// PID namespace) makes lock and unlock do nothing.
 OSTRELLED_EXPORT mutex_handle* os_mutex_create(unsigned int uintFlag, RT_MODE mode, const char* strMutexName);
 /// Detaches (the last handle on the machine removes the shared block), frees, nulls the pointer.
 OSTRELLED_EXPORT void os_mutex_destroy(mutex_handle*& handle);

@@ -28,6 +28,12 @@ class MutexSteps final : public OS::NamedObjectSteps {
     OS::Private::initMutex(m_handle.m_pMutex, recursiveType(m_flags), (m_flags & MUTEX_PRIO_INHERIT) != 0, true);
   }
   void finalise() override { pthread_mutex_destroy(m_handle.m_pMutex); }
+  // Priority inheritance cannot cross PID namespaces: refused, not aborted later.
+  bool admit() override {
+    if (OS::Private::usableInThisNamespace(m_handle.m_pMutex)) return true;
+    errno = ENOTSUP;
+    return false;
+  }
 
   static int recursiveType(unsigned int flags) {
     return (flags & MUTEX_RECURSIVE) != 0 ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_NORMAL;

@@ -11,6 +11,7 @@
 
 #include "Handle.h"
 #include "OS/OS_Mutex.h"
+#include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
@@ -20,42 +21,46 @@ namespace {
 
 // Named block (the requested size, 136, is kept; nothing is stored past it):
 //   0 attach count, 4 read count, 8 write flag, 12..52 ref mutex (robust),
-//   52 writer's pid (0: none), 56..88 four reader entries (pid, count),
-//   88 readers beyond the table (counted, untracked), 92 the allow condition's
-//   futex word, 96..136 five more reader entries.
+//   52 writer's registry token (0: none), 56..88 four reader entries (token,
+//   count), 88 readers beyond the table (counted, untracked), 92 the allow
+//   condition's futex word, 96..136 five more reader entries.
 // Resource access, a semaphore once, is implied by the counts under the ref
 // mutex; its slot now records who holds the lock, so that the share of a
-// holder that died can be given back.
+// holder that died can be given back. Holders are recorded by their process's
+// registry token (internal/Liveness.h), which the kernel vouches for across
+// PID namespaces and which is never reused; a process id would be neither.
+// A holder without a token (a full registry) is recorded as untracked and is
+// never judged gone.
 constexpr unsigned int kBlockSize = 136;
 constexpr unsigned int kReadCountAt = 4;
 constexpr unsigned int kWriteFlagAt = 8;
 constexpr unsigned int kRefMutexAt = 12;
-constexpr unsigned int kWriterPidAt = 52;
+constexpr unsigned int kWriterAt = 52;
 constexpr unsigned int kReadersAt = 56;
 constexpr unsigned int kUntrackedAt = 88;
 constexpr unsigned int kAllowWordAt = 92;
 constexpr unsigned int kMoreReadersAt = 96;
 
+using OS::Private::ProcessToken;
+
 struct ReaderEntry {
-  int32_t pid;  // 0: free
+  ProcessToken token;  // 0: free
   uint32_t count;
 };
 constexpr int kReadersBeforeWord = (kUntrackedAt - kReadersAt) / sizeof(ReaderEntry);
 constexpr int kTrackedReaders = kReadersBeforeWord + (kBlockSize - kMoreReadersAt) / sizeof(ReaderEntry);
 static_assert(kWriteFlagAt == kReadCountAt + sizeof(unsigned int), "bind takes the two counts as a pair");
-static_assert(kRefMutexAt + sizeof(pthread_mutex_t) == kWriterPidAt, "the ref mutex ends where the holders begin");
+static_assert(kRefMutexAt + sizeof(pthread_mutex_t) == kWriterAt, "the ref mutex ends where the holders begin");
 static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states the table's size");
 
-using OS::Private::ownPid;
 
-
-// The holders recorded in a named block: the writer's pid and the readers by
+// The holders recorded in a named block: the writer's token and the readers by
 // process. All of it is read and written under the ref mutex.
 class Holders {
  public:
   explicit Holders(unsigned char* block) : m_block(block) {}
 
-  int32_t& writer() const { return field<int32_t>(kWriterPidAt); }
+  ProcessToken& writer() const { return field<ProcessToken>(kWriterAt); }
   uint32_t& untracked() const { return field<uint32_t>(kUntrackedAt); }
   ReaderEntry& reader(int i) const {
     unsigned int at = i < kReadersBeforeWord ? kReadersAt + i * sizeof(ReaderEntry)
@@ -63,13 +68,13 @@ class Holders {
     return field<ReaderEntry>(at);
   }
 
-  // The entry of pid, or a free one when `claim`; -1 when there is none.
-  int find(pid_t pid, bool claim, int hint) const {
-    if (hint >= 0 && reader(hint).pid == pid) return hint;
+  // The entry of token, or a free one when `claim`; -1 when there is none.
+  int find(ProcessToken token, bool claim, int hint) const {
+    if (hint >= 0 && reader(hint).token == token) return hint;
     int free = -1;
     for (int i = 0; i < kTrackedReaders; ++i) {
-      if (reader(i).pid == pid) return i;
-      if (free < 0 && reader(i).pid == 0) free = i;
+      if (reader(i).token == token) return i;
+      if (free < 0 && reader(i).token == OS::Private::kNoProcess) free = i;
     }
     return claim ? free : -1;
   }
@@ -130,6 +135,9 @@ class rw_mutex_handle {
   pthread_mutex_t* m_pRefMutex = nullptr;  // guards everything else; robust in a block
   OS::Private::FutexCondition m_allow{nullptr, false};  // broadcast whenever the lock becomes free
   unsigned char* m_pHolders = nullptr;  // the named block, where holders are recorded; null for threads
+  OS::Private::ProcessRegistry* m_pRegistry = nullptr;  // judges the holders' tokens; null: none
+  ProcessToken ownToken() { return m_pRegistry != nullptr ? m_pRegistry->own() : OS::Private::kUntrackedProcess; }
+  bool gone(ProcessToken token) { return m_pRegistry != nullptr && m_pRegistry->gone(token); }
   int m_intReaderHint = -1;             // this process's reader entry, last seen
   RT_MODE m_RtMode;
   // The thread variant's storage, which the pointers above aim at.
@@ -149,6 +157,7 @@ class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
     m_owner.bind(block + kReadCountAt, reinterpret_cast<pthread_mutex_t*>(block + kRefMutexAt),
                  reinterpret_cast<uint32_t*>(block + kAllowWordAt), true);
     m_owner.m_pHolders = block;
+    m_owner.m_pRegistry = OS::Private::latestRegistry();
   }
 
   // The holders and the futex word start as the manager's zero fill left them.
@@ -193,6 +202,7 @@ void rw_mutex_handle::nullPointers() {
   m_RefWrite.m_pCount = nullptr;
   m_pRefMutex = nullptr;
   m_pHolders = nullptr;
+  m_pRegistry = nullptr;
 }
 
 void rw_mutex_handle::bind(unsigned char* counts, pthread_mutex_t* refMutex, uint32_t* word, bool processShared) {
@@ -237,11 +247,11 @@ bool rw_mutex_handle::sweepDead() {
   // Readers beyond the table cannot be checked; at most the count can be believed.
   if (holders.untracked() > readCount()) holders.untracked() = readCount();
   unsigned int readers = holders.untracked(), writer = writeFlag();
-  if (holders.writer() < 0 || (holders.writer() != 0 && OS::Private::processGone(holders.writer()))) holders.writer() = 0;
-  writeFlag() = holders.writer() != 0 ? 1 : 0;
+  if (holders.writer() != OS::Private::kNoProcess && gone(holders.writer())) holders.writer() = OS::Private::kNoProcess;
+  writeFlag() = holders.writer() != OS::Private::kNoProcess ? 1 : 0;
   for (int i = 0; i < kTrackedReaders; ++i) {
     ReaderEntry& entry = holders.reader(i);
-    if (entry.pid <= 0 || entry.count == 0 || OS::Private::processGone(entry.pid)) entry = ReaderEntry{0, 0};
+    if (entry.token == OS::Private::kNoProcess || entry.count == 0 || gone(entry.token)) entry = ReaderEntry{0, 0};
     readers += entry.count;
   }
   bool freed = readers < readCount() || writeFlag() < writer;
@@ -285,20 +295,21 @@ bool rw_mutex_handle::lock(bool asWriter, const timespec* deadline) {
 void rw_mutex_handle::enter(bool asWriter) {
   if (asWriter) {
     writeFlag() = 1;
-    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = ownPid();
+    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = ownToken();
     return;
   }
   ++readCount();
   if (m_pHolders == nullptr) return;
   Holders holders(m_pHolders);
-  int entry = holders.find(ownPid(), true, m_intReaderHint);
+  ProcessToken me = ownToken();
+  int entry = me == OS::Private::kUntrackedProcess ? -1 : holders.find(me, true, m_intReaderHint);
   // Beyond the table a reader still gets in, but its death cannot be repaired.
   if (entry < 0) {
     ++holders.untracked();
     return;
   }
   m_intReaderHint = entry;
-  holders.reader(entry).pid = ownPid();
+  holders.reader(entry).token = me;
   ++holders.reader(entry).count;
 }
 
@@ -308,7 +319,7 @@ void rw_mutex_handle::leaveAsReader() {
   --readCount();
   if (m_pHolders == nullptr) return;
   Holders holders(m_pHolders);
-  int entry = holders.find(ownPid(), false, m_intReaderHint);
+  int entry = holders.find(ownToken(), false, m_intReaderHint);
   if (entry < 0 && holders.untracked() > 0) {
     --holders.untracked();
     return;
@@ -316,7 +327,7 @@ void rw_mutex_handle::leaveAsReader() {
   for (int i = 0; entry < 0 && i < kTrackedReaders; ++i)
     if (holders.reader(i).count != 0) entry = i;
   if (entry < 0) return;
-  if (--holders.reader(entry).count == 0) holders.reader(entry).pid = 0;
+  if (--holders.reader(entry).count == 0) holders.reader(entry).token = OS::Private::kNoProcess;
 }
 
 // One call serves a reader and the writer: the counts tell which one leaves.
@@ -329,7 +340,7 @@ void rw_mutex_handle::unlockOnPosix() {
   // waiting looks at the counts again.
   if (readerLeft ? readCount() == 0 : writeFlag() == 1) {
     writeFlag() = 0;
-    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = 0;
+    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = OS::Private::kNoProcess;
     m_allow.broadcast();
   }
   pthread_mutex_unlock(m_pRefMutex);

@@ -13,6 +13,7 @@
 
 #include <ostrelled/OS_Thread.h>
 
+#include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
 #include "OS/OS_Mutex.h"
@@ -103,6 +104,9 @@ bool os_sync_manager_handle::start() {
   // Created, not opened: an area left by a dead manager is reused in place and cleared.
   m_pMutexManagerShareMemory = os_sharememory_create(kRequestArea, OS::kRequestAreaSize, USE_DEFAULT);
   if (m_pMutexManagerShareMemory == nullptr) return false;
+  // Without the registry nobody's death is told apart from a live process that
+  // is slow: the protocol still works, with its timeouts.
+  OS::Private::createRegistry(0777);
   // Without the record clients still work, with the enabled semaphore alone.
   createRequestLock();
   // A manager that died left its names behind; they are replaced, not reused.
@@ -129,6 +133,9 @@ bool os_sync_manager_handle::createRequestLock() {
   if (m_pRequestLock == nullptr) return false;
   OS::Private::initMutex(&record()->mutex, PTHREAD_MUTEX_NORMAL, false, true);
   record()->manager = static_cast<unsigned int>(OS::Private::ownPid());
+  // The manager's identity for its lifetime: clients and a successor judge by it.
+  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
+  record()->managerToken = registry != nullptr ? registry->own() : OS::Private::kNoProcess;
   return true;
 }
 
@@ -152,6 +159,7 @@ void os_sync_manager_handle::stop() {
   if (m_pMutexManagerShareMemory != nullptr) {
     releaseBlock(m_pMutexManagerShareMemory);
     sem_unlink(kRequestArea);  // as in start: finds nothing, kept
+    OS::Private::removeRegistry();
   }
   // Every managed name goes, also while processes use it; they keep their mappings.
   for (auto& entry : m_ShareMemoryMap) releaseBlock(entry.second);

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/OS_ShareMemory.h"
@@ -23,6 +24,13 @@ sem_t* openSemaphore(const char* name, unsigned int value, bool quiet) {
     return nullptr;
   }
   return sem;
+}
+
+// Who holds the lock, for people (the pid) and for liveness (the token).
+void noteHolder(RequestLockRecord* rec) {
+  Private::ProcessRegistry* registry = Private::latestRegistry();
+  rec->holder = static_cast<unsigned int>(Private::ownPid());
+  rec->holderToken = registry != nullptr ? registry->own() : Private::kUntrackedProcess;
 }
 
 void closeSemaphore(sem_t*& sem) {
@@ -44,6 +52,8 @@ bool CSyncClient::create(bool bQuiet) {
     printf("Error: Can not open %s, errno = %d!\n", SyncNames::kRequestArea, errno);
   if (enable_mutex_manager_sem && manage_request_sem && manage_finish_sem && manager_memory_handle) {
     openRequestLock();
+    // The registry of this manager's names: the one its token is in.
+    Private::currentRegistry();
     return true;
   }
   Private::ErrnoGuard keep;
@@ -89,7 +99,7 @@ void CSyncClient::lock() {
   }
   if (pthread_mutex_lock(&rec->mutex) == EOWNERDEAD) return takeOverFromDeadHolder();
   takeEnabled(nullptr);
-  rec->holder = static_cast<unsigned int>(Private::ownPid());
+  noteHolder(rec);
 }
 
 bool CSyncClient::lockUntil(const timespec& deadline) {
@@ -105,7 +115,7 @@ bool CSyncClient::lockUntil(const timespec& deadline) {
     pthread_mutex_unlock(&rec->mutex);
     return false;
   }
-  rec->holder = static_cast<unsigned int>(Private::ownPid());
+  noteHolder(rec);
   return true;
 }
 
@@ -123,7 +133,12 @@ void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) 
   sem_getvalue(enabled, &value);
   if (value == 0 && !takeIt) sem_post(enabled);
   if (value != 0 && takeIt) Private::retryOnEintr([&] { return sem_wait(enabled); });
-  rec->holder = takeIt ? static_cast<unsigned int>(Private::ownPid()) : 0;
+  if (takeIt) {
+    noteHolder(rec);
+  } else {
+    rec->holder = 0;
+    rec->holderToken = 0;
+  }
 }
 
 }  // namespace
@@ -133,7 +148,7 @@ void CSyncClient::takeOverFromDeadHolder() {
   repairAfterDeadHolder(rec, enable_mutex_manager_sem, true);
   timespec deadline = Private::deadlineAfter(kRequestTimeoutNanos);
   while (__atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) != __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) &&
-         !Private::hasPassed(deadline)) {
+         !Private::hasPassed(deadline) && !managerGone()) {
     timespec pause{0, 1000000L};
     nanosleep(&pause, nullptr);
   }
@@ -148,7 +163,10 @@ void releaseDeadHolder(RequestLockRecord* rec, sem_t* enabled) {
 
 void CSyncClient::unlock() {
   RequestLockRecord* rec = record();
-  if (rec != nullptr) rec->holder = 0;
+  if (rec != nullptr) {
+    rec->holder = 0;
+    rec->holderToken = 0;
+  }
   sem_post(enable_mutex_manager_sem);
   if (rec != nullptr) pthread_mutex_unlock(&rec->mutex);
 }
@@ -164,13 +182,32 @@ unsigned char* CSyncClient::area() const {
 bool CSyncClient::postAndWait(const timespec& deadline) {
   while (sem_trywait(manage_finish_sem) == 0) {
   }
+  if (managerGone()) return false;
   RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
+  long spin = kRequestSpinNanos;
   for (;;) {
-    if (Private::takeSoon(manage_finish_sem, deadline, kRequestSpinNanos) != 0) return false;
-    if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
+    // In slices, so that a manager that died is noticed within one; a live
+    // one, however slow, has until the deadline.
+    timespec slice = Private::deadlineAfter(kManagerCheckNanos);
+    bool last = !Private::isEarlier(slice, deadline);
+    if (Private::takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {
+      if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
+      continue;
+    }
+    if (last || managerGone()) return false;
+    spin = 0;
   }
+}
+
+bool CSyncClient::managerGone() const {
+  RequestLockRecord* rec = record();
+  if (rec == nullptr) return false;
+  Private::ProcessToken manager = __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE);
+  if (manager == Private::kNoProcess) return false;
+  Private::ProcessRegistry* registry = Private::latestRegistry();
+  return registry != nullptr && registry->gone(manager);
 }
 
 // Names are bounded before they get here, so a copy ends at most at byte

@@ -41,21 +41,28 @@ constexpr long kRequestTimeoutNanos = 100000000L;
 // How long either side tries a semaphore before it sleeps on it: the bound on
 // the processor time one request may spend waiting actively.
 constexpr long kRequestSpinNanos = 50000L;
+// A client waiting for an answer looks this often whether the manager still
+// lives, so that a manager that died fails a request at once, not at its timeout.
+constexpr long kManagerCheckNanos = 2000000L;
 
 // The request-lock record, host byte order. The robust mutex is taken before
 // the enabled semaphore, so that the kernel tells the next taker when a holder
 // died; the sequence numbers pair each finish post with its own request, so a
-// late answer to a dead client's request never answers the next one.
+// late answer to a dead client's request never answers the next one. Process
+// ids are labels for people; whether the holder or the manager lives is told
+// by their registry tokens (internal/Liveness.h).
 struct RequestLockRecord {
   pthread_mutex_t mutex;        // 0: process-shared, robust
   unsigned int holder;          // 40: pid of the client holding the lock, 0 when free
   unsigned int posted;          // 44: requests posted, counted by the clients
   unsigned int answered;        // 48: the posted number of the request last answered
   unsigned int manager;         // 52: pid of the manager process that made the record
-  unsigned int reserved[2];     // 56: zero
+  unsigned int holderToken;     // 56: registry token of the holder, 0 when free
+  unsigned int managerToken;    // 60: registry token of the manager, 0 when it has none
 };
 static_assert(offsetof(RequestLockRecord, holder) == 40 && offsetof(RequestLockRecord, posted) == 44 &&
                   offsetof(RequestLockRecord, answered) == 48 && offsetof(RequestLockRecord, manager) == 52 &&
+                  offsetof(RequestLockRecord, holderToken) == 56 && offsetof(RequestLockRecord, managerToken) == 60 &&
                   sizeof(RequestLockRecord) == 64,
               "the request-lock record is read by the inspection tool at these offsets");
 
@@ -94,6 +101,9 @@ class CSyncClient {
   bool requestDestroy(const char* strName);
   // A request with method word 0, which a live manager answers and ignores.
   bool requestNothing(const timespec& deadline);
+  // Whether the manager that made the record has ended, by its registry token;
+  // false when that cannot be told.
+  bool managerGone() const;
 
  private:
   void openRequestLock();

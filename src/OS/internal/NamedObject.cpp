@@ -5,6 +5,7 @@
 
 #include "OS/OS_ShareMemory.h"
 #include "OS/OS_SyncClient.h"
+#include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
 
 namespace OS {
@@ -66,6 +67,25 @@ class CachedClient {
 
 thread_local CachedClient tCachedClient;
 
+// The block is open: the first attach initialises the object, a later one may
+// be refused. The count changes only for an object this process takes.
+sharememory_handle* joinBlock(sharememory_handle* block, NamedObjectSteps& steps) {
+  unsigned char* base = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
+  steps.bind(base);
+  unsigned int count;
+  memcpy(&count, base, sizeof count);
+  if (count == 0) {
+    steps.initialise();
+  } else if (!steps.admit()) {
+    Private::ErrnoGuard keep;
+    os_sharememory_destroy(block);
+    return nullptr;
+  }
+  count += 1;
+  memcpy(base, &count, sizeof count);
+  return block;
+}
+
 }  // namespace
 
 sharememory_handle* attachNamedObject(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps) {
@@ -73,6 +93,9 @@ sharememory_handle* attachNamedObject(const std::string& name, unsigned int bloc
   if (name.size() > kMaxObjectNameLength) return nullptr;
   CSyncClient* client = tCachedClient.acquire();
   if (client == nullptr) return nullptr;
+  // A process that uses named objects is registered, so that others (and the
+  // inspection tool) can tell whether it lives; once per process.
+  if (Private::ProcessRegistry* registry = Private::latestRegistry()) registry->own();
   client->lock();
   sharememory_handle* block = nullptr;
   bool answered = client->requestCreate(name.c_str(), blockSize);
@@ -82,15 +105,7 @@ sharememory_handle* attachNamedObject(const std::string& name, unsigned int bloc
     // large enough for the object, or the object stays unattached.
     block = os_sharememory_open(name.c_str(), USE_DEFAULT);
     if (block != nullptr && block->sharememory_get_size() < blockSize) os_sharememory_destroy(block);
-    if (block != nullptr) {
-      unsigned char* base = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
-      steps.bind(base);
-      unsigned int count;
-      memcpy(&count, base, sizeof count);
-      if (count == 0) steps.initialise();
-      count += 1;
-      memcpy(base, &count, sizeof count);
-    }
+    if (block != nullptr) block = joinBlock(block, steps);
   }
   client->unlock();
   if (!answered) tCachedClient.invalidate();

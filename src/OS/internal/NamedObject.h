@@ -27,6 +27,9 @@ class NamedObjectSteps {
   virtual void bind(unsigned char* block) = 0;
   // First attach on the machine (the count was 0): initialise the object's state.
   virtual void initialise() = 0;
+  // Any later attach (the count was above 0), after bind: false refuses this
+  // process the object, which then stays unattached with errno set by the hook.
+  virtual bool admit() { return true; }
   // Last detach on the machine (the count reached 0): destroy the primitives.
   virtual void finalise() = 0;
 

@@ -1,10 +1,32 @@
 #include "OS/internal/RobustMutex.h"
 
 #include <errno.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
+
+#include "OS/internal/Liveness.h"
 
 namespace OS {
 namespace Private {
+
+namespace {
+
+// The namespace tag lives in the mutex's spin and elision words, which the C
+// library uses only for adaptive and elided mutexes, never for one with
+// priority inheritance; it zeroes them at initialisation. So the block keeps
+// its size and layout, and an untagged mutex (0) is usable everywhere.
+static_assert(offsetof(pthread_mutex_t, __data.__spins) + 2 == offsetof(pthread_mutex_t, __data.__elision),
+              "the tag spans the spin and elision words");
+uint32_t* namespaceTag(pthread_mutex_t* mutex) { return reinterpret_cast<uint32_t*>(&mutex->__data.__spins); }
+
+}  // namespace
+
+bool usableInThisNamespace(const pthread_mutex_t* mutex) {
+  uint32_t tag = __atomic_load_n(namespaceTag(const_cast<pthread_mutex_t*>(mutex)), __ATOMIC_RELAXED);
+  uint32_t mine = static_cast<uint32_t>(ownPidNamespace());
+  return tag == 0 || mine == 0 || tag == mine;
+}
 
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared) {
   pthread_mutexattr_t attr;
@@ -17,6 +39,7 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
   }
   int result = pthread_mutex_init(mutex, &attr);
   pthread_mutexattr_destroy(&attr);
+  if (result == 0 && prioInherit && processShared) *namespaceTag(mutex) = static_cast<uint32_t>(ownPidNamespace());
   return result;
 }
 

@@ -10,7 +10,15 @@ namespace OS {
 namespace Private {
 
 // Initialises *mutex of the given pthread type; a process-shared one is also robust.
+// A process-shared one with priority inheritance is also tagged with the
+// creator's PID namespace (see usableInThisNamespace).
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared);
+
+// Whether this process may use a shared mutex: false only for a priority-
+// inheriting one made in another PID namespace. The kernel finds the owner of
+// such a mutex by thread id in the waiter's namespace; from another namespace
+// it finds nobody, and the C library then aborts the process.
+bool usableInThisNamespace(const pthread_mutex_t* mutex);
 
 // Locks, repairing a mutex whose owner died ("mutex lock fixed failed!" when
 // that fails); a repaired mutex is taken back with a blocking lock. Other

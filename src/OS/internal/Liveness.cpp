@@ -1,0 +1,275 @@
+#include "OS/internal/Liveness.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "OS/internal/Private.h"
+
+namespace OS {
+namespace Private {
+
+namespace {
+
+// The registry file: a header, then one slot per token residue. A slot's
+// byte range is also what its owner locks.
+struct Header {
+  uint32_t magic;
+  uint32_t version;
+  uint32_t capacity;
+  uint32_t nextToken;  // handed out by atomic increment; 0 and ~0 are skipped
+};
+struct Slot {
+  uint32_t token;  // written by the owner after it took the lock, never before
+  uint32_t pid;    // labels for people and the inspection tool only
+  uint64_t pidNamespace;
+};
+constexpr uint32_t kMagic = 0x4f535247;  // "GRSO" in the file
+constexpr uint32_t kVersion = 1;
+constexpr size_t kRegistrySize = sizeof(Header) + size_t{kRegistryCapacity} * sizeof(Slot);
+static_assert(sizeof(Slot) == 16, "slots are 16 bytes");
+
+const std::string& registryPath() {
+  static const std::string path = std::string("/dev/shm/") + kRegistryName;
+  return path;
+}
+
+off_t slotOffset(ProcessToken token) {
+  return static_cast<off_t>(sizeof(Header) + (token % kRegistryCapacity) * sizeof(Slot));
+}
+
+// One byte of the slot is the lock; F_OFD_* locks belong to the open file
+// description, shared by the threads, dropped when the last descriptor closes.
+struct flock slotLock(ProcessToken token, short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = slotOffset(token);
+  lock.l_len = 1;
+  return lock;
+}
+
+}  // namespace
+
+struct ProcessRegistry::State {
+  dev_t device = 0;
+  ino_t inode = 0;
+  unsigned char* map = nullptr;
+  int fd = -1;  // holds this process's lock; -1 after a fork until rejoined
+  bool writable = false;  // false: this process may check, not join
+  std::atomic<ProcessToken> token{kNoProcess};
+  ProcessRegistry face{this};
+
+  Header* header() const { return reinterpret_cast<Header*>(map); }
+  Slot* slot(ProcessToken t) const { return reinterpret_cast<Slot*>(map + slotOffset(t)); }
+  bool reopen();
+  ProcessToken join();
+};
+
+namespace {
+
+// Registries are kept for the life of the process: handles point at them.
+std::mutex gRegistriesLock;
+std::vector<ProcessRegistry::State*> gRegistries;
+std::atomic<ProcessRegistry*> gLatest{nullptr};
+std::atomic<uint64_t> gOwnPidNamespace{~uint64_t{0}};
+
+// A forked child is another process: the descriptors it inherited share the
+// parent's locks, so each is replaced by a new open of the same file (or
+// closed, to be reopened by name), and the child joins anew when it needs to.
+void afterForkInChild() {
+  gOwnPidNamespace = ~uint64_t{0};
+  for (ProcessRegistry::State* state : gRegistries) {
+    state->token = kNoProcess;
+    if (state->fd < 0 || !state->writable) continue;
+    std::string self = "/proc/self/fd/" + std::to_string(state->fd);
+    int fresh = open(self.c_str(), O_RDWR | O_CLOEXEC);
+    if (fresh < 0 || dup3(fresh, state->fd, O_CLOEXEC) < 0) {
+      close(state->fd);
+      state->fd = -1;
+    }
+    if (fresh >= 0 && fresh != state->fd) close(fresh);
+  }
+  gRegistriesLock.unlock();
+}
+
+void registerForkHandlers() {
+  static const bool registered =
+      (pthread_atfork([] { gRegistriesLock.lock(); }, [] { gRegistriesLock.unlock(); }, afterForkInChild), true);
+  (void)registered;
+}
+
+// The file behind a descriptor, mapped, if it is a registry; read-only when
+// the caller may not write it (such a process checks, but cannot join).
+ProcessRegistry::State* mapRegistry(int fd, bool writable) {
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) != kRegistrySize) return nullptr;
+  void* map = mmap(nullptr, kRegistrySize, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  if (map == MAP_FAILED) return nullptr;
+  const Header* header = static_cast<const Header*>(map);
+  if (header->magic != kMagic || header->version != kVersion || header->capacity != kRegistryCapacity) {
+    munmap(map, kRegistrySize);
+    return nullptr;
+  }
+  auto* state = new ProcessRegistry::State;
+  state->device = st.st_dev;
+  state->inode = st.st_ino;
+  state->map = static_cast<unsigned char*>(map);
+  state->fd = fd;
+  state->writable = writable;
+  return state;
+}
+
+int openRegistryFile(bool& writable) {
+  int fd = open(registryPath().c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+  writable = fd >= 0;
+  if (fd < 0 && errno == EACCES) fd = open(registryPath().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  return fd;
+}
+
+}  // namespace
+
+// After a fork without /proc: the registry again by name, if it is the same file.
+bool ProcessRegistry::State::reopen() {
+  if (fd >= 0) return true;
+  int again = open(registryPath().c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+  struct stat st;
+  if (again >= 0 && fstat(again, &st) == 0 && st.st_dev == device && st.st_ino == inode) {
+    fd = again;
+    return true;
+  }
+  if (again >= 0) close(again);
+  return false;
+}
+
+// Takes the first free slot from the next token on. Every token is tried at
+// most once, so a full registry costs one pass and leaves the process untracked.
+ProcessToken ProcessRegistry::State::join() {
+  if (!writable || !reopen()) return kUntrackedProcess;
+  for (uint32_t attempt = 0; attempt < kRegistryCapacity; ++attempt) {
+    ProcessToken candidate = __atomic_add_fetch(&header()->nextToken, 1, __ATOMIC_RELAXED);
+    if (candidate == kNoProcess || candidate == kUntrackedProcess) continue;
+    struct flock lock = slotLock(candidate, F_WRLCK);
+    if (fcntl(fd, F_OFD_SETLK, &lock) != 0) {
+      if (errno == EAGAIN || errno == EACCES) continue;
+      return kUntrackedProcess;
+    }
+    Slot* mine = slot(candidate);
+    mine->pid = static_cast<uint32_t>(getpid());
+    mine->pidNamespace = ownPidNamespace();
+    __atomic_store_n(&mine->token, candidate, __ATOMIC_RELEASE);
+    return candidate;
+  }
+  return kUntrackedProcess;
+}
+
+ProcessToken ProcessRegistry::own() {
+  ProcessToken token = m_state->token.load(std::memory_order_acquire);
+  if (__builtin_expect(token != kNoProcess, 1)) return token;
+  std::lock_guard<std::mutex> hold(gRegistriesLock);
+  token = m_state->token.load(std::memory_order_relaxed);
+  if (token == kNoProcess) {
+    ErrnoGuard keep;
+    token = m_state->join();
+    m_state->token.store(token, std::memory_order_release);
+  }
+  return token;
+}
+
+// The slot is read before the lock is looked at: a live owner wrote its token
+// after it took the lock, so a matching token with a free lock means the
+// owner has gone. A new owner between its lock and its write reads as the old
+// one alive, for that moment only.
+Presence ProcessRegistry::presence(ProcessToken token) {
+  if (token == kNoProcess) return Presence::Gone;
+  if (token == kUntrackedProcess) return Presence::Unknown;
+  if (token == m_state->token.load(std::memory_order_acquire)) return Presence::Alive;
+  if (__atomic_load_n(&m_state->slot(token)->token, __ATOMIC_ACQUIRE) != token) return Presence::Gone;
+  int fd = m_state->fd;
+  if (fd < 0) {
+    std::lock_guard<std::mutex> hold(gRegistriesLock);
+    if (!m_state->reopen()) return Presence::Unknown;
+    fd = m_state->fd;
+  }
+  ErrnoGuard keep;
+  struct flock lock = slotLock(token, F_WRLCK);
+  if (fcntl(fd, F_OFD_GETLK, &lock) != 0) return Presence::Unknown;
+  return lock.l_type == F_UNLCK ? Presence::Gone : Presence::Alive;
+}
+
+void ProcessRegistry::forEachLive(const std::function<void(ProcessToken, pid_t, uint64_t)>& visit) {
+  for (uint32_t i = 0; i < kRegistryCapacity; ++i) {
+    const Slot* slot = reinterpret_cast<const Slot*>(m_state->map + sizeof(Header) + i * sizeof(Slot));
+    ProcessToken token = __atomic_load_n(&slot->token, __ATOMIC_ACQUIRE);
+    if (token == kNoProcess || presence(token) != Presence::Alive) continue;
+    visit(token, static_cast<pid_t>(slot->pid), slot->pidNamespace);
+  }
+}
+
+ProcessRegistry* currentRegistry() {
+  registerForkHandlers();
+  struct stat st;
+  if (stat(registryPath().c_str(), &st) != 0) return nullptr;
+  std::lock_guard<std::mutex> hold(gRegistriesLock);
+  for (ProcessRegistry::State* state : gRegistries)
+    if (state->device == st.st_dev && state->inode == st.st_ino) return &state->face;
+  ErrnoGuard keep;
+  bool writable = false;
+  int fd = openRegistryFile(writable);
+  if (fd < 0) return nullptr;
+  ProcessRegistry::State* state = mapRegistry(fd, writable);
+  if (state == nullptr) {
+    close(fd);
+    return nullptr;
+  }
+  gRegistries.push_back(state);
+  gLatest = &state->face;
+  return &state->face;
+}
+
+ProcessRegistry* latestRegistry() { return gLatest.load(std::memory_order_acquire); }
+
+// A registry of a manager that died is kept: its tokens still describe the
+// processes that hold objects. Anything else under the name is made anew.
+bool createRegistry(mode_t mode) {
+  int fd = shm_open(kRegistryName, O_RDWR | O_CREAT | O_CLOEXEC, mode);
+  if (fd < 0) return false;
+  struct stat st;
+  Header header{};
+  bool valid = fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) == kRegistrySize &&
+               pread(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) && header.magic == kMagic &&
+               header.version == kVersion && header.capacity == kRegistryCapacity;
+  // Every page backed now: on a full /dev/shm a join would otherwise die of SIGBUS.
+  bool made = valid || (ftruncate(fd, 0) == 0 && ftruncate(fd, static_cast<off_t>(kRegistrySize)) == 0 &&
+                        posix_fallocate(fd, 0, static_cast<off_t>(kRegistrySize)) == 0);
+  if (!made) shm_unlink(kRegistryName);
+  if (made && !valid) {
+    // Zero-filled by the truncation; the magic last, so that nobody joins a half-made header.
+    header = Header{kMagic, kVersion, kRegistryCapacity, 0};
+    made = pwrite(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
+  }
+  close(fd);
+  return made;
+}
+
+void removeRegistry() { shm_unlink(kRegistryName); }
+
+uint64_t ownPidNamespace() {
+  uint64_t known = gOwnPidNamespace.load(std::memory_order_relaxed);
+  if (known != ~uint64_t{0}) return known;
+  struct stat st;
+  uint64_t inode = stat("/proc/self/ns/pid", &st) == 0 ? static_cast<uint64_t>(st.st_ino) : 0;
+  gOwnPidNamespace.store(inode, std::memory_order_relaxed);
+  return inode;
+}
+
+}  // namespace Private
+}  // namespace OS
