@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
@@ -185,6 +187,68 @@ class KillLoop {
   std::vector<std::function<void()>> m_roles;
   std::vector<pid_t> m_pids;
   long* m_rounds;
+};
+
+// A process in a PID namespace of its own, as in a container that shares
+// /dev/shm and the IPC namespace with the host: body runs there as pid 1. With
+// ownProc it also gets a mount namespace with its own /proc, which then shows
+// only its namespace. Killing it ends the whole namespace.
+class Container {
+ public:
+  static constexpr int kRefused = 77;  // unshare was not permitted
+
+  explicit Container(const std::function<int()>& body, bool ownProc = false)
+      : m_inner(static_cast<pid_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    m_launcher = startChild([&] {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (unshare(CLONE_NEWPID | (ownProc ? CLONE_NEWNS : 0)) != 0) return kRefused;
+      pid_t inner = startChild([&] {
+        if (ownProc && (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                        mount("proc", "/proc", "proc", 0, nullptr) != 0))
+          return kRefused;
+        return body();
+      });
+      *m_inner = inner;
+      return waitChild(inner, 60.0);
+    });
+  }
+  ~Container() {
+    kill();
+    munmap(m_inner, 4096);
+  }
+  // Its exit status (kRefused when namespaces are refused), 128 + signal when killed.
+  int wait(double seconds = 20.0) {
+    if (m_status == -2) m_status = waitChild(m_launcher, seconds);
+    return m_status;
+  }
+  // Ends everything in the namespace and reaps it.
+  void kill() {
+    if (m_status != -2) return;
+    int status = 0;
+    if (waitpid(m_launcher, &status, WNOHANG) == m_launcher) {
+      m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      return;
+    }
+    if (waitUntil([&] { return *m_inner != 0; }, 5.0)) ::kill(*m_inner, SIGKILL);
+    wait();
+  }
+
+  // Whether this machine gives a process a PID namespace of its own.
+  static bool permitted() { return Container([] { return 0; }).wait() == 0; }
+
+ private:
+  pid_t* m_inner;
+  pid_t m_launcher;
+  int m_status = -2;
+};
+
+// Flags that a test and its children (in any namespace) share: one page.
+struct SharedFlags {
+  std::atomic<int>* at = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ~SharedFlags() { munmap(at, 4096); }
+  std::atomic<int>& operator[](int i) { return at[i]; }
+  bool reaches(int i, int value, double seconds = 10.0) { return waitUntil([&] { return at[i] >= value; }, seconds); }
 };
 
 // A timed wait of 500 ms that nothing ends early: it answers false after the whole time.

@@ -5,7 +5,9 @@
 
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <ostrelled/OS_Sync.h>
 #include <ostrelled/Version.h>
@@ -21,9 +23,10 @@ const char kUsage[] =
     "Hosts the sync manager of named Ostrelled objects until SIGTERM, SIGINT,\n"
     "SIGHUP or SIGQUIT, then removes every name it manages.\n"
     "\n"
-    "  --force    start even when another manager seems to hold the request lock;\n"
-    "             if that manager is alive after all, stopping it later removes the\n"
-    "             names this one serves\n"
+    "  --force    start even when the names belong to a manager that cannot be\n"
+    "             judged (one without a liveness token) and its request lock stays\n"
+    "             taken; if that manager is alive after all, stopping it later\n"
+    "             removes the names this one serves\n"
     "  --version  show the version\n"
     "  --help     show this text\n"
     "\n"
@@ -57,10 +60,23 @@ Start parseArguments(int argc, char** argv, bool& force) {
   return Start::Serve;
 }
 
-// A live manager answers a request that it ignores; names whose manager is
-// gone are still there but nobody answers. A lock that stays taken for 200 ms
-// leaves it open whether a manager runs. False when this one must not start.
+// The manager that made the names is judged by its registry token, which the
+// kernel keeps true whatever PID namespace it runs in and however busy its
+// request lock is: alive (also when stopped) refuses, gone replaces its names.
+// Only names without such a token are asked by a request: a live manager
+// answers one that it ignores; a lock that stays taken for 200 ms leaves it
+// open whether a manager runs. False when this one must not start.
 bool mayStart() {
+  switch (OS::managerPresence()) {
+    case OS::Private::Presence::Alive:
+      fprintf(stderr, "ostrelled-syncd: a sync manager is already running on this machine; not starting\n");
+      return false;
+    case OS::Private::Presence::Gone:
+      printf("ostrelled-syncd: replacing the names left by a sync manager that is gone\n");
+      return true;
+    case OS::Private::Presence::Unknown:
+      break;
+  }
   switch (OS::probeManager(OS::Private::deadlineAfter(200 * kNanosPerMilli)).state) {
     case OS::ManagerState::Serving:
       fprintf(stderr, "ostrelled-syncd: a sync manager is already running on this machine; not starting\n");
@@ -77,6 +93,28 @@ bool mayStart() {
       return true;
   }
   return true;
+}
+
+// Under a supervisor's watchdog (WATCHDOG_USEC set, by systemd WatchdogSec=),
+// the serving loop proves that it still serves: WATCHDOG=1 four times per
+// period, sent from the loop itself, so a loop that hangs is restarted.
+long gWatchdogNanos = 0;
+void watchdogBeat() {
+  static timespec next{};
+  timespec now = OS::Private::monotonicNow();
+  if (OS::Private::isEarlier(now, next)) return;
+  notifyService("WATCHDOG=1");
+  next = OS::Private::deadlineAfter(gWatchdogNanos / 4);
+}
+
+void armWatchdog() {
+  const char* usec = getenv("WATCHDOG_USEC");
+  const char* pid = getenv("WATCHDOG_PID");
+  if (usec == nullptr || (pid != nullptr && atol(pid) != static_cast<long>(getpid()))) return;
+  long micros = atol(usec);
+  if (micros <= 0) return;
+  gWatchdogNanos = micros * 1000L;
+  OS::setServingHeartbeat(watchdogBeat);
 }
 
 // Ready means answering: the manager's own request goes through.
@@ -98,6 +136,7 @@ sigset_t blockStopSignals() {
 
 int serve() {
   sigset_t stopSignals = blockStopSignals();
+  armWatchdog();
   if (!os_sync_environment_initialize(false) || !answersRequests()) {
     os_sync_environment_uninitialize();
     fprintf(stderr, "ostrelled-syncd: the sync manager could not start\n");

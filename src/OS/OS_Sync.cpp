@@ -91,6 +91,7 @@ class os_sync_manager_handle {
 
 namespace {
 os_sync_manager_handle* os_sync_manager = nullptr;
+std::atomic<void (*)()> gHeartbeat{nullptr};
 
 bool nameStillLinked(const char* strMemoryName) {
   int fd = shm_open(strMemoryName, O_RDONLY, 0);
@@ -213,6 +214,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
   if (area == nullptr) return;
   bool busy = false;
   while (!m_bRequestExitThread) {
+    if (void (*beat)() = gHeartbeat.load(std::memory_order_relaxed)) beat();
     if (request == nullptr || finish == nullptr) {
       // Nothing can arrive; still leave within one request period when asked.
       timespec pause{0, OS::kRequestTimeoutNanos};
@@ -265,6 +267,10 @@ void os_sync_manager_handle::waitUntilServing(long millis) const {
     nanosleep(&pause, nullptr);
   }
 }
+
+namespace OS {
+void setServingHeartbeat(void (*beat)()) { gHeartbeat = beat; }
+}  // namespace OS
 
 bool os_sync_environment_initialize(bool bAsClient) {
   if (bAsClient) {

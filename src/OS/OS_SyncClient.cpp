@@ -238,6 +238,22 @@ bool CSyncClient::requestNothing(const timespec& deadline) {
   return postAndWait(deadline);
 }
 
+Private::Presence managerPresence(pid_t* pid) {
+  if (pid != nullptr) *pid = 0;
+  sharememory_handle* block = os_sharememory_open(SyncNames::kRequestLock, USE_STD);
+  if (block == nullptr) return Private::Presence::Unknown;
+  Private::Presence presence = Private::Presence::Unknown;
+  const auto* rec = static_cast<const RequestLockRecord*>(os_sharememory_get_buffer(block));
+  Private::ProcessToken token = block->sharememory_get_size() >= sizeof(RequestLockRecord)
+                                    ? __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE)
+                                    : Private::kNoProcess;
+  Private::ProcessRegistry* registry = token != Private::kNoProcess ? Private::currentRegistry() : nullptr;
+  if (registry != nullptr) presence = registry->presence(token);
+  if (pid != nullptr && token != Private::kNoProcess) *pid = static_cast<pid_t>(rec->manager);
+  os_sharememory_destroy(block);
+  return presence;
+}
+
 // A lock held past its deadline is held by a live client or manager: one
 // that a dead client held is released by the next taker or the manager.
 ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline) {

@@ -10,6 +10,7 @@
 
 #include <ostrelled/OS_ShareMemory.h>
 
+#include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 
 namespace OS {
@@ -129,6 +130,16 @@ struct ManagerProbe {
 // The lock is waited for until lockDeadline, the reply until replyDeadline
 // (null: the request timeout, counted from when the lock was taken).
 ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline = nullptr);
+
+// Whether the manager that made the machine's request-lock record lives, by
+// its registry token: Unknown without a record, a token or a registry (an
+// older manager), and then only a request can tell. pid gets the manager's
+// process id (a label, in its own PID namespace; 0 when unknown).
+Private::Presence managerPresence(pid_t* pid = nullptr);
+
+// Called by the manager's serving loop at least once per request period
+// (100 ms) while it serves: proof of life for a supervisor. Null: none.
+void setServingHeartbeat(void (*beat)());
 
 // Releases a request lock whose holder died, for the manager's idle poll;
 // a live holder is left alone. Touches only the record and the semaphore.

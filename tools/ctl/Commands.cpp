@@ -47,10 +47,10 @@ void printManager(const OS::ManagerProbe& probe) {
   }
 }
 
-void printLock(pid_t holder) {
+void printLock(pid_t holder, bool alive) {
   if (holder == 0)
     puts("request lock: free");
-  else if (isAlive(holder))
+  else if (alive)
     printf("request lock: held by process %d\n", static_cast<int>(holder));
   else
     printf("request lock: held by process %d, which has ended (the next request takes it over)\n",
@@ -61,10 +61,11 @@ void printLock(pid_t holder) {
 
 int runStatus() {
   bool present = anyManagerNamePresent();
-  pid_t holder = present ? requestLockHolder() : 0;
+  bool alive = false;
+  pid_t holder = present ? requestLockHolder(alive) : 0;
   OS::ManagerProbe probe = OS::probeManager(OS::Private::deadlineAfter(kLockWaitNanos));
   printManager(probe);
-  if (present) printLock(holder);
+  if (present) printLock(holder, alive);
   return probe.state == OS::ManagerState::Serving ? 0 : 1;
 }
 
@@ -133,9 +134,10 @@ class Remover {
         break;
     }
     std::vector<Block> one{block};
-    int unknown = findMappers(one);
+    Unseen unseen = findMappers(one);
     if (!one[0].pids.empty() && !m_force) return refuse(given, ("is in use by process " + pidList(one[0])).c_str());
-    if (unknown != 0 && !m_force) return refuse(given, ("was left alone: " + unknownUsers(unknown) + ", or use --force").c_str());
+    if (unseen.any() && one[0].attached != 0 && !m_force)
+      return refuse(given, ("was left alone: " + unseenUsers(unseen) + ", or use --force").c_str());
     return unlinkBlock(name, given);
   }
 

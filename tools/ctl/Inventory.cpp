@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "OS/OS_SyncClient.h"
+#include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
 
 namespace ctl {
@@ -92,10 +93,17 @@ Reading readBlock(const std::string& name, Block& block) {
   return contentFits(layout, bytes, block.attached) ? Reading::Known : Reading::Damaged;
 }
 
-std::string unknownUsers(int unknown) {
-  std::string who = unknown < 0 ? "no process could be inspected"
-                                : "the memory of " + std::to_string(unknown) + " processes of other users could not be inspected";
-  return who + "; run as root or as the objects' user to see every user of an object";
+std::string unseenUsers(const Unseen& unseen) {
+  std::string who;
+  if (unseen.unreadable < 0) who = "no process could be inspected";
+  if (unseen.unreadable > 0)
+    who = "the memory of " + std::to_string(unseen.unreadable) + " processes of other users could not be inspected";
+  if (unseen.elsewhere > 0)
+    who += (who.empty() ? "" : "; ") + std::to_string(unseen.elsewhere) +
+           " processes in other PID namespaces (containers) use named objects, and this one cannot see which";
+  std::string how = unseen.unreadable != 0 ? "run as root or as the objects' user" : "";
+  if (unseen.elsewhere > 0) how += (how.empty() ? "" : ", and ") + std::string("run in the PID namespace of those processes");
+  return who + "; " + how + " to see every user of an object";
 }
 
 std::vector<Block> listBlocks(std::vector<std::string>& problems) {
@@ -116,7 +124,7 @@ std::vector<Block> listBlocks(std::vector<std::string>& problems) {
   }
   closedir(folder);
   std::sort(blocks.begin(), blocks.end(), [](const Block& a, const Block& b) { return a.name < b.name; });
-  if (int unknown = findMappers(blocks); unknown != 0) problems.push_back(unknownUsers(unknown));
+  if (Unseen unseen = findMappers(blocks); unseen.any()) problems.push_back(unseenUsers(unseen));
   return blocks;
 }
 
@@ -146,6 +154,20 @@ unsigned int recordWord(size_t offset) {
   return word;
 }
 
+// Live registered processes that this tool's /proc does not show: those of
+// other PID namespaces, or of one it cannot tell. The manager maps no block.
+int countElsewhere() {
+  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
+  if (registry == nullptr) return 0;
+  auto manager = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, managerToken)));
+  uint64_t here = OS::Private::ownPidNamespace();
+  int elsewhere = 0;
+  registry->forEachLive([&](OS::Private::ProcessToken token, pid_t, uint64_t pidNamespace) {
+    if (token != manager && (here == 0 || pidNamespace != here)) ++elsewhere;
+  });
+  return elsewhere;
+}
+
 // Notes every block the process maps. False when its map may not be read by
 // a caller other than root (a process of another user); one that has ended
 // meanwhile counts as read. Root reads every process but those that shield
@@ -164,32 +186,41 @@ bool readMaps(pid_t pid, std::map<FileId, Block*>& byFile) {
 
 }  // namespace
 
-int findMappers(std::vector<Block>& blocks) {
+Unseen findMappers(std::vector<Block>& blocks) {
   std::map<FileId, Block*> byFile;
   for (Block& block : blocks) byFile[FileId(block.device, block.inode)] = &block;
   pid_t manager = managerPid(), self = getpid();
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return -1;
-  int unreadable = 0;
-  while (dirent* entry = readdir(proc)) {
-    char* end = nullptr;
-    long pid = strtol(entry->d_name, &end, 10);
-    if (pid <= 0 || *end != '\0' || pid == manager || pid == self) continue;
-    if (!readMaps(static_cast<pid_t>(pid), byFile)) ++unreadable;
+  Unseen unseen;
+  unseen.elsewhere = countElsewhere();
+  if (DIR* proc = opendir("/proc")) {
+    while (dirent* entry = readdir(proc)) {
+      char* end = nullptr;
+      long pid = strtol(entry->d_name, &end, 10);
+      if (pid <= 0 || *end != '\0' || pid == manager || pid == self) continue;
+      if (!readMaps(static_cast<pid_t>(pid), byFile)) ++unseen.unreadable;
+    }
+    closedir(proc);
+  } else {
+    unseen.unreadable = -1;
   }
-  closedir(proc);
-  for (Block& block : blocks) std::sort(block.pids.begin(), block.pids.end());
-  return unreadable;
+  for (Block& block : blocks) {
+    std::sort(block.pids.begin(), block.pids.end());
+    block.unseen = unseen.any();
+  }
+  return unseen;
 }
-
-bool isAlive(pid_t pid) { return pid > 0 && !OS::Private::processGone(pid); }
 
 pid_t managerPid() {
-  pid_t pid = static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, manager)));
-  return isAlive(pid) ? pid : 0;
+  pid_t pid = 0;
+  return OS::managerPresence(&pid) == OS::Private::Presence::Alive ? pid : 0;
 }
 
-pid_t requestLockHolder() { return static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, holder))); }
+pid_t requestLockHolder(bool& alive) {
+  auto token = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, holderToken)));
+  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
+  alive = registry == nullptr || !registry->gone(token);
+  return static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, holder)));
+}
 
 namespace {
 

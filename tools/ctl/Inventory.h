@@ -20,9 +20,13 @@ struct Block {
   dev_t device = 0;
   ino_t inode = 0;
   std::vector<pid_t> pids;  // live mappers other than the manager and this tool
+  bool unseen = false;      // some live user of named objects could not be inspected
 
-  // idle: nobody attached; in-use: a live process maps it; stale: attached by nobody alive.
-  const char* state() const { return attached == 0 ? "idle" : pids.empty() ? "stale" : "in-use"; }
+  // idle: nobody attached; in-use: a live process maps it; stale: attached by
+  // nobody alive; unknown: attached, no mapper seen, but not every process was.
+  const char* state() const {
+    return attached == 0 ? "idle" : !pids.empty() ? "in-use" : unseen ? "unknown" : "stale";
+  }
 };
 
 // How a block of this name and content reads: known (kind and count filled),
@@ -41,20 +45,27 @@ bool isManagerName(const std::string& name);
 // `problems`, one line each.
 std::vector<Block> listBlocks(std::vector<std::string>& problems);
 
-// Fills block.pids from the processes' memory maps. A process that ends while
-// it is read is skipped. Returns how many processes' maps could not be read
-// (other users' processes, when not run as root), -1 when /proc cannot be
-// read at all: their use of a block is unknown.
-int findMappers(std::vector<Block>& blocks);
+// The processes whose use of a block the tool cannot see: those whose memory
+// map it may not read (other users', when not run as root; -1: /proc cannot
+// be read at all), and the live users of named objects in other PID
+// namespaces (containers), which its /proc does not show.
+struct Unseen {
+  int unreadable = 0;
+  int elsewhere = 0;
+  bool any() const { return unreadable != 0 || elsewhere != 0; }
+};
 
-// Says that findMappers could not inspect `unknown` processes (-1: none).
-std::string unknownUsers(int unknown);
+// Fills block.pids from the processes' memory maps and block.unseen. A process
+// that ends while it is read is skipped.
+Unseen findMappers(std::vector<Block>& blocks);
 
-// The pid of the manager that made the request-lock record (0: none or gone),
-// and who holds the request lock now (0: free).
+// Says what findMappers could not inspect.
+std::string unseenUsers(const Unseen& unseen);
+
+// The manager's pid when it lives (0: none, or gone), judged by its registry token.
 pid_t managerPid();
-pid_t requestLockHolder();
-bool isAlive(pid_t pid);
+// Who holds the request lock now (pid 0: free) and whether that holder lives.
+pid_t requestLockHolder(bool& alive);
 
 // The name as it is printed: backslash, tab, newline and other control
 // characters escaped, so one block is one line.

@@ -68,10 +68,6 @@ inline pid_t ownPid() {
   return gOwnPid;
 }
 
-// Whether a process is gone for good. A zombie still counts as alive until
-// its parent reaps it; a process of another user is alive too.
-inline bool processGone(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }
-
 // Keeps errno across clean-up after a failure: the caller sees the error of
 // the call that failed, not of what was undone after it.
 class ErrnoGuard {
