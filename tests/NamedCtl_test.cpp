@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <sys/wait.h>
 
+#include <fstream>
 #include <string>
 
 #include <ostrelled/OS_Mutex.h>
@@ -122,4 +123,29 @@ TEST(Ctl, BadUsageExitsWithTwo) {
     EXPECT_EQ(ctl(std::string(args) + " 2>/dev/null").status, 2) << args;
   for (const char* args : {"--help", "status --help", "list --help", "remove --help", "--version"})
     EXPECT_EQ(ctl(args).status, 0) << args;
+}
+
+// Run in a container with its own /proc, the tool cannot see a user in
+// another PID namespace: the object is unknown, not stale, and stays.
+TEST_F(HostedManager, InAContainerAnObjectUsedElsewhereIsNeitherStaleNorRemoved) {
+  if (!Container::permitted()) GTEST_SKIP() << "PID namespaces are not permitted here";
+  std::string name = uniqueName("ctl_ns"), report = "/tmp/" + uniqueName("ctl_ns_report");
+  HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
+                     [] {});
+  ASSERT_TRUE(holder.held());
+  Container tool(
+      [&] {
+        CtlRun listed = ctl("list 2>&1"), removed = ctl("remove " + name + " 2>&1");
+        FILE* out = fopen(report.c_str(), "w");
+        fprintf(out, "%s%s", listed.out.c_str(), removed.out.c_str());
+        fclose(out);
+        return (contains(listed.out, name + "\tmutex\t1\t-\tunknown\n") ? 0 : 1) | (removed.status == 1 ? 0 : 2);
+      },
+      true);
+  int status = tool.wait();
+  std::string seen = ctl("list").out;  // back in this namespace
+  EXPECT_EQ(status, 0) << "1: not listed as unknown, 2: removed; the tool said:\n"
+                       << std::ifstream(report).rdbuf() << "\nfrom here:\n" << seen;
+  EXPECT_TRUE(shmExists(name)) << "the object used elsewhere was removed";
+  unlink(report.c_str());
 }

@@ -105,3 +105,61 @@ TEST_F(NoManager, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
     EXPECT_EQ(managerNamesLeft(), 0) << sig;
   }
 }
+
+// While three clients keep creating named mutexes: a stopped manager still
+// gets its full 100 ms and keeps a second daemon out; a killed one fails every
+// call at once, and a new daemon starts without --force while the calls go on.
+TEST_F(NoManager, AKilledManagerFailsCallsAtOnceAndIsReplacedWhileClientsCall) {
+  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+  std::string log = "/tmp/" + uniqueName("syncd"), name = uniqueName("outage");
+  NotifySocket notify;
+  pid_t first = startDaemon(log, notify.path());
+  // Ready: its own start-up requests are done, so no request lock is stopped with it.
+  ASSERT_EQ(notify.next().rfind("READY=1\n", 0), 0u);
+  kill(first, SIGSTOP);
+  int status = 0;
+  waitpid(first, &status, WUNTRACED);
+  auto start = std::chrono::steady_clock::now();
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
+  EXPECT_GE(secondsSince(start), 0.099) << "a stopped manager did not get its full time";
+  EXPECT_FALSE(os_mutex_is_attached(mutex));
+  os_mutex_destroy(mutex);
+  EXPECT_EQ(waitChild(startDaemon(log)), 1) << "a second daemon started beside a stopped one";
+  kill(first, SIGCONT);
+
+  SharedFlags flags;  // 0: manager killed, 1: stop; 2..4: calls failed since, 5..7: longest, in us
+  std::vector<pid_t> clients;
+  for (int c = 0; c < 3; ++c)
+    clients.push_back(startChild([&, c] {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      for (std::string mine = name + std::to_string(c); flags[1] == 0;) {
+        bool killed = flags[0] != 0;
+        auto call = std::chrono::steady_clock::now();
+        mutex_handle* handle = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, mine.c_str());
+        bool attached = os_mutex_is_attached(handle);
+        os_mutex_destroy(handle);
+        int micros = static_cast<int>(secondsSince(call) * 1e6);
+        if (killed && !attached) {
+          ++flags[2 + c];
+          if (micros > flags[5 + c]) flags[5 + c] = micros;
+        }
+      }
+      return 0;
+    }));
+  kill(first, SIGKILL);
+  waitChild(first);
+  flags[0] = 1;
+  for (int c = 0; c < 3; ++c) EXPECT_TRUE(flags.reaches(2 + c, 20, 5.0)) << "client " << c << " stalled";
+  auto launch = std::chrono::steady_clock::now();
+  pid_t second = startDaemon(log);
+  EXPECT_TRUE(waitUntil(liveManagerAnswers, 5.0)) << "no new manager while clients call";
+  EXPECT_LT(secondsSince(launch), 1.5) << "the new manager took long to serve";
+  flags[1] = 1;
+  for (int c = 0; c < 3; ++c) {
+    EXPECT_EQ(waitChild(clients[c]), 0);
+    EXPECT_LT(flags[5 + c], 25000) << "client " << c << ": a call to a dead manager took " << flags[5 + c] << " us";
+  }
+  kill(second, SIGTERM);
+  EXPECT_EQ(waitChild(second), 0);
+  unlink(log.c_str());
+}

@@ -108,8 +108,6 @@ bool os_sync_manager_handle::start() {
   // Without the registry nobody's death is told apart from a live process that
   // is slow: the protocol still works, with its timeouts.
   OS::Private::createRegistry(0777);
-  // Without the record clients still work, with the enabled semaphore alone.
-  createRequestLock();
   // A manager that died left its names behind; they are replaced, not reused.
   sem_unlink(kEnabledSemaphore);
   m_pMutexManagerEnableSemaphore = createSemaphore(kEnabledSemaphore, 1);
@@ -120,7 +118,6 @@ bool os_sync_manager_handle::start() {
     return true;
   }
   releaseBlock(m_pMutexManagerShareMemory);
-  if (m_pRequestLock != nullptr) releaseBlock(m_pRequestLock);
   // A semaphore unlink of the area's name: it finds nothing. Kept as it is.
   sem_unlink(kRequestArea);
   return false;
@@ -199,6 +196,10 @@ LPVOID os_sync_manager_handle::manager_thread(void* lpData) {
   sem_unlink(kRequestSemaphore);
   sem_t* request = createSemaphore(kRequestSemaphore, 0);
   sem_t* finish = createSemaphore(kFinishSemaphore, 0);
+  // The record comes last: clients take a new record for a new manager and
+  // reopen every name, which by then are all this manager's. Without the
+  // record clients still work, with the enabled semaphore alone.
+  self->createRequestLock();
   self->m_bServing = true;
   // A failed semaphore does not stop the thread: it idles until asked to leave.
   self->serve(request, finish);

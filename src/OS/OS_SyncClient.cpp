@@ -44,6 +44,10 @@ void closeSemaphore(sem_t*& sem) {
 
 bool CSyncClient::create(bool bQuiet) {
   destroy();
+  // The record first: a manager makes it after its other names, so when it
+  // is a new manager's record, the names opened next are that manager's too;
+  // an old record names a manager that is gone, which fails a request at once.
+  openRequestLock();
   enable_mutex_manager_sem = openSemaphore(SyncNames::kEnabledSemaphore, 1, bQuiet);
   manage_request_sem = openSemaphore(SyncNames::kRequestSemaphore, 0, bQuiet);
   manage_finish_sem = openSemaphore(SyncNames::kFinishSemaphore, 0, bQuiet);
@@ -51,7 +55,6 @@ bool CSyncClient::create(bool bQuiet) {
   if (manager_memory_handle == nullptr && !bQuiet)
     printf("Error: Can not open %s, errno = %d!\n", SyncNames::kRequestArea, errno);
   if (enable_mutex_manager_sem && manage_request_sem && manage_finish_sem && manager_memory_handle) {
-    openRequestLock();
     // The registry of this manager's names: the one its token is in.
     Private::currentRegistry();
     return true;
