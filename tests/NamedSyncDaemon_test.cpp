@@ -316,3 +316,24 @@ TEST_F(GroupManager, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand
   EXPECT_EQ(memberStatus.status, 1);
   EXPECT_TRUE(contains(memberStatus.out, "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand")) << memberStatus.out;
 }
+
+// A manager without a group, hosted in a process: semaphores 0755, the
+// request area and blocks 0777, less the umask (none here).
+TEST_F(NoManager, WithoutAGroupTheManagersNamesKeepTheirUsualModes) {
+  mode_t saved = umask(0);
+  ASSERT_TRUE(os_sync_environment_initialize(false));
+  std::string name = uniqueName("modes");
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, name.c_str());
+  using namespace OS::SyncNames;
+  const std::pair<std::string, mode_t> expected[] = {{std::string("sem.") + (kEnabledSemaphore + 1), 0755},
+                                                     {std::string("sem.") + (kRequestSemaphore + 1), 0755},
+                                                     {kRequestArea, 0777}, {kRequestLock, 0777}, {name, 0777}};
+  for (const auto& [file, mode] : expected) {
+    struct stat st {};
+    EXPECT_EQ(stat(("/dev/shm/" + file).c_str(), &st), 0) << file;
+    EXPECT_EQ(st.st_mode & 07777, mode) << file;
+  }
+  os_mutex_destroy(mutex);
+  os_sync_environment_uninitialize();
+  umask(saved);
+}

@@ -142,8 +142,9 @@ std::string ManagerAccess::refusal() const {
   }
   if (grouped()) {
     std::string group = groupName(m_reference.group);
+    const passwd* self = getpwuid(geteuid());
     return head + "they belong to group " + group + ". Join it (usermod -aG " + group + " " +
-           userName(geteuid()) + ", then log in again) or run as root";
+           (self != nullptr ? self->pw_name : "NAME") + ", then log in again) or run as root";
   }
   return head + "the sync manager runs without --group, so they belong to the account " +
          userName(m_reference.owner) + " alone. Run as that account or as root, or start the manager with --group";
