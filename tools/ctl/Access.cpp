@@ -102,9 +102,9 @@ std::string ManagerAccess::summary() const {
   if (!m_hasReference) return "";
   if (grouped())
     return "access: members of group " + groupName(m_reference.group) + " (names and objects have mode 0660)";
-  return "access: the account " + userName(m_reference.owner) +
-         " and root only (the manager runs without --group; its semaphores have mode " + octal(m_reference.mode) +
-         ")";
+  std::string who = m_reference.owner == 0 ? "root" : "the account " + userName(m_reference.owner) + " and root";
+  return "access: " + who + " only (the manager runs without --group; its semaphores have mode " +
+         octal(m_reference.mode) + ")";
 }
 
 std::vector<std::string> ManagerAccess::changedByHand() const {
