@@ -2,8 +2,6 @@
 // that this test makes, holds in children and kills.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <limits.h>
-#include <sys/wait.h>
 
 #include <fstream>
 #include <string>
@@ -16,28 +14,9 @@ using namespace testsupport;
 
 namespace {
 
-struct CtlRun {
-  int status;
-  std::string out;
-};
-
 // Runs the tool with the arguments (already quoted for the shell); stderr is
 // kept apart unless the arguments redirect it.
-CtlRun ctl(const std::string& args) {
-  char self[PATH_MAX];
-  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-  std::string dir(self, static_cast<size_t>(length > 0 ? length : 0));
-  std::string command = dir.substr(0, dir.rfind('/')) + "/../tools/ostrelled-ctl " + args;
-  FILE* pipe = popen(command.c_str(), "r");
-  CtlRun run{-1, ""};
-  char buffer[4096];
-  for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, got);
-  int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+ToolRun ctl(const std::string& args) { return runTool(toolPath("ostrelled-ctl") + " " + args); }
 
 void writeBlock(const std::string& name, size_t size, unsigned char flags) {
   int fd = open(("/dev/shm/" + name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
@@ -55,7 +34,7 @@ TEST_F(HostedManager, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
                      [] {});
   ASSERT_TRUE(holder.held());
-  CtlRun listed = ctl("list");
+  ToolRun listed = ctl("list");
   EXPECT_EQ(listed.status, 0);
   EXPECT_TRUE(contains(listed.out, "NAME\tKIND\tATTACHED\tPIDS\tSTATE\n")) << listed.out;
   EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t")) << listed.out;
@@ -67,7 +46,7 @@ TEST_F(HostedManager, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   EXPECT_TRUE(contains(ctl("list --json").out, "{\"name\": \"" + name +
                                                    "\", \"kind\": \"mutex\", \"attached\": 1, \"pids\": [], "
                                                    "\"state\": \"stale\"}"));
-  CtlRun removed = ctl("remove /" + name);
+  ToolRun removed = ctl("remove /" + name);
   EXPECT_EQ(removed.status, 0) << removed.out;
   EXPECT_FALSE(shmExists(name));
   // The manager forgot the block: a new attach starts from a fresh one.
@@ -89,7 +68,7 @@ TEST_F(NoManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
   std::string damaged = uniqueName("ctl_damaged"), foreign = uniqueName("ctl_foreign");
   writeBlock(damaged, 96, 7);  // an event's size with impossible flags
   writeBlock(foreign, 1000, 0);
-  CtlRun listed = ctl("list 2>&1");
+  ToolRun listed = ctl("list 2>&1");
   EXPECT_TRUE(contains(listed.out, damaged + ": the size of a event/condition but not its content")) << listed.out;
   EXPECT_FALSE(contains(listed.out, foreign));
   EXPECT_EQ(ctl("remove " + damaged + " 2>/dev/null").status, 1);
@@ -101,18 +80,18 @@ TEST_F(NoManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
 }
 
 TEST_F(NoManager, StatusTellsMissingNamesFromASilentManager) {
-  CtlRun none = ctl("status");
+  ToolRun none = ctl("status");
   EXPECT_EQ(none.status, 1);
   EXPECT_TRUE(contains(none.out, "no manager names on this machine")) << none.out;
   writeBlock("os_mutex_manage_enabled_sharemomory", 1029, 0);
-  CtlRun partial = ctl("status");
+  ToolRun partial = ctl("status");
   EXPECT_EQ(partial.status, 1);
   EXPECT_TRUE(contains(partial.out, "manager: not answering")) << partial.out;
   unlink("/dev/shm/os_mutex_manage_enabled_sharemomory");
 }
 
 TEST_F(HostedManager, StatusReportsTheServingManager) {
-  CtlRun serving = ctl("status");
+  ToolRun serving = ctl("status");
   EXPECT_EQ(serving.status, 0);
   EXPECT_TRUE(contains(serving.out, "manager: serving (process " + std::to_string(getpid()) + ")")) << serving.out;
   EXPECT_TRUE(contains(serving.out, "request lock: free")) << serving.out;
@@ -135,7 +114,7 @@ TEST_F(HostedManager, InAContainerAnObjectUsedElsewhereIsNeitherStaleNorRemoved)
   ASSERT_TRUE(holder.held());
   Container tool(
       [&] {
-        CtlRun listed = ctl("list 2>&1"), removed = ctl("remove " + name + " 2>&1");
+        ToolRun listed = ctl("list 2>&1"), removed = ctl("remove " + name + " 2>&1");
         FILE* out = fopen(report.c_str(), "w");
         fprintf(out, "%s%s", listed.out.c_str(), removed.out.c_str());
         fclose(out);

@@ -1,8 +1,10 @@
 // The manager daemon, run as a program of the build tree.
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
-#include <limits.h>
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -10,21 +12,21 @@
 #include <sstream>
 #include <string>
 
+#include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_Semaphore.h>
 
+#include "OS/OS_Event.h"
 #include "OS/OS_Mutex.h"
+#include "OS/OS_Semaphore.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;
 
 namespace {
 
-std::string daemonPath() {
-  char self[PATH_MAX];
-  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-  std::string dir(self, static_cast<size_t>(length > 0 ? length : 0));
-  return dir.substr(0, dir.rfind('/')) + "/../tools/ostrelled-syncd";
-}
+std::string daemonPath() { return toolPath("ostrelled-syncd"); }
 
 // Starts the daemon with its output appended to the file log; with a notify
 // socket path, it reports its state there.
@@ -162,4 +164,234 @@ TEST_F(NoManager, AKilledManagerFailsCallsAtOnceAndIsReplacedWhileClientsCall) {
   kill(second, SIGTERM);
   EXPECT_EQ(waitChild(second), 0);
   unlink(log.c_str());
+}
+
+namespace {
+
+// The accounts of a machine that shares named objects with a group: numeric
+// ids that no real account uses, and the group "users".
+struct Account {
+  uid_t uid;
+  gid_t gid;
+  std::vector<gid_t> groups;
+
+  // For a forked child: supplementary groups, group, then user.
+  bool become() const {
+    return setgroups(groups.size(), groups.data()) == 0 && setresgid(gid, gid, gid) == 0 &&
+           setresuid(uid, uid, uid) == 0;
+  }
+  // The same as a command prefix.
+  std::string prefix() const {
+    std::string list;
+    for (gid_t each : groups) list += (list.empty() ? "" : ",") + std::to_string(each);
+    return "setpriv --reuid=" + std::to_string(uid) + " --regid=" + std::to_string(gid) +
+           (list.empty() ? " --clear-groups " : " --groups=" + list + " ");
+  }
+};
+
+// One named object of every kind under one prefix.
+struct EveryKind {
+  explicit EveryKind(const std::string& prefix)
+      : mutex(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, (prefix + "_m").c_str())),
+        rw(os_rw_mutex_create(USE_STD, (prefix + "_rw").c_str())),
+        sems{OS::createSemaphore(0, USE_STD, (prefix + "_sp").c_str(), false),
+             OS::createSemaphore(0, USE_STD, (prefix + "_sv").c_str(), true)},
+        events{OS::createEvent(false, false, USE_STD, (prefix + "_ec").c_str(), false, true),
+               OS::createEvent(false, false, USE_STD, (prefix + "_ep").c_str(), false, false),
+               OS::createEvent(false, false, USE_STD, (prefix + "_ev").c_str(), true, false)} {}
+  ~EveryKind() {
+    os_mutex_destroy(mutex);
+    os_rw_mutex_destroy(rw);
+    for (semaphore_handle*& sem : sems) os_semaphore_destroy(sem);
+    for (event_handle*& event : events) os_event_destroy(event);
+  }
+  int attached() const {
+    int count = os_mutex_is_attached(mutex) + os_rw_mutex_is_attached(rw);
+    for (semaphore_handle* sem : sems) count += os_semaphore_is_attached(sem);
+    for (event_handle* event : events) count += os_event_is_attached(event);
+    return count;
+  }
+  // Holds both mutexes for a moment and leaves one unit in every semaphore and event.
+  void give() {
+    os_mutex_lock(mutex);
+    os_mutex_unlock(mutex);
+    os_rw_mutex_lock_wr(rw);
+    os_rw_mutex_unlock(rw);
+    for (semaphore_handle* sem : sems) os_semaphore_release(sem);
+    for (event_handle* event : events) os_event_set_event(event);
+  }
+  // How many objects hold exactly what one give() leaves.
+  int taken() {
+    int count = os_mutex_trylock(mutex) + os_rw_mutex_trylock_wr(rw);
+    os_mutex_unlock(mutex);
+    os_rw_mutex_unlock(rw);
+    for (semaphore_handle* sem : sems) count += os_semaphore_wait_timeout(sem, deadlineIn(1000)) && os_semaphore_get_value(sem) == 0;
+    for (event_handle* event : events) count += os_event_wait_timeout(event, deadlineIn(1000));
+    return count;
+  }
+  static constexpr int kKinds = 7;
+  static constexpr const char* kSuffixes[kKinds] = {"_m", "_rw", "_sp", "_sv", "_ec", "_ep", "_ev"};
+
+  mutex_handle* mutex;
+  rw_mutex_handle* rw;
+  semaphore_handle* sems[2];
+  event_handle* events[3];
+};
+
+// Every way an outsider could reach a member's objects or the manager's
+// names: how many of them worked (0 expected).
+int outsiderGetsIn(const std::string& prefix) {
+  using namespace OS::SyncNames;
+  EveryKind mine(prefix);
+  int got = mine.attached() + os_mutex_is_attached(mine.mutex);
+  mutex_handle* fresh = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, (prefix + "_new").c_str());
+  got += os_mutex_is_attached(fresh) + shmExists(prefix + "_new");
+  os_mutex_destroy(fresh);
+  for (const char* suffix : EveryKind::kSuffixes) {
+    std::string name = prefix + suffix;
+    got += shm_open(name.c_str(), O_RDONLY, 0) != -1;
+    got += shm_unlink(name.c_str()) == 0;
+  }
+  // Finding a set asks for no permission; reading and posting do.
+  int set = semget(ftok(("/dev/shm/" + prefix + "_sv").c_str(), 0), 1, 0);
+  sembuf post{0, 1, 0};
+  got += (semctl(set, 0, GETVAL) != -1) + (semop(set, &post, 1) == 0);
+  for (const char* sem : {kEnabledSemaphore, kRequestSemaphore, kFinishSemaphore})
+    got += (sem_open(sem, 0) != SEM_FAILED) + (sem_unlink(sem) == 0);
+  for (const char* area : {kRequestArea, kRequestLock})
+    got += (shm_open(area, O_RDONLY, 0) != -1) + (shm_unlink(area) == 0);
+  return got;
+}
+
+}  // namespace
+
+// A manager run as the packaged unit runs it: a service account whose group
+// is the one named by --group, umask 0077.
+class GroupManager : public NoManager {
+ protected:
+  void SetUp() override {
+    NoManager::SetUp();
+    if (IsSkipped()) return;
+    if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+    const group* users = getgrnam("users");
+    if (users == nullptr) GTEST_SKIP() << "no group 'users' on this machine";
+    gid_t g = users->gr_gid;
+    service = {61001, g, {}}, member = {61002, 61002, {g}}, other = {61004, 61004, {g}}, outsider = {61003, 61003, {}};
+    if (runChild([&] { return outsider.become() ? 0 : 1; }) != 0 || system("setpriv --version >/dev/null 2>&1") != 0)
+      GTEST_SKIP() << "accounts cannot be switched here (needs root and setpriv)";
+    std::string path = daemonPath();
+    m_daemon = startChild([&] {
+      int fd = open("/dev/null", O_WRONLY);
+      dup2(fd, 1);
+      if (!service.become()) return 126;
+      umask(0077);
+      execl(path.c_str(), path.c_str(), "--group", "users", static_cast<char*>(nullptr));
+      return 127;
+    });
+    ASSERT_TRUE(waitUntil(liveManagerAnswers, 10.0));
+  }
+  void TearDown() override {
+    if (m_daemon <= 0) return;
+    kill(m_daemon, SIGTERM);
+    EXPECT_EQ(waitChild(m_daemon), 0);
+    EXPECT_EQ(managerNamesLeft(), 0);
+  }
+
+  Account service{}, member{}, other{}, outsider{};
+
+ private:
+  pid_t m_daemon = 0;
+};
+
+// A member holds one object of every kind while an outsider tries every way
+// in and another member then uses them; the holder finds exactly the other
+// member's work, and every name and block belongs to the group, mode 0660.
+TEST_F(GroupManager, MembersShareEveryKindAndAnOutsiderReachesNothing) {
+  std::string prefix = uniqueName("group");
+  auto* step = static_cast<volatile int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  *step = 0;
+  pid_t holder = startChild([&] {
+    if (!member.become()) return 100;
+    EveryKind mine(prefix);
+    *step = mine.attached() == EveryKind::kKinds ? 1 : -1;
+    if (!waitUntil([&] { return *step == 2; }, 8.0)) return 101;
+    return EveryKind::kKinds - mine.taken();
+  });
+  ASSERT_TRUE(waitUntil([&] { return *step != 0; }));
+  ASSERT_EQ(*step, 1);
+  for (const char* suffix : EveryKind::kSuffixes) {
+    struct stat st {};
+    EXPECT_EQ(stat(("/dev/shm/" + prefix + suffix).c_str(), &st), 0) << suffix;
+    EXPECT_EQ(st.st_mode & 07777, 0660u) << suffix;
+    EXPECT_EQ(st.st_gid, service.gid) << suffix;
+    EXPECT_EQ(st.st_uid, service.uid) << suffix;
+  }
+
+  EXPECT_EQ(runChild([&] { return outsider.become() ? outsiderGetsIn(prefix) : 100; }), 0);
+  EXPECT_EQ(runChild([&] {
+              if (!other.become()) return 100;
+              EveryKind theirs(prefix);
+              theirs.give();
+              return EveryKind::kKinds - theirs.attached();
+            }),
+            0);
+  *step = 2;
+  EXPECT_EQ(waitChild(holder), 0);
+  EXPECT_TRUE(liveManagerAnswers());
+  munmap(const_cast<int*>(step), 4);
+}
+
+// The tool tells an outsider which group to join, works for a member, and
+// shows root an object whose mode or group was changed by hand.
+TEST_F(GroupManager, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand) {
+  std::string ctl = toolPath("ostrelled-ctl"), name = uniqueName("group_ctl");
+  HeldInChild holder(
+      [&] {
+        if (member.become()) os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, name.c_str()));
+      },
+      [] {});
+  ASSERT_TRUE(holder.held());
+  for (const std::string& command : {std::string("status"), std::string("list"), "remove --force " + name}) {
+    ToolRun refused = runTool(outsider.prefix() + ctl + " " + command + " 2>&1");
+    EXPECT_EQ(refused.status, 1) << command;
+    EXPECT_TRUE(contains(refused.out, "may not use named objects: they belong to group users. Join it (usermod -aG users"))
+        << refused.out;
+  }
+  EXPECT_TRUE(shmExists(name));
+  ToolRun listed = runTool(member.prefix() + ctl + " list 2>&1");
+  EXPECT_EQ(listed.status, 0);
+  EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t")) << listed.out;
+  EXPECT_TRUE(contains(listed.out, "could not be inspected")) << listed.out;
+
+  chmod(("/dev/shm/" + name).c_str(), 0666);
+  chown("/dev/shm/os_mutex_manage_request_lock", static_cast<uid_t>(-1), 0);
+  ToolRun status = runTool(ctl + " status");
+  EXPECT_EQ(status.status, 0);
+  EXPECT_TRUE(contains(status.out, "access: members of group users")) << status.out;
+  EXPECT_TRUE(contains(status.out, "changed by hand: " + name + " has mode 0666, group users; the manager gives mode 0660, group users")) << status.out;
+  EXPECT_TRUE(contains(status.out, "changed by hand: os_mutex_manage_request_lock has mode 0660, group root")) << status.out;
+  ToolRun memberStatus = runTool(member.prefix() + ctl + " status 2>&1");
+  EXPECT_EQ(memberStatus.status, 1);
+  EXPECT_TRUE(contains(memberStatus.out, "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand")) << memberStatus.out;
+}
+
+// A manager without a group, hosted in a process: semaphores 0755, the
+// request area and blocks 0777, less the umask (none here).
+TEST_F(NoManager, WithoutAGroupTheManagersNamesKeepTheirUsualModes) {
+  mode_t saved = umask(0);
+  ASSERT_TRUE(os_sync_environment_initialize(false));
+  std::string name = uniqueName("modes");
+  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, name.c_str());
+  using namespace OS::SyncNames;
+  const std::pair<std::string, mode_t> expected[] = {{std::string("sem.") + (kEnabledSemaphore + 1), 0755},
+                                                     {std::string("sem.") + (kRequestSemaphore + 1), 0755},
+                                                     {kRequestArea, 0777}, {kRequestLock, 0777}, {name, 0777}};
+  for (const auto& [file, mode] : expected) {
+    struct stat st {};
+    EXPECT_EQ(stat(("/dev/shm/" + file).c_str(), &st), 0) << file;
+    EXPECT_EQ(st.st_mode & 07777, mode) << file;
+  }
+  os_mutex_destroy(mutex);
+  os_sync_environment_uninitialize();
+  umask(saved);
 }

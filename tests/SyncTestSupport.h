@@ -4,6 +4,7 @@
 // Helpers for tests that host the sync manager or use its machine-wide names.
 
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sched.h>
@@ -11,6 +12,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <memory>
@@ -57,6 +59,32 @@ inline int managerNamesLeft() {
     left += shmExists(std::string("sem.") + (sem + 1));
   return left;
 }
+
+// A program of the build tree's tools/ folder.
+inline std::string toolPath(const char* tool) {
+  char self[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  std::string dir(self, static_cast<size_t>(length > 0 ? length : 0));
+  return dir.substr(0, dir.rfind('/')) + "/../tools/" + tool;
+}
+
+struct ToolRun {
+  int status;
+  std::string out;
+};
+
+// Runs a shell command line and collects its standard output.
+inline ToolRun runTool(const std::string& command) {
+  FILE* pipe = popen(command.c_str(), "r");
+  ToolRun run{-1, ""};
+  char buffer[4096];
+  for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, got);
+  int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // True when a manager somewhere answers a request within half a second.
 inline bool liveManagerAnswers() { return os_sync_environment_ping(500); }

@@ -30,13 +30,16 @@ const char kUsage[] =
     "  --help                     show this text; COMMAND --help shows one command\n"
     "\n"
     "Exit status: 0 on success, 1 when the command could not do what was asked\n"
-    "(status: no manager serves), 2 on bad usage.\n";
+    "(status: no manager serves; any command: this account may not use named\n"
+    "objects), 2 on bad usage.\n";
 
 const char kStatusUsage[] =
     "Usage: ostrelled-ctl status\n"
     "Sends the manager one request that it answers and ignores, and reports\n"
-    "whether it answered within 100 ms, how long the answer took, and who holds\n"
-    "the machine's request lock. Exit status 0 when a manager serves, else 1.\n";
+    "whether it answered within 100 ms, how long the answer took, who holds\n"
+    "the machine's request lock, who may use named objects, and every name or\n"
+    "block whose mode or group was changed by hand. Exit status 0 when a manager\n"
+    "serves, else 1.\n";
 
 const char kListUsage[] =
     "Usage: ostrelled-ctl list [--json]\n"

@@ -3,26 +3,34 @@
 // mutexes. Runs until SIGTERM, SIGINT, SIGHUP or SIGQUIT, then removes every
 // name it manages. Tells systemd when it serves and when it stops.
 
+#include <errno.h>
+#include <grp.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include <ostrelled/OS_Sync.h>
 #include <ostrelled/Version.h>
 
 #include "OS/OS_SyncClient.h"
+#include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 #include "ServiceNotify.h"
 
 namespace {
 
 const char kUsage[] =
-    "Usage: ostrelled-syncd [--force] [--version] [--help]\n"
+    "Usage: ostrelled-syncd [--group NAME] [--force] [--version] [--help]\n"
     "Hosts the sync manager of named Ostrelled objects until SIGTERM, SIGINT,\n"
     "SIGHUP or SIGQUIT, then removes every name it manages.\n"
     "\n"
+    "  --group NAME  give every name of the manager and every named object to\n"
+    "             the group NAME, mode 0660: its members may use named objects,\n"
+    "             nobody else may see or change them\n"
     "  --force    start even when the names belong to a manager that cannot be\n"
     "             judged (one without a liveness token) and its request lock stays\n"
     "             taken; if that manager is alive after all, stopping it later\n"
@@ -30,8 +38,8 @@ const char kUsage[] =
     "  --version  show the version\n"
     "  --help     show this text\n"
     "\n"
-    "The manager's semaphores are created with mode 0755 less the umask, so only\n"
-    "this program's user (or root) can use named objects: run it as their user.\n"
+    "Without --group the manager's semaphores are created with mode 0755 less the\n"
+    "umask, so only this program's user (or root) can use named objects.\n"
     "With NOTIFY_SOCKET set (systemd Type=notify) it reports READY=1 once it\n"
     "answers requests and STOPPING=1 when it stops.\n";
 
@@ -41,7 +49,17 @@ constexpr int kReadinessTries = 20;
 
 enum class Start { Serve, Exit0, Usage };
 
-Start parseArguments(int argc, char** argv, bool& force) {
+struct Options {
+  bool force = false;
+  const char* group = nullptr;
+};
+
+Start usage(const char* what, const char* arg) {
+  fprintf(stderr, "ostrelled-syncd: %s '%s'\n%s", what, arg, kUsage);
+  return Start::Usage;
+}
+
+Start parseArguments(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
       fputs(kUsage, stdout);
@@ -51,13 +69,46 @@ Start parseArguments(int argc, char** argv, bool& force) {
       printf("ostrelled-syncd %s\n", OSTRELLED_VERSION_STRING);
       return Start::Exit0;
     }
-    if (strcmp(argv[i], "--force") != 0) {
-      fprintf(stderr, "ostrelled-syncd: unknown argument '%s'\n%s", argv[i], kUsage);
-      return Start::Usage;
+    if (strcmp(argv[i], "--force") == 0) {
+      options.force = true;
+    } else if (strcmp(argv[i], "--group") == 0) {
+      if (i + 1 == argc) return usage("a group name must follow", argv[i]);
+      options.group = argv[++i];
+    } else if (strncmp(argv[i], "--group=", 8) == 0) {
+      options.group = argv[i] + 8;
+    } else {
+      return usage("unknown argument", argv[i]);
     }
-    force = true;
   }
   return Start::Serve;
+}
+
+bool isMemberOf(gid_t group) {
+  if (geteuid() == 0 || getegid() == group) return true;
+  std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr) + 1));
+  int count = getgroups(static_cast<int>(groups.size()), groups.data());
+  for (int i = 0; i < count; ++i)
+    if (groups[static_cast<size_t>(i)] == group) return true;
+  return false;
+}
+
+// The group that every managed name is given to; 0 when it is set, else the
+// exit status: 2 for a group that does not exist, 1 for one this account
+// cannot give its names to.
+int configureGroup(const char* name) {
+  errno = 0;
+  const group* entry = getgrnam(name);
+  if (entry == nullptr) {
+    fprintf(stderr, "ostrelled-syncd: unknown group '%s'%s%s\n", name, errno != 0 ? ": " : "",
+            errno != 0 ? strerror(errno) : "");
+    return 2;
+  }
+  if (!isMemberOf(entry->gr_gid)) {
+    fprintf(stderr, "ostrelled-syncd: this account is not in group '%s', so it cannot give its names to it\n", name);
+    return 1;
+  }
+  OS::Private::setManagedGroup(entry->gr_gid);
+  return 0;
 }
 
 // The manager that made the names is judged by its registry token, which the
@@ -158,8 +209,8 @@ int serve() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool force = false;
-  switch (parseArguments(argc, argv, force)) {
+  Options options;
+  switch (parseArguments(argc, argv, options)) {
     case Start::Exit0:
       return 0;
     case Start::Usage:
@@ -167,6 +218,8 @@ int main(int argc, char** argv) {
     case Start::Serve:
       break;
   }
-  if (!force && !mayStart()) return 1;
+  if (options.group != nullptr)
+    if (int status = configureGroup(options.group); status != 0) return status;
+  if (!options.force && !mayStart()) return 1;
   return serve();
 }

@@ -123,7 +123,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
         puts("warning: can not use condition because semaphore is managed by OS, it should be system V semaphore.");
         m_bUseCondition = false;
       }
-      *reinterpret_cast<int*>(m_wakeup) = OS::SysV::createSet(m_key);
+      *reinterpret_cast<int*>(m_wakeup) = OS::SysV::createSet(m_key, m_owner.m_strEventName);
       m_owner.m_pWakeup->clear();
     } else if (m_kind == Wakeup::Posix) {
       // Starts empty even for an event created set: waiters look at the flag first.

@@ -107,7 +107,7 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
 
   void initialise() override {
     if (m_bManageByOS) {
-      *setId() = OS::SysV::createSet(m_key);
+      *setId() = OS::SysV::createSet(m_key, m_owner.m_strSemaphoreName);
       OS::SysV::setSemVal(*setId(), m_intInitialCount);
     } else {
       sem_init(reinterpret_cast<sem_t*>(m_block + kSemaphoreAt), 1, static_cast<unsigned int>(m_intInitialCount));

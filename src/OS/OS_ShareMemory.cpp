@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <new>
 
+#include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 
 using OS::Private::retryOnEintr;
@@ -40,12 +41,20 @@ bool sharememory_handle::mapDescriptor(size_t size) {
 
 // No O_EXCL in effect: an existing object is reused, resized and cleared.
 // The first, exclusive try only tells whether this call made the object.
-bool sharememory_handle::openForCreate(const char* name, bool& created) {
-  m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT | O_EXCL, 0777); });
+// A name of the manager's goes to its group, if it has one, before anything
+// is written into it.
+bool sharememory_handle::openForCreate(const char* name, bool& created, bool managed) {
+  const mode_t mode = managed ? OS::Private::managedCreateMode(0777) : 0777;
+  m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT | O_EXCL, mode); });
   created = m_hShareMemoryHandle != -1;
   if (!created && errno == EEXIST)
-    m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT, 0777); });
-  return m_hShareMemoryHandle != -1;
+    m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT, mode); });
+  if (m_hShareMemoryHandle == -1) return false;
+  if (!managed || OS::Private::applyManagedAccess(m_hShareMemoryHandle)) return true;
+  OS::Private::ErrnoGuard keep;
+  if (created) shm_unlink(name);
+  closeDescriptor();
+  return false;
 }
 
 // Every page gets its storage before anybody touches it: on a full file
@@ -66,12 +75,13 @@ bool sharememory_handle::backDescriptor(unsigned int size, bool created) {
 // Opens or makes the object, sizes it and gives every page its storage; the
 // descriptor stays open for the caller. On failure everything is closed, and
 // the object stays in /dev/shm unless this call made it and could not back it.
-bool sharememory_handle::prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created) {
+bool sharememory_handle::prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created,
+                                       bool managed) {
   (void)OS::Private::isRealTime(m_RtMode);  // both modes take the same path
   // A handle that maps something already lets go of it first: recreating never leaks a mapping.
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
-  if (!openForCreate(name, created)) return false;
+  if (!openForCreate(name, created, managed)) return false;
   m_strShareMemoryName = name;
   bool ready = retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) == 0 &&
                backDescriptor(uintMemorySize, created);
@@ -87,9 +97,9 @@ void sharememory_handle::closeDescriptor() {
   m_hShareMemoryHandle = -1;
 }
 
-bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int uintMemorySize) {
+bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int uintMemorySize, bool bManaged) {
   bool created = false;
-  if (!prepareObject(strShmName, uintMemorySize, created)) return false;
+  if (!prepareObject(strShmName, uintMemorySize, created, bManaged)) return false;
   if (!mapDescriptor(uintMemorySize)) {
     OS::Private::ErrnoGuard keep;
     sharememory_close();
@@ -106,7 +116,7 @@ bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int
 // existed before, and new objects read as zeros anyway.
 bool sharememory_handle::sharememory_create_unmapped(const char* strShmName, unsigned int uintMemorySize) {
   bool created = false;
-  if (!prepareObject(strShmName, uintMemorySize, created)) return false;
+  if (!prepareObject(strShmName, uintMemorySize, created, true)) return false;
   static const char kZeros[4096] = {};
   for (off_t at = 0; !created && at < static_cast<off_t>(uintMemorySize);) {
     size_t chunk = std::min(sizeof kZeros, static_cast<size_t>(uintMemorySize - at));
@@ -178,6 +188,11 @@ sharememory_handle* makeShareMemory(RT_MODE mode, Setup setup) {
 
 sharememory_handle* os_sharememory_create(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {
   return makeShareMemory(mode, [&](sharememory_handle& h) { return h.sharememory_create(strShmName, uintMemorySize); });
+}
+
+sharememory_handle* createManagedShareMemory(const char* strShmName, unsigned int uintMemorySize) {
+  return makeShareMemory(USE_DEFAULT,
+                         [&](sharememory_handle& h) { return h.sharememory_create(strShmName, uintMemorySize, true); });
 }
 
 sharememory_handle* createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {

@@ -17,9 +17,10 @@ class sharememory_handle {
   sharememory_handle(const sharememory_handle&) = delete;
   sharememory_handle& operator=(const sharememory_handle&) = delete;
 
-  bool sharememory_create(const char* strShmName, unsigned int uintMemorySize);
-  // As sharememory_create, leaving the object unmapped (for the sync manager,
-  // which never reads the blocks it makes).
+  // bManaged: a name of the sync manager's, given to its group (ManagedAccess.h).
+  bool sharememory_create(const char* strShmName, unsigned int uintMemorySize, bool bManaged = false);
+  // As sharememory_create of a managed name, leaving the object unmapped (for
+  // the sync manager, which never reads the blocks it makes).
   bool sharememory_create_unmapped(const char* strShmName, unsigned int uintMemorySize);
   bool sharememory_open(const char* strShmName);
   void sharememory_close();
@@ -28,9 +29,9 @@ class sharememory_handle {
   size_t sharememory_get_size() const { return m_uintMemorySize; }
 
  private:
-  bool prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created);
+  bool prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created, bool managed);
   void closeDescriptor();
-  bool openForCreate(const char* name, bool& created);
+  bool openForCreate(const char* name, bool& created, bool managed);
   bool backDescriptor(unsigned int size, bool created);
   bool mapDescriptor(size_t size);
 
@@ -41,7 +42,10 @@ class sharememory_handle {
   RT_MODE m_RtMode;
 };
 
-// os_sharememory_create without the mapping: null on failure, errno kept.
+// os_sharememory_create of one of the sync manager's names, given to its group
+// when it has one: null on failure, errno kept.
+sharememory_handle* createManagedShareMemory(const char* strShmName, unsigned int uintMemorySize);
+// The same without the mapping, for the blocks of named objects.
 sharememory_handle* createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode);
 
 #endif

@@ -14,6 +14,7 @@
 #include <ostrelled/OS_Thread.h>
 
 #include "OS/internal/Liveness.h"
+#include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
 #include "OS/OS_Mutex.h"
@@ -29,8 +30,15 @@ namespace {
 // request area and would have the manager populate (and lock) that much memory.
 constexpr unsigned int kMaxManagedBlockSize = 16u * 1024u * 1024u;
 
+// Given to the manager's group, if it has one, before any client can open it.
 sem_t* createSemaphore(const char* name, unsigned int value) {
-  sem_t* sem = sem_open(name, O_CREAT | O_EXCL, 0755, value);
+  sem_t* sem = sem_open(name, O_CREAT | O_EXCL, OS::Private::managedCreateMode(0755), value);
+  if (sem != SEM_FAILED && !OS::Private::applyManagedAccess(name)) {
+    OS::Private::ErrnoGuard keep;
+    sem_close(sem);
+    sem_unlink(name);
+    sem = SEM_FAILED;
+  }
   if (sem == SEM_FAILED) {
     printf("Error:can not create %s, errno = %d!\n", name, errno);
     return nullptr;
@@ -103,7 +111,7 @@ bool nameStillLinked(const char* strMemoryName) {
 
 bool os_sync_manager_handle::start() {
   // Created, not opened: an area left by a dead manager is reused in place and cleared.
-  m_pMutexManagerShareMemory = os_sharememory_create(kRequestArea, OS::kRequestAreaSize, USE_DEFAULT);
+  m_pMutexManagerShareMemory = createManagedShareMemory(kRequestArea, OS::kRequestAreaSize);
   if (m_pMutexManagerShareMemory == nullptr) return false;
   // Without the registry nobody's death is told apart from a live process that
   // is slow: the protocol still works, with its timeouts.
@@ -127,7 +135,7 @@ bool os_sync_manager_handle::start() {
 // that died may still hold the old record's mutex.
 bool os_sync_manager_handle::createRequestLock() {
   shm_unlink(kRequestLock);
-  m_pRequestLock = os_sharememory_create(kRequestLock, sizeof(OS::RequestLockRecord), USE_DEFAULT);
+  m_pRequestLock = createManagedShareMemory(kRequestLock, sizeof(OS::RequestLockRecord));
   if (m_pRequestLock == nullptr) return false;
   OS::Private::initMutex(&record()->mutex, PTHREAD_MUTEX_NORMAL, false, true);
   record()->manager = static_cast<unsigned int>(OS::Private::ownPid());

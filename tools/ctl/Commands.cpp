@@ -7,6 +7,7 @@
 
 #include "OS/internal/Private.h"
 #include "OS/OS_SyncClient.h"
+#include "ctl/Access.h"
 #include "ctl/Inventory.h"
 
 namespace ctl {
@@ -18,17 +19,21 @@ constexpr long kNanosPerMilli = 1000000L;
 // given back within 100 ms, so a lock taken longer is held by a live process.
 constexpr long kLockWaitNanos = 200 * kNanosPerMilli;
 
-// A named semaphore "/x" is the file "sem.x" under /dev/shm.
-bool anyManagerNamePresent() {
-  using namespace OS::SyncNames;
-  std::string files[] = {std::string("sem.") + (kEnabledSemaphore + 1), std::string("sem.") + (kRequestSemaphore + 1),
-                         std::string("sem.") + (kFinishSemaphore + 1), kRequestArea, kRequestLock};
-  for (const std::string& file : files)
-    if (access((kShmFolder + file).c_str(), F_OK) == 0) return true;
-  return false;
+// An account that may not open the manager's names is told so instead of
+// being shown a manager that seems absent or a list that seems empty.
+bool refuses(const ManagerAccess& access) {
+  if (access.refused().empty()) return false;
+  fprintf(stderr, "ostrelled-ctl: %s\n", access.refusal().c_str());
+  return true;
 }
 
-void printManager(const OS::ManagerProbe& probe) {
+void printAccess(const ManagerAccess& access) {
+  std::string summary = access.summary();
+  if (!summary.empty()) puts(summary.c_str());
+  for (const std::string& line : access.changedByHand()) puts(line.c_str());
+}
+
+void printManager(const OS::ManagerProbe& probe, bool anyNamePresent) {
   switch (probe.state) {
     case OS::ManagerState::Serving:
       printf("manager: serving (process %d)\n", static_cast<int>(managerPid()));
@@ -41,7 +46,7 @@ void printManager(const OS::ManagerProbe& probe) {
       puts("manager: unknown (a living process has held the request lock for 200 ms)");
       return;
     case OS::ManagerState::NoNames:
-      puts(anyManagerNamePresent() ? "manager: not answering (only some of its names are present)"
+      puts(anyNamePresent ? "manager: not answering (only some of its names are present)"
                                    : "manager: none (no manager names on this machine)");
       return;
   }
@@ -60,16 +65,23 @@ void printLock(pid_t holder, bool alive) {
 }  // namespace
 
 int runStatus() {
-  bool present = anyManagerNamePresent();
+  ManagerAccess access = ManagerAccess::read();
+  if (refuses(access)) {
+    printAccess(access);
+    return 1;
+  }
+  bool present = access.anyPresent();
   bool alive = false;
   pid_t holder = present ? requestLockHolder(alive) : 0;
   OS::ManagerProbe probe = OS::probeManager(OS::Private::deadlineAfter(kLockWaitNanos));
-  printManager(probe);
+  printManager(probe, present);
   if (present) printLock(holder, alive);
+  printAccess(access);
   return probe.state == OS::ManagerState::Serving ? 0 : 1;
 }
 
 int runList(bool json) {
+  if (refuses(ManagerAccess::read())) return 1;
   std::vector<std::string> problems;
   std::vector<Block> blocks = listBlocks(problems);
   for (const std::string& problem : problems) fprintf(stderr, "ostrelled-ctl: %s\n", problem.c_str());
@@ -172,6 +184,7 @@ class Remover {
 }  // namespace
 
 int runRemove(const std::vector<std::string>& names, bool force) {
+  if (refuses(ManagerAccess::read())) return 1;
   Remover remover(force);
   int status = 0;
   for (const std::string& name : names)

@@ -75,6 +75,8 @@ Reading readBytes(const std::string& name, struct stat& st, unsigned char* bytes
 
 }  // namespace
 
+bool isBlockSize(off_t size) { return layoutOfSize(size) != nullptr; }
+
 bool isManagerName(const std::string& name) { return name.compare(0, 16, "os_mutex_manage_") == 0; }
 
 Reading readBlock(const std::string& name, Block& block) {

@@ -39,6 +39,8 @@ Reading readBlock(const std::string& name, Block& block);
 
 // The manager's names, which are never listed nor removed.
 bool isManagerName(const std::string& name);
+// Whether a file of this size may be a named object's block.
+bool isBlockSize(off_t size);
 
 // Every named-object block under /dev/shm, sorted by name, with its mappers.
 // Damaged blocks, and processes whose use is unknown, are reported in

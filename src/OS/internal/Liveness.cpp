@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 
 namespace OS {
@@ -240,8 +241,12 @@ ProcessRegistry* latestRegistry() { return gLatest.load(std::memory_order_acquir
 // A registry of a manager that died is kept: its tokens still describe the
 // processes that hold objects. Anything else under the name is made anew.
 bool createRegistry(mode_t mode) {
-  int fd = shm_open(kRegistryName, O_RDWR | O_CREAT | O_CLOEXEC, mode);
+  int fd = shm_open(kRegistryName, O_RDWR | O_CREAT | O_CLOEXEC, managedCreateMode(mode));
   if (fd < 0) return false;
+  if (!applyManagedAccess(fd)) {
+    close(fd);
+    return false;
+  }
   struct stat st;
   Header header{};
   bool valid = fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) == kRegistrySize &&

@@ -9,6 +9,7 @@
 //                              hasPassed), lockBefore, takeSoon, text delivery
 //   internal/RobustMutex.h     pthread mutex set-up and locking that repairs a dead owner
 //   internal/NamedObject.h     attach/detach of named objects through the manager
+//   internal/ManagedAccess.h   the group and mode of every name the manager creates
 //   internal/SyncPrimitives.h  one wake-up class per kind: futex condition, POSIX, System V
 //   internal/SysVSemaphore.h   System V semaphore operations and keys
 //   internal/Paths.h           path tests shared by files, folders and walks

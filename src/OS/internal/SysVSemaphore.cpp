@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 
 #include "OS/internal/Private.h"
 
@@ -72,7 +73,24 @@ bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bo
   return false;
 }
 
-int createSet(key_t key) { return semget(key, 1, IPC_CREAT | 0755); }
+// A set is as private as its block. One made for the manager's group (nothing
+// for others) is created for its owner alone and then handed to the block's
+// group, so that every member may post it and nobody else may even read it.
+int createSet(key_t key, const std::string& name) {
+  struct stat block;
+  bool grouped = stat(("/dev/shm/" + name).c_str(), &block) == 0 && (block.st_mode & S_IRWXO) == 0;
+  int id = semget(key, 1, IPC_CREAT | (grouped ? 0600 : 0755));
+  if (id == -1 || !grouped) return id;
+  semid_ds perm{};
+  semun arg{};
+  arg.buf = &perm;
+  if (semctl(id, 0, IPC_STAT, arg) == 0) {
+    perm.sem_perm.gid = block.st_gid;
+    perm.sem_perm.mode = static_cast<unsigned short>(block.st_mode & (S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP));
+    semctl(id, 0, IPC_SET, arg);
+  }
+  return id;
+}
 
 bool keyOfBlock(const std::string& name, const char* what, key_t& key) {
   std::string path = "/dev/shm/" + name;

@@ -29,7 +29,9 @@ bool waitSem(const char* prefix, int intSemId, bool bUndoTrack);
 bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bool bUndoTrack);
 
 // semget(key, 1, IPC_CREAT | 0755) for a new named object: the set id, or -1.
-int createSet(key_t key);
+// When the block "/dev/shm/<name>" gives nothing to others (the manager has a
+// group), the set gets the block's group and its mode 0660 instead.
+int createSet(key_t key, const std::string& name);
 
 // ftok of the block's file "/dev/shm/<name>" with project id 0, so that every
 // process attached to one name reaches one set. False when the file cannot be
