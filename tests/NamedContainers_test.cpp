@@ -119,9 +119,9 @@ TEST_F(Containers, ADeadWritersReusedProcessIdNeverBlocksTheNextReader) {
   waitChild(heir, 0.0);
 }
 
-// Plain and recursive mutexes exclude across namespaces; a priority-inheriting
-// one is refused there, never aborted. The recursive one's other user is not
-// pid 1: the C library takes a thread whose id equals the owner's for the owner.
+// Plain and recursive mutexes exclude across namespaces, also between two
+// holders that are both pid 1 in theirs; a priority-inheriting one is refused
+// there, never aborted.
 TEST_F(Containers, MutexesExcludeAcrossNamespacesAndPriorityInheritanceIsRefused) {
   for (unsigned int flag : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE, MUTEX_PRIO_INHERIT}) {
     std::string name = uniqueName("mutex_ns");
@@ -147,7 +147,7 @@ TEST_F(Containers, MutexesExcludeAcrossNamespacesAndPriorityInheritanceIsRefused
       os_mutex_destroy(mutex);
       return result;
     };
-    int other = flag == MUTEX_RECURSIVE ? runChild(otherSide) : Container(otherSide).wait();
+    int other = Container(otherSide).wait();
     EXPECT_EQ(other, 0) << "flag " << std::hex << flag << ": 1 in beside the holder, 3 not refused cleanly";
     flags[1] = 1;
     EXPECT_EQ(holder.wait(), 0) << "flag " << std::hex << flag;

@@ -58,14 +58,17 @@ TEST_F(HostedManager, NamedMutexKilledWhileHeldIsRecoveredByTheNextLocker) {
 }
 
 TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlags) {
-  for (unsigned int flags : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT}) {
+  for (unsigned int flags : {DEFAULT_MUTEX_ATTRIBUTE, MUTEX_RECURSIVE, MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT}) {
     std::string name = uniqueName("attributes");
     mutex_handle* first = named(name, flags);
     mutex_handle* second = named(name, flags ^ MUTEX_RECURSIVE);
     ASSERT_NE(second->m_pMutex, nullptr);
     os_mutex_lock(second);
-    bool relocked = pthread_mutex_trylock(second->m_pMutex) == 0;
+    bool relocked = os_mutex_trylock(first);
     EXPECT_EQ(relocked, flags != DEFAULT_MUTEX_ATTRIBUTE) << "recursive only when the first creator asked";
+    bool otherThread = true;
+    std::thread([&] { otherThread = os_mutex_trylock(second); }).join();
+    EXPECT_FALSE(otherThread) << "another thread of the holder's process got in (flags " << flags << ")";
     for (int held = relocked ? 2 : 1; held > 0; --held) os_mutex_unlock(second);
     os_mutex_destroy(first);
     EXPECT_TRUE(shmExists(name)) << "a handle remains";

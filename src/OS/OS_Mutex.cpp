@@ -4,6 +4,9 @@
 #include <stdio.h>
 
 #include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
 
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
@@ -44,6 +47,70 @@ class MutexSteps final : public OS::NamedObjectSteps {
   unsigned int m_flags;
 };
 
+// A named recursive mutex is a normal robust one whose recursion this process
+// counts: the C library would take a thread of another PID namespace with the
+// owner's thread id for the owner. The count is kept per name, so that every
+// handle of the process shares it, and changed only by the thread that holds
+// the mutex. A thread counts as the holder when it took the mutex (a key of
+// this process's incarnation and the thread) and the mutex still records its
+// id, which the kernel clears when a holder dies.
+std::atomic<unsigned long> gIncarnation{0};
+std::mutex gRecursionsLock;
+std::map<std::string, Recursion*> gRecursions;
+
+unsigned long threadKey() {
+  return static_cast<unsigned long>(pthread_self()) ^ (gIncarnation.load(std::memory_order_relaxed) << 48);
+}
+
+}  // namespace
+
+struct Recursion {
+  int handles = 0;
+  std::atomic<unsigned long> owner{0};
+  unsigned int depth = 0;
+
+  bool heldHere(const pthread_mutex_t* mutex) const {
+    return owner.load(std::memory_order_relaxed) == threadKey() && OS::Private::ownerIdIsMine(mutex);
+  }
+  void took() {
+    owner.store(threadKey(), std::memory_order_relaxed);
+    depth = 1;
+  }
+  // False while the holder keeps the mutex (an inner unlock).
+  bool release() {
+    if (owner.load(std::memory_order_relaxed) != threadKey() || depth == 0) return true;
+    if (--depth > 0) return false;
+    owner.store(0, std::memory_order_relaxed);
+    return true;
+  }
+};
+
+namespace {
+
+Recursion* shareRecursion(const std::string& name) {
+  static const bool registered = (pthread_atfork([] { gRecursionsLock.lock(); }, [] { gRecursionsLock.unlock(); },
+                                                 [] {
+                                                   ++gIncarnation;  // a forked child holds nothing
+                                                   gRecursionsLock.unlock();
+                                                 }),
+                                  true);
+  (void)registered;
+  std::lock_guard<std::mutex> hold(gRecursionsLock);
+  Recursion*& shared = gRecursions[name];
+  if (shared == nullptr) shared = new Recursion;
+  ++shared->handles;
+  return shared;
+}
+
+void releaseRecursion(const std::string& name, Recursion*& recursion) {
+  std::lock_guard<std::mutex> hold(gRecursionsLock);
+  if (--recursion->handles == 0) {
+    gRecursions.erase(name);
+    delete recursion;
+  }
+  recursion = nullptr;
+}
+
 }  // namespace
 
 mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName)
@@ -57,6 +124,7 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, OS::Private::kMutexBlockSize, steps);
     // bind ran only for a block that opened; without one nothing may point anywhere.
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
+    if (m_pMutex != nullptr && OS::Private::countsOwnRecursion(m_pMutex)) m_pRecursion = shareRecursion(m_strMutexName);
     return;
   }
   OS::Private::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
@@ -65,6 +133,7 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
 }
 
 mutex_handle::~mutex_handle() {
+  if (m_pRecursion != nullptr) releaseRecursion(m_strMutexName, m_pRecursion);
   if (m_pMutexShareMemory != nullptr) {
     // Only the machine's last handle destroys the mutex; others just let go of the block.
     MutexSteps steps(*this, 0);
@@ -88,20 +157,44 @@ void os_mutex_lock(mutex_handle* handle) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return;
   // Both modes make the same calls; the mode is only consulted.
   (void)OS::Private::isRealTime(handle->m_RtMode);
+  Recursion* recursion = handle->m_pRecursion;
+  if (__builtin_expect(recursion != nullptr, 0) && recursion->heldHere(handle->m_pMutex)) {
+    ++recursion->depth;
+    return;
+  }
   // The uncontended path stays one call deep; recovery and errors go out of line.
   int result = pthread_mutex_lock(handle->m_pMutex);
-  if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result);
+  bool held = __builtin_expect(result == 0, 1) || OS::Private::lockFailed(handle->m_pMutex, result);
+  if (recursion != nullptr && held) recursion->took();
 }
 
 // The result is ignored: unlocking a mutex this thread does not hold is the caller's error.
 void os_mutex_unlock(mutex_handle* handle) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return;
+  if (handle->m_pRecursion != nullptr && !handle->m_pRecursion->release()) return;
   pthread_mutex_unlock(handle->m_pMutex);
 }
 
+namespace {
+
+// A try or a timed lock: an inner one of a recursive mutex only counts.
+template <class Take>
+bool takeCounting(mutex_handle* handle, Take take) {
+  Recursion* recursion = handle->m_pRecursion;
+  if (recursion != nullptr && recursion->heldHere(handle->m_pMutex)) {
+    ++recursion->depth;
+    return true;
+  }
+  bool held = OS::Private::tookMutex(handle->m_pMutex, take());
+  if (recursion != nullptr && held) recursion->took();
+  return held;
+}
+
+}  // namespace
+
 bool os_mutex_trylock(mutex_handle* handle) {
   if (handle == nullptr || handle->m_pMutex == nullptr) return false;
-  return OS::Private::tookMutex(handle->m_pMutex, pthread_mutex_trylock(handle->m_pMutex));
+  return takeCounting(handle, [&] { return pthread_mutex_trylock(handle->m_pMutex); });
 }
 
 // CLOCK_MONOTONIC also for priority inheritance: the C library passes the
@@ -111,7 +204,7 @@ bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
   // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
   if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= OS::Private::kNanosPerSecond, 0))
     os_clock_adjust_clock_time(&deadline);
-  return OS::Private::tookMutex(handle->m_pMutex, OS::Private::lockBefore(handle->m_pMutex, deadline));
+  return takeCounting(handle, [&] { return OS::Private::lockBefore(handle->m_pMutex, deadline); });
 }
 
 bool os_mutex_is_attached(const mutex_handle* handle) { return handle != nullptr && handle->m_pMutex != nullptr; }

@@ -22,6 +22,8 @@ class mutex_handle {
   sharememory_handle* m_pMutexShareMemory;
   pthread_mutex_t* m_pMutex;  // in the block, at m_anonymous.mutex, or null when unattached
   RT_MODE m_RtMode;
+  // A named recursive mutex's recursion, counted here (see OS_Mutex.cpp); null otherwise.
+  struct Recursion* m_pRecursion = nullptr;
   // The anonymous kind's storage, which the pointer above aims at.
   struct {
     pthread_mutex_t mutex;

@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include "OS/internal/Liveness.h"
 
@@ -12,26 +13,41 @@ namespace Private {
 
 namespace {
 
-// The namespace tag lives in the mutex's spin and elision words, which the C
-// library uses only for adaptive and elided mutexes, never for one with
-// priority inheritance; it zeroes them at initialisation. So the block keeps
-// its size and layout, and an untagged mutex (0) is usable everywhere.
+// The tag lives in the mutex's spin and elision words, which the C library
+// uses only for adaptive and elided mutexes, never for a robust one (every
+// shared mutex here is robust); it zeroes them at initialisation. So the block
+// keeps its size and layout, and an untagged mutex (0) is usable everywhere.
 static_assert(offsetof(pthread_mutex_t, __data.__spins) + 2 == offsetof(pthread_mutex_t, __data.__elision),
               "the tag spans the spin and elision words");
 uint32_t* namespaceTag(pthread_mutex_t* mutex) { return reinterpret_cast<uint32_t*>(&mutex->__data.__spins); }
+uint32_t tagOf(const pthread_mutex_t* mutex) {
+  return __atomic_load_n(namespaceTag(const_cast<pthread_mutex_t*>(mutex)), __ATOMIC_RELAXED);
+}
+// The same word marks a recursive mutex of the library's own counting;
+// namespace inodes are far above it.
+constexpr uint32_t kOwnRecursionTag = 1;
 
 }  // namespace
 
 bool usableInThisNamespace(const pthread_mutex_t* mutex) {
-  uint32_t tag = __atomic_load_n(namespaceTag(const_cast<pthread_mutex_t*>(mutex)), __ATOMIC_RELAXED);
+  uint32_t tag = tagOf(mutex);
   uint32_t mine = static_cast<uint32_t>(ownPidNamespace());
-  return tag == 0 || mine == 0 || tag == mine;
+  return tag == 0 || tag == kOwnRecursionTag || mine == 0 || tag == mine;
+}
+
+bool countsOwnRecursion(const pthread_mutex_t* mutex) { return tagOf(mutex) == kOwnRecursionTag; }
+
+bool ownerIdIsMine(const pthread_mutex_t* mutex) {
+  constexpr int kTidMask = 0x3fffffff;  // the futex word's owner bits
+  int word = __atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED);
+  return (word & kTidMask) == static_cast<int>(gettid());
 }
 
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared) {
   pthread_mutexattr_t attr;
   pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, type);
+  bool ownRecursion = processShared && type == PTHREAD_MUTEX_RECURSIVE && !prioInherit;
+  pthread_mutexattr_settype(&attr, ownRecursion ? PTHREAD_MUTEX_NORMAL : type);
   if (prioInherit) pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_INHERIT);
   if (processShared) {
     pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
@@ -40,6 +56,7 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
   int result = pthread_mutex_init(mutex, &attr);
   pthread_mutexattr_destroy(&attr);
   if (result == 0 && prioInherit && processShared) *namespaceTag(mutex) = static_cast<uint32_t>(ownPidNamespace());
+  if (result == 0 && ownRecursion) *namespaceTag(mutex) = kOwnRecursionTag;
   return result;
 }
 

@@ -14,6 +14,16 @@ namespace Private {
 // creator's PID namespace (see usableInThisNamespace).
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared);
 
+// A shared recursive mutex without priority inheritance counts its recursion
+// in the library, not in the C library: that one takes any thread whose id
+// equals the owner's for the owner, and thread ids repeat across PID
+// namespaces (each container's first process is 1). It is a normal robust
+// mutex marked as such; see OS_Mutex.cpp.
+bool countsOwnRecursion(const pthread_mutex_t* mutex);
+// Whether the calling thread's id is the one the mutex records as its owner
+// (the kernel clears it when the owner dies).
+bool ownerIdIsMine(const pthread_mutex_t* mutex);
+
 // Whether this process may use a shared mutex: false only for a priority-
 // inheriting one made in another PID namespace. The kernel finds the owner of
 // such a mutex by thread id in the waiter's namespace; from another namespace
