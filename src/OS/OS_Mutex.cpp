@@ -56,7 +56,7 @@ class MutexSteps final : public OS::NamedObjectSteps {
 // id, which the kernel clears when a holder dies.
 std::atomic<unsigned long> gIncarnation{0};
 std::mutex gRecursionsLock;
-std::map<std::string, Recursion*> gRecursions;
+std::map<std::string, Recursion*>& gRecursions = *new std::map<std::string, Recursion*>;
 
 unsigned long threadKey() {
   return static_cast<unsigned long>(pthread_self()) ^ (gIncarnation.load(std::memory_order_relaxed) << 48);

@@ -77,9 +77,10 @@ struct ProcessRegistry::State {
 
 namespace {
 
-// Registries are kept for the life of the process: handles point at them.
+// Registries are kept for the life of the process, also through its exit:
+// handles point at them.
 std::mutex gRegistriesLock;
-std::vector<ProcessRegistry::State*> gRegistries;
+std::vector<ProcessRegistry::State*>& gRegistries = *new std::vector<ProcessRegistry::State*>;
 std::atomic<ProcessRegistry*> gLatest{nullptr};
 std::atomic<uint64_t> gOwnPidNamespace{~uint64_t{0}};
 

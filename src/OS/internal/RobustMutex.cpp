@@ -19,7 +19,14 @@ namespace {
 // keeps its size and layout, and an untagged mutex (0) is usable everywhere.
 static_assert(offsetof(pthread_mutex_t, __data.__spins) + 2 == offsetof(pthread_mutex_t, __data.__elision),
               "the tag spans the spin and elision words");
-uint32_t* namespaceTag(pthread_mutex_t* mutex) { return reinterpret_cast<uint32_t*>(&mutex->__data.__spins); }
+// A named mutex sits at offset 4 of its block, so the structure is addressed
+// by bytes: its words are 4-byte aligned, the structure itself is not 8.
+constexpr size_t kTagAt = offsetof(pthread_mutex_t, __data.__spins);
+constexpr size_t kOwnerWordAt = offsetof(pthread_mutex_t, __data.__lock);
+static_assert(kTagAt % 4 == 0 && kOwnerWordAt % 4 == 0, "both words stay 4-byte aligned");
+uint32_t* namespaceTag(pthread_mutex_t* mutex) {
+  return reinterpret_cast<uint32_t*>(reinterpret_cast<unsigned char*>(mutex) + kTagAt);
+}
 uint32_t tagOf(const pthread_mutex_t* mutex) {
   return __atomic_load_n(namespaceTag(const_cast<pthread_mutex_t*>(mutex)), __ATOMIC_RELAXED);
 }
@@ -39,7 +46,8 @@ bool countsOwnRecursion(const pthread_mutex_t* mutex) { return tagOf(mutex) == k
 
 bool ownerIdIsMine(const pthread_mutex_t* mutex) {
   constexpr int kTidMask = 0x3fffffff;  // the futex word's owner bits
-  int word = __atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED);
+  const int* owner = reinterpret_cast<const int*>(reinterpret_cast<const unsigned char*>(mutex) + kOwnerWordAt);
+  int word = __atomic_load_n(owner, __ATOMIC_RELAXED);
   return (word & kTidMask) == static_cast<int>(gettid());
 }
 
