@@ -64,7 +64,7 @@ TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlags) {
     mutex_handle* second = named(name, flags ^ MUTEX_RECURSIVE);
     ASSERT_NE(second->m_pMutex, nullptr);
     os_mutex_lock(second);
-    bool relocked = os_mutex_trylock(first);
+    bool relocked = os_mutex_trylock(second);
     EXPECT_EQ(relocked, flags != DEFAULT_MUTEX_ATTRIBUTE) << "recursive only when the first creator asked";
     bool otherThread = true;
     std::thread([&] { otherThread = os_mutex_trylock(second); }).join();

@@ -185,14 +185,14 @@ unsigned char* CSyncClient::area() const {
 bool CSyncClient::postAndWait(const timespec& deadline) {
   while (sem_trywait(manage_finish_sem) == 0) {
   }
-  if (managerGone()) return false;
   RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
   long spin = kRequestSpinNanos;
   for (;;) {
     // In slices, so that a manager that died is noticed within one; a live
-    // one, however slow, has until the deadline.
+    // one, however slow, has until the deadline. A request answered within
+    // the first slice, as nearly all are, never asks.
     timespec slice = Private::deadlineAfter(kManagerCheckNanos);
     bool last = !Private::isEarlier(slice, deadline);
     if (Private::takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {

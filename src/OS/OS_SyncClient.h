@@ -44,7 +44,7 @@ constexpr long kRequestTimeoutNanos = 100000000L;
 constexpr long kRequestSpinNanos = 50000L;
 // A client waiting for an answer looks this often whether the manager still
 // lives, so that a manager that died fails a request at once, not at its timeout.
-constexpr long kManagerCheckNanos = 2000000L;
+constexpr long kManagerCheckNanos = 1000000L;
 
 // The request-lock record, host byte order. The robust mutex is taken before
 // the enabled semaphore, so that the kernel tells the next taker when a holder

@@ -42,10 +42,12 @@ struct ProtocolIdentity {
 // replacement in between shows up as a mismatch next time.
 class CachedClient {
  public:
-  CSyncClient* acquire() {
+  // reopened: set when the client had to be opened anew.
+  CSyncClient* acquire(bool* reopened = nullptr) {
     ProtocolIdentity now;
     bool present = now.read();
     if (m_bOpen && present && now == m_identity) return &m_client;
+    if (reopened != nullptr) *reopened = true;
     m_bOpen = false;
     // Also when the names are missing: create() then prints what it could not open.
     if (!m_client.create()) return nullptr;
@@ -91,8 +93,16 @@ sharememory_handle* joinBlock(sharememory_handle* block, NamedObjectSteps& steps
 sharememory_handle* attachNamedObject(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps) {
   // Every kind refuses longer names first; this keeps the request area safe regardless.
   if (name.size() > kMaxObjectNameLength) return nullptr;
-  CSyncClient* client = tCachedClient.acquire();
+  bool reopened = false;
+  CSyncClient* client = tCachedClient.acquire(&reopened);
   if (client == nullptr) return nullptr;
+  // After a request went unanswered the client is reopened, and a manager
+  // that has ended fails the attach at once (a detach needs no manager unless
+  // it is the last one, and then fails within one slice of its wait).
+  if (reopened && client->managerGone()) {
+    tCachedClient.invalidate();
+    return nullptr;
+  }
   // A process that uses named objects is registered, so that others (and the
   // inspection tool) can tell whether it lives; once per process.
   if (Private::ProcessRegistry* registry = Private::latestRegistry()) registry->own();
