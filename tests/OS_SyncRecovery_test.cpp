@@ -20,27 +20,6 @@ namespace {
 
 mutex_handle* named(const std::string& n) { return os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, n.c_str()); }
 
-// Whether the request lock is free: the enabled semaphore given back and no holder recorded.
-bool requestLockFree() {
-  OS::CSyncClient client;
-  sharememory_handle* block = os_sharememory_open(OS::SyncNames::kRequestLock, USE_STD);
-  int value = 0;
-  bool free = client.create(true) && block != nullptr && sem_getvalue(client.enable_mutex_manager_sem, &value) == 0 &&
-              value == 1 && static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(block))->holder == 0;
-  os_sharememory_destroy(block);
-  return free;
-}
-
-// A manager in a child process, so that it can be stopped or killed.
-pid_t startManagerChild() {
-  pid_t manager = startChild([] {
-    if (os_sync_environment_initialize(false)) pause();
-    return 1;
-  });
-  EXPECT_TRUE(waitUntil(liveManagerAnswers, 10.0));
-  return manager;
-}
-
 }  // namespace
 
 TEST_F(HostedManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecondWithNobodyWaiting) {

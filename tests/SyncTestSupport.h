@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sched.h>
+#include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -20,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include <ostrelled/OS_ShareMemory.h>
 #include <ostrelled/OS_Sync.h>
 
 #include "OS/internal/Private.h"
@@ -88,6 +90,27 @@ inline bool contains(const std::string& text, const std::string& part) { return 
 
 // True when a manager somewhere answers a request within half a second.
 inline bool liveManagerAnswers() { return os_sync_environment_ping(500); }
+
+// Whether the request lock is free: the enabled semaphore given back and no holder recorded.
+inline bool requestLockFree() {
+  OS::CSyncClient client;
+  sharememory_handle* block = os_sharememory_open(OS::SyncNames::kRequestLock, USE_STD);
+  int value = 0;
+  bool free = client.create(true) && block != nullptr && sem_getvalue(client.enable_mutex_manager_sem, &value) == 0 &&
+              value == 1 && static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(block))->holder == 0;
+  os_sharememory_destroy(block);
+  return free;
+}
+
+// A manager in a child process, so that it can be stopped or killed.
+inline pid_t startManagerChild() {
+  pid_t manager = startChild([] {
+    if (os_sync_environment_initialize(false)) pause();
+    return 1;
+  });
+  EXPECT_TRUE(waitUntil(liveManagerAnswers, 10.0));
+  return manager;
+}
 
 // No manager serving the machine; a live one run by somebody else skips the test.
 class NoManager : public ::testing::Test {

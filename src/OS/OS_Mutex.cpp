@@ -4,7 +4,7 @@
 #include <stdio.h>
 
 #include <atomic>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -56,7 +56,7 @@ class MutexSteps final : public OS::NamedObjectSteps {
 // id, which the kernel clears when a holder dies.
 std::atomic<unsigned long> gIncarnation{0};
 std::mutex gRecursionsLock;
-std::map<std::string, Recursion*>& gRecursions = *new std::map<std::string, Recursion*>;
+Recursion* gRecursions = nullptr;  // a list, so that sharing one allocates nothing
 
 unsigned long threadKey() {
   return static_cast<unsigned long>(pthread_self()) ^ (gIncarnation.load(std::memory_order_relaxed) << 48);
@@ -65,6 +65,8 @@ unsigned long threadKey() {
 }  // namespace
 
 struct Recursion {
+  std::string name;
+  Recursion* next = nullptr;
   int handles = 0;
   std::atomic<unsigned long> owner{0};
   unsigned int depth = 0;
@@ -87,7 +89,9 @@ struct Recursion {
 
 namespace {
 
-Recursion* shareRecursion(const std::string& name) {
+// The count of this name's mutex, shared with the process's other handles of
+// it; `spare`, made before the attach, becomes it when there is none yet.
+Recursion* shareRecursion(std::unique_ptr<Recursion>& spare) {
   static const bool registered = (pthread_atfork([] { gRecursionsLock.lock(); }, [] { gRecursionsLock.unlock(); },
                                                  [] {
                                                    ++gIncarnation;  // a forked child holds nothing
@@ -96,16 +100,23 @@ Recursion* shareRecursion(const std::string& name) {
                                   true);
   (void)registered;
   std::lock_guard<std::mutex> hold(gRecursionsLock);
-  Recursion*& shared = gRecursions[name];
-  if (shared == nullptr) shared = new Recursion;
+  Recursion* shared = gRecursions;
+  while (shared != nullptr && shared->name != spare->name) shared = shared->next;
+  if (shared == nullptr) {
+    shared = spare.release();
+    shared->next = gRecursions;
+    gRecursions = shared;
+  }
   ++shared->handles;
   return shared;
 }
 
-void releaseRecursion(const std::string& name, Recursion*& recursion) {
+void releaseRecursion(Recursion*& recursion) {
   std::lock_guard<std::mutex> hold(gRecursionsLock);
   if (--recursion->handles == 0) {
-    gRecursions.erase(name);
+    Recursion** link = &gRecursions;
+    while (*link != recursion) link = &(*link)->next;
+    *link = recursion->next;
     delete recursion;
   }
   recursion = nullptr;
@@ -120,11 +131,14 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     m_strMutexName = strMutexName;
     // Too long for the request area: the handle stays unattached.
     if (m_strMutexName.size() > OS::kMaxObjectNameLength) return;
+    // Made before the attach: once attached, nothing may fail to allocate.
+    auto recursion = std::make_unique<Recursion>();
+    recursion->name = m_strMutexName;
     MutexSteps steps(*this, uintFlag);
     m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, OS::Private::kMutexBlockSize, steps);
     // bind ran only for a block that opened; without one nothing may point anywhere.
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
-    if (m_pMutex != nullptr && OS::Private::countsOwnRecursion(m_pMutex)) m_pRecursion = shareRecursion(m_strMutexName);
+    if (m_pMutex != nullptr && OS::Private::countsOwnRecursion(m_pMutex)) m_pRecursion = shareRecursion(recursion);
     return;
   }
   OS::Private::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
@@ -133,7 +147,7 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
 }
 
 mutex_handle::~mutex_handle() {
-  if (m_pRecursion != nullptr) releaseRecursion(m_strMutexName, m_pRecursion);
+  if (m_pRecursion != nullptr) releaseRecursion(m_pRecursion);
   if (m_pMutexShareMemory != nullptr) {
     // Only the machine's last handle destroys the mutex; others just let go of the block.
     MutexSteps steps(*this, 0);

@@ -23,6 +23,9 @@ class sharememory_handle {
   // the sync manager, which never reads the blocks it makes).
   bool sharememory_create_unmapped(const char* strShmName, unsigned int uintMemorySize);
   bool sharememory_open(const char* strShmName);
+  // Makes room for a name of `length` bytes, so that a later open of such a
+  // name allocates nothing (an attach opens its block holding the request lock).
+  void sharememory_reserve_name(size_t length) { m_strShareMemoryName.reserve(length); }
   void sharememory_close();
   void sharememory_destroy();
   void* sharememory_get_buffer() const { return m_pMemoryBuffer; }

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <map>
+#include <new>
 #include <string>
 
 #include <ostrelled/OS_Thread.h>
@@ -83,6 +84,7 @@ class os_sync_manager_handle {
 
  private:
   void serve(sem_t* request, sem_t* finish);
+  void answer(unsigned char* area);
   void serveOne(unsigned char* area);
   bool createRequestLock();
   OS::RequestLockRecord* record() const;
@@ -186,7 +188,13 @@ sharememory_handle* os_sync_manager_handle::createMemory(const char* strMemoryNa
   // The manager never reads a block: it makes, sizes and clears it without
   // mapping it, which spares every attach a mapping and its removal.
   sharememory_handle* block = createUnmappedShareMemory(strMemoryName, uintMemorySize, USE_DEFAULT);
-  if (block != nullptr) m_ShareMemoryMap.emplace(strMemoryName, block);
+  if (block == nullptr) return nullptr;
+  try {
+    m_ShareMemoryMap.emplace(strMemoryName, block);
+  } catch (...) {
+    releaseBlock(block);  // a block the map cannot hold would never be removed
+    throw;
+  }
   return block;
 }
 
@@ -241,7 +249,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
       if (record() != nullptr) OS::releaseDeadHolder(record(), m_pMutexManagerEnableSemaphore);
       continue;
     }
-    serveOne(area);
+    answer(area);
     // Exactly one answer per request, also for the ones ignored.
     sem_post(finish);
     busy = true;
@@ -251,9 +259,20 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
 // The client wrote the record before its post; the semaphore orders the bytes
 // for us. The request's number is read first and stored as answered last, so
 // that its client can tell this answer from a late one to an earlier request.
-void os_sync_manager_handle::serveOne(unsigned char* area) {
+void os_sync_manager_handle::answer(unsigned char* area) {
   OS::RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) : 0;
+  try {
+    serveOne(area);
+  } catch (const std::bad_alloc&) {
+    // The request is left undone (the client finds no block) and answered
+    // all the same: the manager serves on.
+  }
+  if (rec != nullptr) __atomic_store_n(&rec->answered, number, __ATOMIC_RELEASE);
+}
+
+// One request, as the area holds it.
+void os_sync_manager_handle::serveOne(unsigned char* area) {
   unsigned int method;
   memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
   if (method == OS::MUTEX_CREATE_METHOD) {
@@ -265,7 +284,6 @@ void os_sync_manager_handle::serveOne(unsigned char* area) {
     std::string name = requestName(area + OS::kDestroyNameOffset);
     if (!name.empty()) destroyMemory(name.c_str());
   }
-  if (rec != nullptr) __atomic_store_n(&rec->answered, number, __ATOMIC_RELEASE);
 }
 
 void os_sync_manager_handle::waitUntilServing(long millis) const {

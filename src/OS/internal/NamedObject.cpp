@@ -3,6 +3,10 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <memory>
+#include <mutex>
+#include <new>
+
 #include "OS/OS_ShareMemory.h"
 #include "OS/OS_SyncClient.h"
 #include "OS/internal/Liveness.h"
@@ -35,7 +39,7 @@ struct ProtocolIdentity {
 };
 
 // Opening the three semaphores and the (locked) request area costs several
-// times a whole request, so each thread keeps its client open between
+// times a whole request, so the process keeps its client open between
 // requests. What travels between processes is unchanged. The names are
 // looked at before every request and the client reopened when they denote
 // other objects (a new manager); the look comes before the open, so a
@@ -67,64 +71,131 @@ class CachedClient {
   bool m_bOpen = false;
 };
 
-thread_local CachedClient tCachedClient;
+// One client for the whole process, taken for one attach or detach at a time:
+// the machine's request lock lets one request through at a time anyway. It is
+// made at load time and never destroyed, so that no first use allocates (a
+// thread-local object would register a destructor there, which the C library
+// cannot report as a failure) and no handle outlives it at exit. A forked
+// child starts with the lock free: whatever another thread of the parent was
+// doing, the child's copy of the client is consistent or reopened.
+std::mutex gClientLock;
+CachedClient& gClient = *new CachedClient;
+
+class ClientLease {
+ public:
+  ClientLease() {
+    static const bool registered =
+        (pthread_atfork(nullptr, nullptr, [] { new (&gClientLock) std::mutex; }), true);
+    (void)registered;
+    gClientLock.lock();
+  }
+  ~ClientLease() { gClientLock.unlock(); }
+  ClientLease(const ClientLease&) = delete;
+  ClientLease& operator=(const ClientLease&) = delete;
+  CachedClient* operator->() const { return &gClient; }
+};
 
 // The block is open: the first attach initialises the object, a later one may
 // be refused. The count changes only for an object this process takes.
-sharememory_handle* joinBlock(sharememory_handle* block, NamedObjectSteps& steps) {
-  unsigned char* base = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
+bool joinBlock(sharememory_handle& block, NamedObjectSteps& steps) {
+  unsigned char* base = static_cast<unsigned char*>(os_sharememory_get_buffer(&block));
   steps.bind(base);
   unsigned int count;
   memcpy(&count, base, sizeof count);
   if (count == 0) {
     steps.initialise();
   } else if (!steps.admit()) {
-    Private::ErrnoGuard keep;
-    os_sharememory_destroy(block);
-    return nullptr;
+    return false;
   }
   count += 1;
   memcpy(base, &count, sizeof count);
-  return block;
+  return true;
 }
+
+// One attach, holding the request lock from the request to the count. Every
+// allocation of the procedure itself comes before the request; should a
+// kind's own step fail to allocate after it, the block is given back (and
+// removed when nobody else has taken it), so that a failed create leaves
+// nothing behind.
+class Attach {
+ public:
+  Attach(CachedClient& cache, const std::string& name, unsigned int blockSize, NamedObjectSteps& steps)
+      : m_cache(cache), m_name(name), m_blockSize(blockSize), m_steps(steps) {}
+
+  sharememory_handle* run(CSyncClient& client) {
+    std::unique_ptr<sharememory_handle> block(new sharememory_handle(USE_DEFAULT));
+    block->sharememory_reserve_name(m_name.size());
+    client.lock();
+    bool answered = client.requestCreate(m_name.c_str(), m_blockSize);
+    sharememory_handle* joined = nullptr;
+    try {
+      if (answered) joined = openAndJoin(block);
+    } catch (...) {
+      giveBack(client, block.get());
+      client.unlock();
+      throw;
+    }
+    client.unlock();
+    if (!answered) m_cache.invalidate();
+    return joined;
+  }
+
+ private:
+  // The manager answers also requests it ignored (an invalid name, a failed
+  // create), so the reply alone proves nothing: the block must open, and be
+  // large enough for the object, or the object stays unattached.
+  sharememory_handle* openAndJoin(std::unique_ptr<sharememory_handle>& block) {
+    if (!m_steps.beforeOpen() || !block->sharememory_open(m_name.c_str())) return nullptr;
+    if (block->sharememory_get_size() < m_blockSize) return nullptr;
+    if (!joinBlock(*block, m_steps)) {
+      Private::ErrnoGuard keep;  // the refusal's reason
+      block.reset();
+      return nullptr;
+    }
+    return block.release();
+  }
+
+  // A block that nobody has taken (count 0) was made for this attach alone.
+  void giveBack(CSyncClient& client, sharememory_handle* block) {
+    if (block == nullptr) return;
+    if (block->sharememory_get_size() == 0 && !block->sharememory_open(m_name.c_str())) return;
+    unsigned int count = 1;
+    if (block->sharememory_get_size() >= sizeof count) memcpy(&count, os_sharememory_get_buffer(block), sizeof count);
+    if (count == 0) client.requestDestroy(m_name.c_str());
+  }
+
+  CachedClient& m_cache;
+  const std::string& m_name;
+  unsigned int m_blockSize;
+  NamedObjectSteps& m_steps;
+};
 
 }  // namespace
 
 sharememory_handle* attachNamedObject(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps) {
   // Every kind refuses longer names first; this keeps the request area safe regardless.
   if (name.size() > kMaxObjectNameLength) return nullptr;
+  ClientLease lease;
   bool reopened = false;
-  CSyncClient* client = tCachedClient.acquire(&reopened);
+  CSyncClient* client = lease->acquire(&reopened);
   if (client == nullptr) return nullptr;
   // After a request went unanswered the client is reopened, and a manager
   // that has ended fails the attach at once (a detach needs no manager unless
   // it is the last one, and then fails within one slice of its wait).
   if (reopened && client->managerGone()) {
-    tCachedClient.invalidate();
+    lease->invalidate();
     return nullptr;
   }
   // A process that uses named objects is registered, so that others (and the
   // inspection tool) can tell whether it lives; once per process.
   if (Private::ProcessRegistry* registry = Private::latestRegistry()) registry->own();
-  client->lock();
-  sharememory_handle* block = nullptr;
-  bool answered = client->requestCreate(name.c_str(), blockSize);
-  if (answered && steps.beforeOpen()) {
-    // The manager answers also requests it ignored (an invalid name, a failed
-    // create), so the reply alone proves nothing: the block must open, and be
-    // large enough for the object, or the object stays unattached.
-    block = os_sharememory_open(name.c_str(), USE_DEFAULT);
-    if (block != nullptr && block->sharememory_get_size() < blockSize) os_sharememory_destroy(block);
-    if (block != nullptr) block = joinBlock(block, steps);
-  }
-  client->unlock();
-  if (!answered) tCachedClient.invalidate();
-  return block;
+  return Attach(*lease.operator->(), name, blockSize, steps).run(*client);
 }
 
 void detachNamedObject(const std::string& name, sharememory_handle*& block, NamedObjectSteps& steps) {
   if (block == nullptr) return;
-  if (CSyncClient* client = tCachedClient.acquire()) {
+  ClientLease lease;
+  if (CSyncClient* client = lease->acquire()) {
     bool answered = true;
     client->lock();
     unsigned char* base = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
@@ -147,7 +218,7 @@ void detachNamedObject(const std::string& name, sharememory_handle*& block, Name
       os_sharememory_close(block, false);
     }
     client->unlock();
-    if (!answered) tCachedClient.invalidate();
+    if (!answered) lease->invalidate();
   }
   os_sharememory_destroy(block);
 }
