@@ -140,9 +140,9 @@ BENCHMARK(BM_NamedRWMutexReaderLockUnlock);
 BENCHMARK(BM_RawRobustSharedMutexLockUnlock);
 BENCHMARK(BM_AnonymousMutexLockUnlock);
 BENCHMARK(BM_RawPrivateMutexLockUnlock);
-BENCHMARK(BM_NamedMutexLife);
-BENCHMARK(BM_RawShmLife);
-BENCHMARK(BM_BoostNamedMutexLife);
+BENCHMARK(BM_NamedMutexLife)->UseRealTime();
+BENCHMARK(BM_RawShmLife)->UseRealTime();
+BENCHMARK(BM_BoostNamedMutexLife)->UseRealTime();
 
 }  // namespace
 

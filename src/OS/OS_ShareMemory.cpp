@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 
 #include "OS/internal/ManagedAccess.h"
@@ -176,12 +177,11 @@ namespace {
 // handle, leaving errno as the failing system call set it.
 template <class Setup>
 sharememory_handle* makeShareMemory(RT_MODE mode, Setup setup) {
-  sharememory_handle* handle = new sharememory_handle(mode);
-  if (!setup(*handle)) {
-    OS::Private::ErrnoGuard keep;
-    destroyHandle(handle);
-  }
-  return handle;
+  std::unique_ptr<sharememory_handle> handle(new sharememory_handle(mode));
+  if (setup(*handle)) return handle.release();
+  OS::Private::ErrnoGuard keep;
+  handle.reset();
+  return nullptr;
 }
 
 }  // namespace
