@@ -2,10 +2,14 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include <boost/interprocess/sync/named_mutex.hpp>
 
@@ -133,6 +137,48 @@ void BM_BoostNamedMutexLife(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// N processes create and destroy named mutexes (a name each) at once for a
+// second: the lives of all of them per second (items), and the smallest
+// share one process got of them (1/N when they are served alike).
+void BM_NamedMutexLivesInProcesses(benchmark::State& state) {
+  const int processes = static_cast<int>(state.range(0));
+  auto* shared = static_cast<long*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  long lives = 0, fewest = 0;
+  for (auto _ : state) {
+    __atomic_store_n(&shared[0], 0, __ATOMIC_SEQ_CST);  // 0: wait, 1: go, 2: stop
+    std::vector<pid_t> children;
+    for (int i = 0; i < processes; ++i) {
+      shared[1 + i] = 0;
+      pid_t child = fork();
+      if (child == 0) {
+        std::string name = kNamePrefix + "_lives_" + std::to_string(i);
+        while (__atomic_load_n(&shared[0], __ATOMIC_SEQ_CST) == 0) sched_yield();
+        while (__atomic_load_n(&shared[0], __ATOMIC_SEQ_CST) == 1) {
+          mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
+          os_mutex_destroy(mutex);
+          __atomic_add_fetch(&shared[1 + i], 1, __ATOMIC_RELAXED);
+        }
+        _exit(0);
+      }
+      children.push_back(child);
+    }
+    __atomic_store_n(&shared[0], 1, __ATOMIC_SEQ_CST);
+    usleep(1000000);
+    __atomic_store_n(&shared[0], 2, __ATOMIC_SEQ_CST);
+    for (pid_t child : children) waitpid(child, nullptr, 0);
+    lives = 0;
+    fewest = shared[1];
+    for (int i = 0; i < processes; ++i) {
+      lives += shared[1 + i];
+      fewest = std::min(fewest, shared[1 + i]);
+    }
+    state.SetIterationTime(1.0);
+  }
+  state.counters["lives_per_second"] = static_cast<double>(lives);
+  state.counters["smallest_share"] = lives > 0 ? static_cast<double>(fewest) / static_cast<double>(lives) : 0.0;
+  munmap(shared, 4096);
+}
+
 BENCHMARK(BM_NamedMutexLockUnlock);
 BENCHMARK(BM_NamedMutexTrylockUnlock);
 BENCHMARK(BM_NamedMutexLockTimeoutUnlock);
@@ -140,7 +186,7 @@ BENCHMARK(BM_NamedRWMutexReaderLockUnlock);
 BENCHMARK(BM_RawRobustSharedMutexLockUnlock);
 BENCHMARK(BM_AnonymousMutexLockUnlock);
 BENCHMARK(BM_RawPrivateMutexLockUnlock);
-BENCHMARK(BM_NamedMutexLife)->UseRealTime();
+
 BENCHMARK(BM_RawShmLife)->UseRealTime();
 BENCHMARK(BM_BoostNamedMutexLife)->UseRealTime();
 
@@ -148,8 +194,14 @@ BENCHMARK(BM_BoostNamedMutexLife)->UseRealTime();
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  // Uses the machine's manager when one runs; otherwise hosts one for the run.
+  // Uses the machine's manager when one runs (the daemon: its figures are
+  // named so); otherwise hosts one for the run.
   bool hosted = !os_sync_environment_initialize(true) && os_sync_environment_initialize(false);
+  const char* suffix = hosted ? "" : "WithDaemon";
+  benchmark::RegisterBenchmark((std::string("BM_NamedMutexLife") + suffix).c_str(), BM_NamedMutexLife)->UseRealTime();
+  benchmark::RegisterBenchmark((std::string("BM_NamedMutexLivesInProcesses") + suffix).c_str(),
+                               BM_NamedMutexLivesInProcesses)
+      ->Arg(1)->Arg(2)->Arg(4)->Arg(8)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
   benchmark::RunSpecifiedBenchmarks();
   if (hosted) os_sync_environment_uninitialize();
   benchmark::Shutdown();

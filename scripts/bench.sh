@@ -40,5 +40,15 @@ for program in "$build"/bench/*_bench; do
     echo "$name: failed (see $results/raw/$name.log)"
 done
 
+# The named-object lives again with the daemon as manager, as a service runs them.
+if [ "$isolate" = yes ]; then
+  echo "running OS_Mutex_bench beside ostrelled-syncd"
+  scripts/isolated.sh sh -c '"$1" >/dev/null 2>&1 & daemon=$!; sleep 0.5
+    "$2" --benchmark_filter="Life|Lives" --benchmark_repetitions="$3" --benchmark_enable_random_interleaving=true \
+      --benchmark_out="$4" --benchmark_out_format=json >"$5" 2>&1; status=$?; kill $daemon; exit $status' daemon \
+    "$build/tools/ostrelled-syncd" "$build/bench/OS_Mutex_bench" "$runs" "$results/raw/OS_Mutex_bench_daemon.json" \
+    "$results/raw/OS_Mutex_bench_daemon.log" || echo "OS_Mutex_bench beside the daemon: failed"
+fi
+
 echo
 python3 scripts/bench_report.py "$results/raw" "$results" "$runs"

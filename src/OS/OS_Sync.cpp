@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <map>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -81,6 +82,11 @@ class os_sync_manager_handle {
   static LPVOID manager_thread(void* lpData);
   // Waits, at most `millis`, until the thread has made its two semaphores.
   void waitUntilServing(long millis) const;
+  // Whether a client's record is the one this manager made, for a client of
+  // this very process (a forked child has another token).
+  bool madeRecord(const OS::RequestLockRecord* rec) const;
+  // One create or destroy, as its thread serves it; called under gMapLock.
+  void serveRequest(unsigned int method, const std::string& name, unsigned int size);
 
  private:
   void serve(sem_t* request, sem_t* finish);
@@ -101,6 +107,16 @@ class os_sync_manager_handle {
 
 namespace {
 os_sync_manager_handle* os_sync_manager = nullptr;
+// Guards every manager's map, and the pointer above for the clients of the
+// manager's own process, which are served without its thread.
+std::mutex gMapLock;
+
+// A forked child has no manager thread, and may have copied the lock taken:
+// it gets a free one. Arranged before anybody takes the lock.
+void renewMapLockInChildren() {
+  static const bool registered = (pthread_atfork(nullptr, nullptr, [] { new (&gMapLock) std::mutex; }), true);
+  (void)registered;
+}
 std::atomic<void (*)()> gHeartbeat{nullptr};
 
 bool nameStillLinked(const char* strMemoryName) {
@@ -170,6 +186,8 @@ void os_sync_manager_handle::stop() {
     OS::Private::removeRegistry();
   }
   // Every managed name goes, also while processes use it; they keep their mappings.
+  std::lock_guard<std::mutex> hold(gMapLock);
+  m_bServing = false;
   for (auto& entry : m_ShareMemoryMap) releaseBlock(entry.second);
   m_ShareMemoryMap.clear();
 }
@@ -262,11 +280,9 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
 void os_sync_manager_handle::answer(unsigned char* area) {
   OS::RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) : 0;
-  try {
+  {
+    std::lock_guard<std::mutex> hold(gMapLock);
     serveOne(area);
-  } catch (const std::bad_alloc&) {
-    // The request is left undone (the client finds no block) and answered
-    // all the same: the manager serves on.
   }
   if (rec != nullptr) __atomic_store_n(&rec->answered, number, __ATOMIC_RELEASE);
 }
@@ -275,15 +291,30 @@ void os_sync_manager_handle::answer(unsigned char* area) {
 void os_sync_manager_handle::serveOne(unsigned char* area) {
   unsigned int method;
   memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
-  if (method == OS::MUTEX_CREATE_METHOD) {
-    unsigned int size;
-    memcpy(&size, area + OS::kCreateSizeOffset, sizeof size);
-    std::string name = requestName(area + OS::kCreateNameOffset);
-    if (size != 0 && size <= kMaxManagedBlockSize && !name.empty()) createMemory(name.c_str(), size);
-  } else if (method == OS::MUTEX_DESTROY_METHOD) {
-    std::string name = requestName(area + OS::kDestroyNameOffset);
-    if (!name.empty()) destroyMemory(name.c_str());
+  unsigned int size = 0;
+  if (method == OS::MUTEX_CREATE_METHOD) memcpy(&size, area + OS::kCreateSizeOffset, sizeof size);
+  size_t nameAt = method == OS::MUTEX_CREATE_METHOD ? OS::kCreateNameOffset : OS::kDestroyNameOffset;
+  try {
+    serveRequest(method, requestName(area + nameAt), size);
+  } catch (const std::bad_alloc&) {
+    // The request is left undone (the client finds no block) and answered
+    // all the same: the manager serves on.
   }
+}
+
+void os_sync_manager_handle::serveRequest(unsigned int method, const std::string& name, unsigned int size) {
+  if (method == OS::MUTEX_CREATE_METHOD && size != 0 && size <= kMaxManagedBlockSize && !name.empty())
+    createMemory(name.c_str(), size);
+  else if (method == OS::MUTEX_DESTROY_METHOD && !name.empty())
+    destroyMemory(name.c_str());
+}
+
+bool os_sync_manager_handle::madeRecord(const OS::RequestLockRecord* rec) const {
+  const OS::RequestLockRecord* mine = m_bServing ? record() : nullptr;
+  OS::Private::ProcessRegistry* registry = OS::Private::latestRegistry();
+  return mine != nullptr && rec != nullptr && registry != nullptr && rec->managerToken != OS::Private::kNoProcess &&
+         rec->managerToken == mine->managerToken && rec->manager == mine->manager &&
+         rec->managerToken == registry->own();
 }
 
 void os_sync_manager_handle::waitUntilServing(long millis) const {
@@ -297,6 +328,23 @@ void os_sync_manager_handle::waitUntilServing(long millis) const {
 
 namespace OS {
 void setServingHeartbeat(void (*beat)()) { gHeartbeat = beat; }
+
+// A client of the manager's own process is served by the calling thread: a
+// hand-over to the manager's thread and back costs more than the request,
+// and while that thread waits for the next one, every unmapping in the
+// process would have to interrupt its processor. The caller holds the
+// machine's request lock, as for any request.
+bool serveInProcess(const RequestLockRecord* rec, unsigned int method, const char* name, unsigned int size) {
+  renewMapLockInChildren();
+  std::lock_guard<std::mutex> hold(gMapLock);
+  if (os_sync_manager == nullptr || !os_sync_manager->madeRecord(rec)) return false;
+  try {
+    os_sync_manager->serveRequest(method, name, size);
+  } catch (const std::bad_alloc&) {
+    // Left undone, as the thread leaves it: the client finds no block.
+  }
+  return true;
+}
 }  // namespace OS
 
 bool os_sync_environment_initialize(bool bAsClient) {
@@ -307,14 +355,21 @@ bool os_sync_environment_initialize(bool bAsClient) {
     return reachable;
   }
   // Any earlier manager of this process is left running on purpose: called once.
-  os_sync_manager = new os_sync_manager_handle();
-  if (!os_sync_manager->start()) {
-    destroyHandle(os_sync_manager);
+  renewMapLockInChildren();
+  auto* manager = new os_sync_manager_handle();
+  if (!manager->start()) {
+    destroyHandle(manager);
+    std::lock_guard<std::mutex> hold(gMapLock);
+    os_sync_manager = nullptr;
     return false;
+  }
+  {
+    std::lock_guard<std::mutex> hold(gMapLock);
+    os_sync_manager = manager;
   }
   // Named objects created right after this call must find the request and
   // finish semaphores, which the thread makes once it runs.
-  os_sync_manager->waitUntilServing(1000);
+  manager->waitUntilServing(1000);
   return true;
 }
 
@@ -324,7 +379,12 @@ bool os_sync_environment_ping(unsigned int uintMilliseconds) {
 }
 
 void os_sync_environment_uninitialize() {
-  if (os_sync_manager == nullptr) return;
-  os_sync_manager->stop();
-  destroyHandle(os_sync_manager);
+  os_sync_manager_handle* manager = nullptr;
+  {
+    std::lock_guard<std::mutex> hold(gMapLock);
+    std::swap(manager, os_sync_manager);
+  }
+  if (manager == nullptr) return;
+  manager->stop();
+  destroyHandle(manager);
 }

@@ -220,6 +220,7 @@ bool CSyncClient::requestCreate(const char* strName, unsigned int uintSize) {
   size_t length = strnlen(strName, kMaxObjectNameLength + 1);
   if (length > kMaxObjectNameLength) return false;
   unsigned int method = MUTEX_CREATE_METHOD;
+  if (serveInProcess(record(), method, strName, uintSize)) return true;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kCreateSizeOffset, &uintSize, sizeof uintSize);
   memcpy(area() + kCreateNameOffset, strName, length + 1);
@@ -230,6 +231,7 @@ bool CSyncClient::requestDestroy(const char* strName) {
   size_t length = strnlen(strName, kMaxObjectNameLength + 1);
   if (length > kMaxObjectNameLength) return false;
   unsigned int method = MUTEX_DESTROY_METHOD;
+  if (serveInProcess(record(), method, strName, 0)) return true;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kDestroyNameOffset, strName, length + 1);
   return postAndWait(Private::deadlineAfter(kRequestTimeoutNanos));

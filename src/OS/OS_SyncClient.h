@@ -137,6 +137,11 @@ ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDea
 // process id (a label, in its own PID namespace; 0 when unknown).
 Private::Presence managerPresence(pid_t* pid = nullptr);
 
+// Serves a create or destroy request itself when the manager that made the
+// client's record runs in this process; false otherwise (the request is then
+// posted). The caller holds the request lock.
+bool serveInProcess(const RequestLockRecord* rec, unsigned int method, const char* name, unsigned int size);
+
 // Called by the manager's serving loop at least once per request period
 // (100 ms) while it serves: proof of life for a supervisor. Null: none.
 void setServingHeartbeat(void (*beat)());
