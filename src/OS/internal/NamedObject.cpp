@@ -1,7 +1,10 @@
 #include "OS/internal/NamedObject.h"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <mutex>
@@ -129,9 +132,10 @@ class Attach {
     bool answered = client.requestCreate(m_name.c_str(), m_blockSize);
     sharememory_handle* joined = nullptr;
     try {
-      if (answered) joined = openAndJoin(block);
+      if (answered) joined = openAndJoin(client, block);
     } catch (...) {
-      giveBack(client, block.get());
+      // A block that nobody has taken (count 0) was made for this attach alone.
+      if (unusedBlock()) client.requestDestroy(m_name.c_str());
       client.unlock();
       throw;
     }
@@ -144,8 +148,15 @@ class Attach {
   // The manager answers also requests it ignored (an invalid name, a failed
   // create), so the reply alone proves nothing: the block must open, and be
   // large enough for the object, or the object stays unattached.
-  sharememory_handle* openAndJoin(std::unique_ptr<sharememory_handle>& block) {
-    if (!m_steps.beforeOpen() || !block->sharememory_open(m_name.c_str())) return nullptr;
+  sharememory_handle* openAndJoin(CSyncClient& client, std::unique_ptr<sharememory_handle>& block) {
+    if (!m_steps.beforeOpen()) return nullptr;
+    if (!block->sharememory_open(m_name.c_str())) {
+      // No mapping left in this process (vm.max_map_count): a block made for
+      // this attach alone is not left behind.
+      Private::ErrnoGuard keep;
+      if (unusedBlock()) client.requestDestroy(m_name.c_str());
+      return nullptr;
+    }
     if (block->sharememory_get_size() < m_blockSize) return nullptr;
     if (!joinBlock(*block, m_steps)) {
       Private::ErrnoGuard keep;  // the refusal's reason
@@ -155,13 +166,16 @@ class Attach {
     return block.release();
   }
 
-  // A block that nobody has taken (count 0) was made for this attach alone.
-  void giveBack(CSyncClient& client, sharememory_handle* block) {
-    if (block == nullptr) return;
-    if (block->sharememory_get_size() == 0 && !block->sharememory_open(m_name.c_str())) return;
+  // Whether the block under the name has an attach count of 0, read without
+  // a mapping and without allocating.
+  bool unusedBlock() const {
+    char path[sizeof "/dev/shm/" + kMaxObjectNameLength];
+    snprintf(path, sizeof path, "/dev/shm/%s", m_name.c_str());
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     unsigned int count = 1;
-    if (block->sharememory_get_size() >= sizeof count) memcpy(&count, os_sharememory_get_buffer(block), sizeof count);
-    if (count == 0) client.requestDestroy(m_name.c_str());
+    if (fd >= 0 && pread(fd, &count, sizeof count, 0) != static_cast<ssize_t>(sizeof count)) count = 1;
+    if (fd >= 0) close(fd);
+    return count == 0;
   }
 
   CachedClient& m_cache;
