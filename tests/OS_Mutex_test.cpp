@@ -62,7 +62,7 @@ TEST_F(HostedManager, NamedMutexKeepsTheFirstCreatorsFlags) {
     std::string name = uniqueName("attributes");
     mutex_handle* first = named(name, flags);
     mutex_handle* second = named(name, flags ^ MUTEX_RECURSIVE);
-    ASSERT_NE(second->m_pMutex, nullptr);
+    ASSERT_TRUE(os_mutex_is_attached(second));
     os_mutex_lock(second);
     bool relocked = os_mutex_trylock(second);
     EXPECT_EQ(relocked, flags != DEFAULT_MUTEX_ATTRIBUTE) << "recursive only when the first creator asked";

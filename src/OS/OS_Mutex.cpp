@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
@@ -138,7 +139,10 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, OS::Private::kMutexBlockSize, steps);
     // bind ran only for a block that opened; without one nothing may point anywhere.
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
-    if (m_pMutex != nullptr && OS::Private::countsOwnRecursion(m_pMutex)) m_pRecursion = shareRecursion(recursion);
+    if (m_pMutex != nullptr && OS::Private::countsOwnRecursion(m_pMutex)) {
+      m_pRecursion = shareRecursion(recursion);
+      std::swap(m_pCounted, m_pMutex);
+    }
     return;
   }
   OS::Private::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
@@ -147,7 +151,10 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
 }
 
 mutex_handle::~mutex_handle() {
-  if (m_pRecursion != nullptr) releaseRecursion(m_pRecursion);
+  if (m_pRecursion != nullptr) {
+    releaseRecursion(m_pRecursion);
+    std::swap(m_pCounted, m_pMutex);
+  }
   if (m_pMutexShareMemory != nullptr) {
     // Only the machine's last handle destroys the mutex; others just let go of the block.
     MutexSteps steps(*this, 0);
@@ -169,24 +176,48 @@ void os_mutex_destroy(mutex_handle*& handle) {
 
 namespace {
 
-// A named recursive mutex, out of line: the other kinds' paths stay one call deep.
+// A named recursive mutex, out of line: the other kinds' paths stay as they were.
 __attribute__((noinline)) void lockCounting(mutex_handle* handle) {
   Recursion* recursion = handle->m_pRecursion;
-  if (recursion->heldHere(handle->m_pMutex)) {
+  if (recursion->heldHere(handle->m_pCounted)) {
     ++recursion->depth;
     return;
   }
-  int result = pthread_mutex_lock(handle->m_pMutex);
-  if (result == 0 || OS::Private::lockFailed(handle->m_pMutex, result)) recursion->took();
+  int result = pthread_mutex_lock(handle->m_pCounted);
+  if (result == 0 || OS::Private::lockFailed(handle->m_pCounted, result)) recursion->took();
+}
+
+__attribute__((noinline)) void unlockCounting(mutex_handle* handle) {
+  if (handle->m_pRecursion->release()) pthread_mutex_unlock(handle->m_pCounted);
+}
+
+// A try or a timed lock of mutex, `take` its system call. An inner one of a
+// recursion-counted mutex only counts.
+template <class Take>
+bool takeMutex(mutex_handle* handle, Take take) {
+  if (__builtin_expect(handle->m_pMutex != nullptr, 1))
+    return OS::Private::tookMutex(handle->m_pMutex, take(handle->m_pMutex));
+  Recursion* recursion = handle->m_pRecursion;
+  if (recursion == nullptr) return false;  // unattached
+  if (recursion->heldHere(handle->m_pCounted)) {
+    ++recursion->depth;
+    return true;
+  }
+  bool held = OS::Private::tookMutex(handle->m_pCounted, take(handle->m_pCounted));
+  if (held) recursion->took();
+  return held;
 }
 
 }  // namespace
 
 void os_mutex_lock(mutex_handle* handle) {
-  if (handle == nullptr || handle->m_pMutex == nullptr) return;
+  if (handle == nullptr) return;
+  if (__builtin_expect(handle->m_pMutex == nullptr, 0)) {
+    if (handle->m_pRecursion != nullptr) lockCounting(handle);
+    return;
+  }
   // Both modes make the same calls; the mode is only consulted.
   (void)OS::Private::isRealTime(handle->m_RtMode);
-  if (__builtin_expect(handle->m_pRecursion != nullptr, 0)) return lockCounting(handle);
   // The uncontended path stays one call deep; recovery and errors go out of line.
   int result = pthread_mutex_lock(handle->m_pMutex);
   if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result);
@@ -194,41 +225,28 @@ void os_mutex_lock(mutex_handle* handle) {
 
 // The result is ignored: unlocking a mutex this thread does not hold is the caller's error.
 void os_mutex_unlock(mutex_handle* handle) {
-  if (handle == nullptr || handle->m_pMutex == nullptr) return;
-  if (__builtin_expect(handle->m_pRecursion != nullptr, 0) && !handle->m_pRecursion->release()) return;
+  if (handle == nullptr) return;
+  if (__builtin_expect(handle->m_pMutex == nullptr, 0)) {
+    if (handle->m_pRecursion != nullptr) unlockCounting(handle);
+    return;
+  }
   pthread_mutex_unlock(handle->m_pMutex);
 }
 
-namespace {
-
-// A try or a timed lock: an inner one of a recursive mutex only counts.
-template <class Take>
-bool takeCounting(mutex_handle* handle, Take take) {
-  Recursion* recursion = handle->m_pRecursion;
-  if (recursion != nullptr && recursion->heldHere(handle->m_pMutex)) {
-    ++recursion->depth;
-    return true;
-  }
-  bool held = OS::Private::tookMutex(handle->m_pMutex, take());
-  if (recursion != nullptr && held) recursion->took();
-  return held;
-}
-
-}  // namespace
-
 bool os_mutex_trylock(mutex_handle* handle) {
-  if (handle == nullptr || handle->m_pMutex == nullptr) return false;
-  return takeCounting(handle, [&] { return pthread_mutex_trylock(handle->m_pMutex); });
+  return handle != nullptr && takeMutex(handle, [](pthread_mutex_t* mutex) { return pthread_mutex_trylock(mutex); });
 }
 
 // CLOCK_MONOTONIC also for priority inheritance: the C library passes the
 // clock to the kernel's FUTEX_LOCK_PI2 (Linux 5.14 on).
 bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
-  if (handle == nullptr || handle->m_pMutex == nullptr) return false;
+  if (handle == nullptr) return false;
   // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
   if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= OS::Private::kNanosPerSecond, 0))
     os_clock_adjust_clock_time(&deadline);
-  return takeCounting(handle, [&] { return OS::Private::lockBefore(handle->m_pMutex, deadline); });
+  return takeMutex(handle, [&](pthread_mutex_t* mutex) { return OS::Private::lockBefore(mutex, deadline); });
 }
 
-bool os_mutex_is_attached(const mutex_handle* handle) { return handle != nullptr && handle->m_pMutex != nullptr; }
+bool os_mutex_is_attached(const mutex_handle* handle) {
+  return handle != nullptr && (handle->m_pMutex != nullptr || handle->m_pCounted != nullptr);
+}

@@ -24,6 +24,9 @@ class mutex_handle {
   RT_MODE m_RtMode;
   // A named recursive mutex's recursion, counted here (see OS_Mutex.cpp); null otherwise.
   struct Recursion* m_pRecursion = nullptr;
+  // Such a mutex's mutex: m_pMutex stays null for it, so that the other kinds'
+  // path tests nothing more than it always did.
+  pthread_mutex_t* m_pCounted = nullptr;
   // The anonymous kind's storage, which the pointer above aims at.
   struct {
     pthread_mutex_t mutex;
