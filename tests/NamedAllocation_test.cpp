@@ -15,19 +15,7 @@
 
 #include "SyncTestSupport.h"
 
-// Allocations of this thread fail once gAllowed reaches 0; -1: none fail.
-static thread_local long gAllowed = -1;
-void* operator new(size_t size) {
-  if (gAllowed == 0) throw std::bad_alloc();
-  if (gAllowed > 0) --gAllowed;
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+#include "ReplacedAllocator.h"
 
 using namespace testsupport;
 
@@ -54,13 +42,13 @@ TEST_F(NoManager, ACreateThatFailsToAllocateLeavesNothingBehind) {
     bool succeeded = false;
     for (long allowed = 0; allowed < 200 && !succeeded; ++allowed) {
       bool threw = false;
-      gAllowed = allowed;
+      gAllowedAllocations = allowed;
       try {
         succeeded = kind.lifeOf(name.c_str());
       } catch (const std::bad_alloc&) {
         threw = true;
       }
-      gAllowed = -1;
+      gAllowedAllocations = -1;
       if (!threw) {
         EXPECT_TRUE(succeeded) << kind.name << " after " << allowed << " allocations: neither attached nor thrown";
         continue;

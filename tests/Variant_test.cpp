@@ -10,18 +10,7 @@
 #include <ostrelled/StringAssistant.h>
 #include <ostrelled/Variant.h>
 
-// Every allocation of the process is counted, the library's included.
-static size_t g_allocations = 0;
-void* operator new(size_t size) {
-  ++g_allocations;
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+#include "ReplacedAllocator.h"
 
 namespace {
 

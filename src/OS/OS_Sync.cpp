@@ -112,9 +112,15 @@ os_sync_manager_handle* os_sync_manager = nullptr;
 std::mutex gMapLock;
 
 // A forked child has no manager thread, and may have copied the lock taken:
-// it gets a free one. Arranged before anybody takes the lock.
+// it gets a free lock and no manager (its copy is left as it is; the parent's
+// thread serves the names). Arranged before anybody takes the lock.
 void renewMapLockInChildren() {
-  static const bool registered = (pthread_atfork(nullptr, nullptr, [] { new (&gMapLock) std::mutex; }), true);
+  static const bool registered = (pthread_atfork(nullptr, nullptr,
+                                                 [] {
+                                                   new (&gMapLock) std::mutex;
+                                                   os_sync_manager = nullptr;
+                                                 }),
+                                  true);
   (void)registered;
 }
 std::atomic<void (*)()> gHeartbeat{nullptr};
@@ -249,13 +255,14 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
   if (area == nullptr) return;
   bool busy = false;
   while (!m_bRequestExitThread) {
-    if (void (*beat)() = gHeartbeat.load(std::memory_order_relaxed)) beat();
     if (request == nullptr || finish == nullptr) {
       // Nothing can arrive; still leave within one request period when asked.
       timespec pause{0, OS::kRequestTimeoutNanos};
       nanosleep(&pause, nullptr);
       continue;
     }
+    // Proof of life only from a loop that can serve.
+    if (void (*beat)() = gHeartbeat.load(std::memory_order_relaxed)) beat();
     timespec deadline = OS::Private::deadlineAfter(OS::kRequestTimeoutNanos);
     // Requests come in runs (an attach, then soon the next one): right after
     // serving one, the next is tried for a moment before the thread sleeps.

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <stdio.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -58,6 +59,18 @@ struct flock slotLock(ProcessToken token, short type) {
   return lock;
 }
 
+bool validRegistryAt(const char* path) {
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return false;
+  struct stat st;
+  Header header{};
+  bool valid = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == kRegistrySize &&
+               pread(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) && header.magic == kMagic &&
+               header.version == kVersion && header.capacity == kRegistryCapacity;
+  close(fd);
+  return valid;
+}
+
 }  // namespace
 
 struct ProcessRegistry::State {
@@ -73,6 +86,12 @@ struct ProcessRegistry::State {
   Slot* slot(ProcessToken t) const { return reinterpret_cast<Slot*>(map + slotOffset(t)); }
   bool reopen();
   ProcessToken join();
+  // Whether fd still is this registry: a program may close descriptors it
+  // did not open, and the number may then name another file.
+  bool fdIsOurs() const {
+    struct stat st;
+    return fd >= 0 && fstat(fd, &st) == 0 && st.st_dev == device && st.st_ino == inode;
+  }
 };
 
 namespace {
@@ -92,8 +111,9 @@ void afterForkInChild() {
   for (ProcessRegistry::State* state : gRegistries) {
     state->token = kNoProcess;
     if (state->fd < 0 || !state->writable) continue;
-    std::string self = "/proc/self/fd/" + std::to_string(state->fd);
-    int fresh = open(self.c_str(), O_RDWR | O_CLOEXEC);
+    char self[48];
+    snprintf(self, sizeof self, "/proc/self/fd/%d", state->fd);
+    int fresh = open(self, O_RDWR | O_CLOEXEC);
     if (fresh < 0 || dup3(fresh, state->fd, O_CLOEXEC) < 0) {
       close(state->fd);
       state->fd = -1;
@@ -109,6 +129,14 @@ void registerForkHandlers() {
   (void)registered;
 }
 
+// Out of the low numbers that programs close or reuse by habit.
+int toHighNumber(int fd) {
+  int high = fcntl(fd, F_DUPFD_CLOEXEC, 512);
+  if (high < 0) return fd;
+  close(fd);
+  return high;
+}
+
 // The file behind a descriptor, mapped, if it is a registry; read-only when
 // the caller may not write it (such a process checks, but cannot join).
 ProcessRegistry::State* mapRegistry(int fd, bool writable) {
@@ -122,6 +150,7 @@ ProcessRegistry::State* mapRegistry(int fd, bool writable) {
     return nullptr;
   }
   auto* state = new ProcessRegistry::State;
+  fd = toHighNumber(fd);
   state->device = st.st_dev;
   state->inode = st.st_ino;
   state->map = static_cast<unsigned char*>(map);
@@ -145,7 +174,7 @@ bool ProcessRegistry::State::reopen() {
   int again = open(registryPath().c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
   struct stat st;
   if (again >= 0 && fstat(again, &st) == 0 && st.st_dev == device && st.st_ino == inode) {
-    fd = again;
+    fd = toHighNumber(again);
     return true;
   }
   if (again >= 0) close(again);
@@ -173,6 +202,17 @@ ProcessToken ProcessRegistry::State::join() {
   return kUntrackedProcess;
 }
 
+void ProcessRegistry::renewIfLost() {
+  if (m_state->token.load(std::memory_order_acquire) == kNoProcess || !m_state->writable) return;
+  ErrnoGuard keep;
+  if (m_state->fdIsOurs()) return;
+  // Closed behind the library's back: the lock, and with it the token, are
+  // gone; the number may be another file's now, so it is left alone.
+  std::lock_guard<std::mutex> hold(gRegistriesLock);
+  m_state->fd = -1;
+  m_state->token.store(kNoProcess, std::memory_order_release);
+}
+
 ProcessToken ProcessRegistry::own() {
   ProcessToken token = m_state->token.load(std::memory_order_acquire);
   if (__builtin_expect(token != kNoProcess, 1)) return token;
@@ -191,6 +231,7 @@ ProcessToken ProcessRegistry::own() {
 // owner has gone. A new owner between its lock and its write reads as the old
 // one alive, for that moment only.
 Presence ProcessRegistry::presence(ProcessToken token) {
+  ErrnoGuard keep;
   if (token == kNoProcess) return Presence::Gone;
   if (token == kUntrackedProcess) return Presence::Unknown;
   if (token == m_state->token.load(std::memory_order_acquire)) return Presence::Alive;
@@ -201,10 +242,11 @@ Presence ProcessRegistry::presence(ProcessToken token) {
     if (!m_state->reopen()) return Presence::Unknown;
     fd = m_state->fd;
   }
-  ErrnoGuard keep;
   struct flock lock = slotLock(token, F_WRLCK);
   if (fcntl(fd, F_OFD_GETLK, &lock) != 0) return Presence::Unknown;
-  return lock.l_type == F_UNLCK ? Presence::Gone : Presence::Alive;
+  if (lock.l_type != F_UNLCK) return Presence::Alive;
+  // A free lock is asked of this very file only.
+  return m_state->fdIsOurs() ? Presence::Gone : Presence::Unknown;
 }
 
 void ProcessRegistry::forEachLive(const std::function<void(ProcessToken, pid_t, uint64_t)>& visit) {
@@ -216,14 +258,12 @@ void ProcessRegistry::forEachLive(const std::function<void(ProcessToken, pid_t, 
   }
 }
 
-ProcessRegistry* currentRegistry() {
-  registerForkHandlers();
+ProcessRegistry* findOrOpenRegistry() {
   struct stat st;
   if (stat(registryPath().c_str(), &st) != 0) return nullptr;
   std::lock_guard<std::mutex> hold(gRegistriesLock);
   for (ProcessRegistry::State* state : gRegistries)
     if (state->device == st.st_dev && state->inode == st.st_ino) return &state->face;
-  ErrnoGuard keep;
   bool writable = false;
   int fd = openRegistryFile(writable);
   if (fd < 0) return nullptr;
@@ -233,36 +273,43 @@ ProcessRegistry* currentRegistry() {
     return nullptr;
   }
   gRegistries.push_back(state);
-  gLatest = &state->face;
   return &state->face;
+}
+
+// Whatever fails, the registry of an earlier manager is not used further: its
+// tokens say nothing of the processes of the names that are there now.
+ProcessRegistry* currentRegistry() {
+  ErrnoGuard keep;
+  registerForkHandlers();
+  ProcessRegistry* found = findOrOpenRegistry();
+  gLatest = found;
+  return found;
 }
 
 ProcessRegistry* latestRegistry() { return gLatest.load(std::memory_order_acquire); }
 
 // A registry of a manager that died is kept: its tokens still describe the
-// processes that hold objects. Anything else under the name is made anew.
+// processes that hold objects. A new one is made complete under a name of its
+// own and only then linked under the registry's name, so that no process ever
+// maps one half-made, and one in use is never truncated.
 bool createRegistry(mode_t mode) {
-  int fd = shm_open(kRegistryName, O_RDWR | O_CREAT | O_CLOEXEC, managedCreateMode(mode));
+  if (validRegistryAt(registryPath().c_str())) return true;
+  char draft[96];
+  snprintf(draft, sizeof draft, "%s.%d", kRegistryName, static_cast<int>(getpid()));
+  int fd = shm_open(draft, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, managedCreateMode(mode));
   if (fd < 0) return false;
-  if (!applyManagedAccess(fd)) {
-    close(fd);
-    return false;
-  }
-  struct stat st;
-  Header header{};
-  bool valid = fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) == kRegistrySize &&
-               pread(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) && header.magic == kMagic &&
-               header.version == kVersion && header.capacity == kRegistryCapacity;
+  Header header{kMagic, kVersion, kRegistryCapacity, 0};
   // Every page backed now: on a full /dev/shm a join would otherwise die of SIGBUS.
-  bool made = valid || (ftruncate(fd, 0) == 0 && ftruncate(fd, static_cast<off_t>(kRegistrySize)) == 0 &&
-                        posix_fallocate(fd, 0, static_cast<off_t>(kRegistrySize)) == 0);
-  if (!made) shm_unlink(kRegistryName);
-  if (made && !valid) {
-    // Zero-filled by the truncation; the magic last, so that nobody joins a half-made header.
-    header = Header{kMagic, kVersion, kRegistryCapacity, 0};
-    made = pwrite(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
-  }
+  bool made = applyManagedAccess(fd) && ftruncate(fd, static_cast<off_t>(kRegistrySize)) == 0 &&
+              posix_fallocate(fd, 0, static_cast<off_t>(kRegistrySize)) == 0 &&
+              pwrite(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
   close(fd);
+  std::string draftPath = std::string("/dev/shm/") + draft;
+  if (made && link(draftPath.c_str(), registryPath().c_str()) != 0) {
+    // Another manager was quicker, or an invalid file is in the way.
+    if (!validRegistryAt(registryPath().c_str())) made = rename(draftPath.c_str(), registryPath().c_str()) == 0;
+  }
+  shm_unlink(draft);
   return made;
 }
 

@@ -43,6 +43,10 @@ class ProcessRegistry {
  public:
   // This process's token, joining on first use; kUntrackedProcess when it cannot join.
   ProcessToken own();
+  // Forgets this process's token when its descriptor was closed behind the
+  // library's back (a program that closes every descriptor), so that the
+  // next own() joins again. Once per attach: one fstat.
+  void renewIfLost();
   // Gone only when the kernel says so; Unknown when the registry cannot be read.
   Presence presence(ProcessToken token);
   bool gone(ProcessToken token) { return presence(token) == Presence::Gone; }

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -82,20 +83,32 @@ class CachedClient {
 // child starts with the lock free: whatever another thread of the parent was
 // doing, the child's copy of the client is consistent or reopened.
 std::mutex gClientLock;
-CachedClient& gClient = *new CachedClient;
+CachedClient* gClient = new CachedClient;
+std::atomic<bool> gClientBusy{false};
+
+// A child forked while another thread used the client may have copied it half
+// changed: it gets a fresh one (the copy is left as it is, never closed twice).
+void renewClientInChild() {
+  new (&gClientLock) std::mutex;
+  if (!gClientBusy.exchange(false)) return;
+  if (CachedClient* fresh = new (std::nothrow) CachedClient) gClient = fresh;
+}
 
 class ClientLease {
  public:
   ClientLease() {
-    static const bool registered =
-        (pthread_atfork(nullptr, nullptr, [] { new (&gClientLock) std::mutex; }), true);
+    static const bool registered = (pthread_atfork(nullptr, nullptr, renewClientInChild), true);
     (void)registered;
     gClientLock.lock();
+    gClientBusy = true;
   }
-  ~ClientLease() { gClientLock.unlock(); }
+  ~ClientLease() {
+    gClientBusy = false;
+    gClientLock.unlock();
+  }
   ClientLease(const ClientLease&) = delete;
   ClientLease& operator=(const ClientLease&) = delete;
-  CachedClient* operator->() const { return &gClient; }
+  CachedClient* operator->() const { return gClient; }
 };
 
 // The block is open: the first attach initialises the object, a later one may
@@ -172,9 +185,13 @@ class Attach {
     char path[sizeof "/dev/shm/" + kMaxObjectNameLength];
     snprintf(path, sizeof path, "/dev/shm/%s", m_name.c_str());
     int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return false;
+    struct stat st;
     unsigned int count = 1;
-    if (fd >= 0 && pread(fd, &count, sizeof count, 0) != static_cast<ssize_t>(sizeof count)) count = 1;
-    if (fd >= 0) close(fd);
+    // A block the manager could not even size counts as unused.
+    if (fstat(fd, &st) == 0 && st.st_size == 0) count = 0;
+    else if (pread(fd, &count, sizeof count, 0) != static_cast<ssize_t>(sizeof count)) count = 1;
+    close(fd);
     return count == 0;
   }
 
@@ -202,7 +219,10 @@ sharememory_handle* attachNamedObject(const std::string& name, unsigned int bloc
   }
   // A process that uses named objects is registered, so that others (and the
   // inspection tool) can tell whether it lives; once per process.
-  if (Private::ProcessRegistry* registry = Private::latestRegistry()) registry->own();
+  if (Private::ProcessRegistry* registry = Private::latestRegistry()) {
+    registry->renewIfLost();
+    registry->own();
+  }
   return Attach(*lease.operator->(), name, blockSize, steps).run(*client);
 }
 
