@@ -158,15 +158,25 @@ bool os_sync_manager_handle::start() {
 // A new object every start, never one cleared in place: clients of a manager
 // that died may still hold the old record's mutex.
 bool os_sync_manager_handle::createRequestLock() {
-  shm_unlink(kRequestLock);
-  m_pRequestLock = createManagedShareMemory(kRequestLock, sizeof(OS::RequestLockRecord));
-  if (m_pRequestLock == nullptr) return false;
-  OS::Private::initMutex(&record()->mutex, PTHREAD_MUTEX_NORMAL, false, true);
-  record()->manager = static_cast<unsigned int>(OS::Private::ownPid());
+  // Made whole under a name of its own, then moved into place in one step: a
+  // client never opens a record whose mutex is not yet initialised, nor finds
+  // the name missing while the old record is replaced.
+  char draft[64];
+  snprintf(draft, sizeof draft, "%s.%d", kRequestLock, static_cast<int>(getpid()));
+  sharememory_handle* made = createManagedShareMemory(draft, sizeof(OS::RequestLockRecord));
+  if (made == nullptr) return false;
+  auto* rec = static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(made));
+  OS::Private::initMutex(&rec->mutex, PTHREAD_MUTEX_NORMAL, false, true);
+  rec->manager = static_cast<unsigned int>(OS::Private::ownPid());
   // The manager's identity for its lifetime: clients and a successor judge by it.
   OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
-  record()->managerToken = registry != nullptr ? registry->own() : OS::Private::kNoProcess;
-  return true;
+  rec->managerToken = registry != nullptr ? registry->own() : OS::Private::kNoProcess;
+  bool placed = rename((std::string("/dev/shm/") + draft).c_str(),
+                       (std::string("/dev/shm/") + kRequestLock).c_str()) == 0;
+  os_sharememory_close(made, !placed);  // unlinks the draft only when it stayed one
+  os_sharememory_destroy(made);
+  m_pRequestLock = placed ? os_sharememory_open(kRequestLock, USE_DEFAULT) : nullptr;
+  return m_pRequestLock != nullptr;
 }
 
 OS::RequestLockRecord* os_sync_manager_handle::record() const {
