@@ -156,6 +156,19 @@ unsigned int recordWord(size_t offset) {
   return word;
 }
 
+// The manager's pid as this tool's /proc numbers it: 0 when the manager runs
+// in another PID namespace, where its number names some other process here.
+pid_t managerPidHere() {
+  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
+  auto manager = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, managerToken)));
+  pid_t here = 0;
+  if (registry == nullptr || manager == OS::Private::kNoProcess) return managerPid();
+  registry->forEachLive([&](OS::Private::ProcessToken token, pid_t pid, uint64_t pidNamespace) {
+    if (token == manager && pidNamespace == OS::Private::ownPidNamespace()) here = pid;
+  });
+  return here;
+}
+
 // Live registered processes that this tool's /proc does not show: those of
 // other PID namespaces, or of one it cannot tell. The manager maps no block.
 int countElsewhere() {
@@ -191,7 +204,7 @@ bool readMaps(pid_t pid, std::map<FileId, Block*>& byFile) {
 Unseen findMappers(std::vector<Block>& blocks) {
   std::map<FileId, Block*> byFile;
   for (Block& block : blocks) byFile[FileId(block.device, block.inode)] = &block;
-  pid_t manager = managerPid(), self = getpid();
+  pid_t manager = managerPidHere(), self = getpid();
   Unseen unseen;
   unseen.elsewhere = countElsewhere();
   if (DIR* proc = opendir("/proc")) {
