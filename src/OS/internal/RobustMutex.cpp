@@ -33,13 +33,20 @@ uint32_t tagOf(const pthread_mutex_t* mutex) {
 // The same word marks a recursive mutex of the library's own counting;
 // namespace inodes are far above it.
 constexpr uint32_t kOwnRecursionTag = 1;
+// A priority-inheriting mutex whose creator could not tell its namespace (no
+// /proc): usable only where the namespace cannot be told either.
+constexpr uint32_t kUnknownNamespaceTag = 2;
+
+uint32_t namespaceTagOfThisProcess() {
+  uint32_t mine = static_cast<uint32_t>(ownPidNamespace());
+  return mine != 0 ? mine : kUnknownNamespaceTag;
+}
 
 }  // namespace
 
 bool usableInThisNamespace(const pthread_mutex_t* mutex) {
   uint32_t tag = tagOf(mutex);
-  uint32_t mine = static_cast<uint32_t>(ownPidNamespace());
-  return tag == 0 || tag == kOwnRecursionTag || mine == 0 || tag == mine;
+  return tag == 0 || tag == kOwnRecursionTag || tag == namespaceTagOfThisProcess();
 }
 
 bool countsOwnRecursion(const pthread_mutex_t* mutex) { return tagOf(mutex) == kOwnRecursionTag; }
@@ -63,7 +70,7 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
   }
   int result = pthread_mutex_init(mutex, &attr);
   pthread_mutexattr_destroy(&attr);
-  if (result == 0 && prioInherit && processShared) *namespaceTag(mutex) = static_cast<uint32_t>(ownPidNamespace());
+  if (result == 0 && prioInherit && processShared) *namespaceTag(mutex) = namespaceTagOfThisProcess();
   if (result == 0 && ownRecursion) *namespaceTag(mutex) = kOwnRecursionTag;
   return result;
 }
