@@ -1,14 +1,16 @@
 #ifndef OSTRELLED_SRC_OS_INTERNAL_PRIVATE_H
 #define OSTRELLED_SRC_OS_INTERNAL_PRIVATE_H
 
-// Small helpers of every operating-system source: modes, EINTR, errno, pid and
-// deadlines; header-only. Also the index of the private layer:
+// Small helpers of every operating-system source: modes, EINTR, errno, pid (a
+// label, never evidence of life) and deadlines; header-only. Also the index of the private layer:
 //
 //   internal/Private.h         real-time mode resolution, retryOnEintr, ErrnoGuard,
 //                              ownPid, deadlines (deadlineAfter, timeLeftUntil,
 //                              hasPassed), lockBefore, takeSoon, text delivery
 //   internal/RobustMutex.h     pthread mutex set-up and locking that repairs a dead owner
 //   internal/NamedObject.h     attach/detach of named objects through the manager
+//   internal/Liveness.h        whether a process lives: the registry of tokens the
+//                              kernel keeps true across PID namespaces (never a pid)
 //   internal/ManagedAccess.h   the group and mode of every name the manager creates
 //   internal/SyncPrimitives.h  one wake-up class per kind: futex condition, POSIX, System V
 //   internal/SysVSemaphore.h   System V semaphore operations and keys
