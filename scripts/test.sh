@@ -40,6 +40,8 @@ thread() {
   (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j"$jobs")
 }
 
+# The size of the suite against the code (printed; a limit follows once the suite is cut to it).
+step "test ratio" scripts/test_ratio.sh
 step "build and tests" plain
 step "install check" scripts/check_install.sh build
 # The public ABI against the committed baseline: any change must be recorded.
