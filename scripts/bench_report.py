@@ -52,21 +52,26 @@ WALL_CLOCK = {"BM_NamedMutexLife", "BM_NamedMutexLifeWithDaemon", "BM_BoostNamed
               "BM_RawMutexCondPingPong", "BM_CopyLibrary", "BM_CopyCp"}
 
 
-def load_medians(raw_dir):
-    """Median time in ns of every benchmark's repetitions, by name."""
-    samples = {}
+def repetitions(raw_dir):
+    """Every measured repetition in the JSON files, with its name split at '/'
+    (options such as /min_time:1.000/real_time follow the name)."""
     for path in sorted(Path(raw_dir).glob("*.json")):
         try:
             data = json.loads(path.read_text())
         except (OSError, ValueError):
             continue
         for bench in data.get("benchmarks", []):
-            if bench.get("run_type", "iteration") != "iteration" or bench.get("error_occurred"):
-                continue
-            # Options such as /min_time:1.000/real_time are not part of the name.
-            name = bench.get("run_name", bench["name"]).split("/")[0]
-            clock = "real_time" if name in WALL_CLOCK else "cpu_time"
-            samples.setdefault(name, []).append(bench[clock] * TO_NS[bench.get("time_unit", "ns")])
+            if bench.get("run_type", "iteration") == "iteration" and not bench.get("error_occurred"):
+                yield bench.get("run_name", bench["name"]).split("/"), bench
+
+
+def load_medians(raw_dir):
+    """Median time in ns of every benchmark's repetitions, by name."""
+    samples = {}
+    for parts, bench in repetitions(raw_dir):
+        name = parts[0]
+        clock = "real_time" if name in WALL_CLOCK else "cpu_time"
+        samples.setdefault(name, []).append(bench[clock] * TO_NS[bench.get("time_unit", "ns")])
     return {name: {"median_ns": statistics.median(values), "samples_ns": values,
                    "clock": "wall" if name in WALL_CLOCK else "thread cpu"}
             for name, values in samples.items()}
@@ -89,15 +94,8 @@ CONTENTION = ("BM_NamedMutexLivesInProcesses", "BM_NamedMutexLivesInProcessesWit
 def load_contention(raw_dir):
     """{(benchmark, processes): (lives per second, smallest share)}, medians of the repetitions."""
     samples = {}
-    for path in sorted(Path(raw_dir).glob("*.json")):
-        try:
-            data = json.loads(path.read_text())
-        except (OSError, ValueError):
-            continue
-        for bench in data.get("benchmarks", []):
-            parts = bench.get("run_name", bench["name"]).split("/")
-            if parts[0] not in CONTENTION or bench.get("run_type", "iteration") != "iteration":
-                continue
+    for parts, bench in repetitions(raw_dir):
+        if parts[0] in CONTENTION:
             key = (parts[0], int(parts[1]))
             samples.setdefault(key, []).append((bench["lives_per_second"], bench["smallest_share"]))
     return {key: (statistics.median(v[0] for v in values), statistics.median(v[1] for v in values))

@@ -117,18 +117,22 @@ int configureGroup(const char* name) {
 // Only names without such a token are asked by a request: a live manager
 // answers one that it ignores; a lock that stays taken for 200 ms leaves it
 // open whether a manager runs. False when this one must not start.
-bool mayStart() {
+// What the names' manager is: by its token when it has one (alive counts as
+// serving, gone as silent), else by a request.
+OS::ManagerState judgeManager() {
   switch (OS::managerPresence()) {
     case OS::Private::Presence::Alive:
-      fprintf(stderr, "ostrelled-syncd: a sync manager is already running on this machine; not starting\n");
-      return false;
+      return OS::ManagerState::Serving;
     case OS::Private::Presence::Gone:
-      printf("ostrelled-syncd: replacing the names left by a sync manager that is gone\n");
-      return true;
+      return OS::ManagerState::Silent;
     case OS::Private::Presence::Unknown:
       break;
   }
-  switch (OS::probeManager(OS::Private::deadlineAfter(200 * kNanosPerMilli)).state) {
+  return OS::probeManager(OS::Private::deadlineAfter(200 * kNanosPerMilli)).state;
+}
+
+bool mayStart() {
+  switch (judgeManager()) {
     case OS::ManagerState::Serving:
       fprintf(stderr, "ostrelled-syncd: a sync manager is already running on this machine; not starting\n");
       return false;

@@ -171,8 +171,7 @@ bool os_sync_manager_handle::createRequestLock() {
   // The manager's identity for its lifetime: clients and a successor judge by it.
   OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
   rec->managerToken = registry != nullptr ? registry->own() : OS::Private::kNoProcess;
-  bool placed = rename((std::string("/dev/shm/") + draft).c_str(),
-                       (std::string("/dev/shm/") + kRequestLock).c_str()) == 0;
+  bool placed = rename(OS::Private::shmPath(draft).c_str(), OS::Private::shmPath(kRequestLock).c_str()) == 0;
   os_sharememory_close(made, !placed);  // unlinks the draft only when it stayed one
   os_sharememory_destroy(made);
   m_pRequestLock = placed ? os_sharememory_open(kRequestLock, USE_DEFAULT) : nullptr;

@@ -156,31 +156,29 @@ unsigned int recordWord(size_t offset) {
   return word;
 }
 
-// The manager's pid as this tool's /proc numbers it: 0 when the manager runs
-// in another PID namespace, where its number names some other process here.
-pid_t managerPidHere() {
-  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
-  auto manager = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, managerToken)));
-  pid_t here = 0;
-  if (registry == nullptr || manager == OS::Private::kNoProcess) return managerPid();
-  registry->forEachLive([&](OS::Private::ProcessToken token, pid_t pid, uint64_t pidNamespace) {
-    if (token == manager && pidNamespace == OS::Private::ownPidNamespace()) here = pid;
-  });
-  return here;
-}
-
-// Live registered processes that this tool's /proc does not show: those of
-// other PID namespaces, or of one it cannot tell. The manager maps no block.
-int countElsewhere() {
-  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
-  if (registry == nullptr) return 0;
-  auto manager = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, managerToken)));
-  uint64_t here = OS::Private::ownPidNamespace();
+// What one walk of the registry tells: the manager's pid as this tool's /proc
+// numbers it (0 when the manager runs in another PID namespace, where its
+// number names some other process here), and how many live registered
+// processes this /proc does not show: those of other PID namespaces, or of one
+// it cannot tell. The manager maps no block, so it is not counted.
+struct RegistryView {
+  pid_t managerHere = 0;
   int elsewhere = 0;
-  registry->forEachLive([&](OS::Private::ProcessToken token, pid_t, uint64_t pidNamespace) {
-    if (token != manager && (here == 0 || pidNamespace != here)) ++elsewhere;
+};
+
+RegistryView viewRegistry() {
+  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
+  auto manager = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, managerToken)));
+  if (registry == nullptr) return {managerPid(), 0};
+  uint64_t here = OS::Private::ownPidNamespace();
+  RegistryView view;
+  if (manager == OS::Private::kNoProcess) view.managerHere = managerPid();
+  registry->forEachLive([&](OS::Private::ProcessToken token, pid_t pid, uint64_t pidNamespace) {
+    bool local = here != 0 && pidNamespace == here;
+    if (token == manager && local) view.managerHere = pid;
+    if (token != manager && !local) ++view.elsewhere;
   });
-  return elsewhere;
+  return view;
 }
 
 // Notes every block the process maps. False when its map may not be read by
@@ -204,9 +202,10 @@ bool readMaps(pid_t pid, std::map<FileId, Block*>& byFile) {
 Unseen findMappers(std::vector<Block>& blocks) {
   std::map<FileId, Block*> byFile;
   for (Block& block : blocks) byFile[FileId(block.device, block.inode)] = &block;
-  pid_t manager = managerPidHere(), self = getpid();
+  RegistryView view = viewRegistry();
+  pid_t manager = view.managerHere, self = getpid();
   Unseen unseen;
-  unseen.elsewhere = countElsewhere();
+  unseen.elsewhere = view.elsewhere;
   if (DIR* proc = opendir("/proc")) {
     while (dirent* entry = readdir(proc)) {
       char* end = nullptr;

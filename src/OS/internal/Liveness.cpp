@@ -40,7 +40,7 @@ constexpr size_t kRegistrySize = sizeof(Header) + size_t{kRegistryCapacity} * si
 static_assert(sizeof(Slot) == 16, "slots are 16 bytes");
 
 const std::string& registryPath() {
-  static const std::string path = std::string("/dev/shm/") + kRegistryName;
+  static const std::string path = shmPath(kRegistryName);
   return path;
 }
 
@@ -59,14 +59,19 @@ struct flock slotLock(ProcessToken token, short type) {
   return lock;
 }
 
+// Whether the open file is a registry of this layout; st describes it after.
+bool validRegistry(int fd, struct stat& st) {
+  Header header{};
+  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == kRegistrySize &&
+         pread(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) && header.magic == kMagic &&
+         header.version == kVersion && header.capacity == kRegistryCapacity;
+}
+
 bool validRegistryAt(const char* path) {
   int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return false;
   struct stat st;
-  Header header{};
-  bool valid = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == kRegistrySize &&
-               pread(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) && header.magic == kMagic &&
-               header.version == kVersion && header.capacity == kRegistryCapacity;
+  bool valid = validRegistry(fd, st);
   close(fd);
   return valid;
 }
@@ -141,14 +146,9 @@ int toHighNumber(int fd) {
 // the caller may not write it (such a process checks, but cannot join).
 ProcessRegistry::State* mapRegistry(int fd, bool writable) {
   struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) != kRegistrySize) return nullptr;
+  if (!validRegistry(fd, st)) return nullptr;
   void* map = mmap(nullptr, kRegistrySize, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
   if (map == MAP_FAILED) return nullptr;
-  const Header* header = static_cast<const Header*>(map);
-  if (header->magic != kMagic || header->version != kVersion || header->capacity != kRegistryCapacity) {
-    munmap(map, kRegistrySize);
-    return nullptr;
-  }
   auto* state = new ProcessRegistry::State;
   fd = toHighNumber(fd);
   state->device = st.st_dev;
@@ -304,7 +304,7 @@ bool createRegistry(mode_t mode) {
               posix_fallocate(fd, 0, static_cast<off_t>(kRegistrySize)) == 0 &&
               pwrite(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
   close(fd);
-  std::string draftPath = std::string("/dev/shm/") + draft;
+  std::string draftPath = shmPath(draft);
   if (made && link(draftPath.c_str(), registryPath().c_str()) != 0) {
     // Another manager was quicker, or an invalid file is in the way.
     if (!validRegistryAt(registryPath().c_str())) made = rename(draftPath.c_str(), registryPath().c_str()) == 0;

@@ -30,7 +30,8 @@ struct ProtocolIdentity {
 
   bool read() {
     struct stat st;
-    if (stat("/dev/shm/os_mutex_manage_request_lock", &st) != 0) return false;
+    static const std::string path = Private::shmPath(SyncNames::kRequestLock);
+    if (stat(path.c_str(), &st) != 0) return false;
     device = st.st_dev;
     inode = st.st_ino;
     changed = st.st_ctim;

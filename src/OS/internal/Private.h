@@ -30,6 +30,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <string>
+
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
 #include <ostrelled/StringAssistant.h>
@@ -70,6 +72,11 @@ inline pid_t ownPid() {
   (void)registered;
   return gOwnPid;
 }
+
+// The file under /dev/shm of a shared-memory object's name (given without
+// its leading slash), as the system keeps it.
+inline std::string shmPath(const char* name) { return std::string("/dev/shm/") + name; }
+inline std::string shmPath(const std::string& name) { return shmPath(name.c_str()); }
 
 // Keeps errno across clean-up after a failure: the caller sees the error of
 // the call that failed, not of what was undone after it.

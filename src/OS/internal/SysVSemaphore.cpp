@@ -78,7 +78,7 @@ bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bo
 // group, so that every member may post it and nobody else may even read it.
 int createSet(key_t key, const std::string& name) {
   struct stat block;
-  bool grouped = stat(("/dev/shm/" + name).c_str(), &block) == 0 && (block.st_mode & S_IRWXO) == 0;
+  bool grouped = stat(OS::Private::shmPath(name).c_str(), &block) == 0 && (block.st_mode & S_IRWXO) == 0;
   int id = semget(key, 1, IPC_CREAT | (grouped ? 0600 : 0755));
   if (id == -1 || !grouped) return id;
   semid_ds perm{};
@@ -93,7 +93,7 @@ int createSet(key_t key, const std::string& name) {
 }
 
 bool keyOfBlock(const std::string& name, const char* what, key_t& key) {
-  std::string path = "/dev/shm/" + name;
+  std::string path = OS::Private::shmPath(name);
   key = ftok(path.c_str(), 0);
   if (key != -1) return true;
   // The line has always shown the path buffer after it was released, that is
