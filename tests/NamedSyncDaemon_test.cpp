@@ -17,10 +17,12 @@
 #include <ostrelled/OS_RWMutex.h>
 #include <ostrelled/OS_Semaphore.h>
 
-#include "OS/OS_Event.h"
-#include "OS/OS_Mutex.h"
-#include "OS/OS_Semaphore.h"
+#include "OS/internal/EventKinds.h"
+#include "OS/internal/MutexHandle.h"
+#include "OS/internal/SemaphoreKinds.h"
 #include "SyncTestSupport.h"
+
+namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -194,11 +196,11 @@ struct EveryKind {
   explicit EveryKind(const std::string& prefix)
       : mutex(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, (prefix + "_m").c_str())),
         rw(os_rw_mutex_create(USE_STD, (prefix + "_rw").c_str())),
-        sems{OS::createSemaphore(0, USE_STD, (prefix + "_sp").c_str(), false),
-             OS::createSemaphore(0, USE_STD, (prefix + "_sv").c_str(), true)},
-        events{OS::createEvent(false, false, USE_STD, (prefix + "_ec").c_str(), false, true),
-               OS::createEvent(false, false, USE_STD, (prefix + "_ep").c_str(), false, false),
-               OS::createEvent(false, false, USE_STD, (prefix + "_ev").c_str(), true, false)} {}
+        sems{internal::createSemaphore(0, USE_STD, (prefix + "_sp").c_str(), false),
+             internal::createSemaphore(0, USE_STD, (prefix + "_sv").c_str(), true)},
+        events{internal::createEvent(false, false, USE_STD, (prefix + "_ec").c_str(), false, true),
+               internal::createEvent(false, false, USE_STD, (prefix + "_ep").c_str(), false, false),
+               internal::createEvent(false, false, USE_STD, (prefix + "_ev").c_str(), true, false)} {}
   ~EveryKind() {
     os_mutex_destroy(mutex);
     os_rw_mutex_destroy(rw);
@@ -241,7 +243,7 @@ struct EveryKind {
 // Every way an outsider could reach a member's objects or the manager's
 // names: how many of them worked (0 expected).
 int outsiderGetsIn(const std::string& prefix) {
-  using namespace OS::SyncNames;
+  using namespace internal::SyncNames;
   EveryKind mine(prefix);
   int got = mine.attached() + os_mutex_is_attached(mine.mutex);
   mutex_handle* fresh = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, (prefix + "_new").c_str());
@@ -382,7 +384,7 @@ TEST_F(NoManager, WithoutAGroupTheManagersNamesKeepTheirUsualModes) {
   ASSERT_TRUE(os_sync_environment_initialize(false));
   std::string name = uniqueName("modes");
   mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, name.c_str());
-  using namespace OS::SyncNames;
+  using namespace internal::SyncNames;
   const std::pair<std::string, mode_t> expected[] = {{std::string("sem.") + (kEnabledSemaphore + 1), 0755},
                                                      {std::string("sem.") + (kRequestSemaphore + 1), 0755},
                                                      {kRequestArea, 0777}, {kRequestLock, 0777}, {name, 0777}};

@@ -5,8 +5,10 @@
 #include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_ShareMemory.h>
 
-#include "OS/OS_Event.h"
+#include "OS/internal/EventKinds.h"
 #include "SyncTestSupport.h"
+
+namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -18,7 +20,7 @@ class EventKinds : public HostedManager, public ::testing::WithParamInterface<Ki
  protected:
   event_handle* make(bool manual, bool initial) {
     const char* name = GetParam() == Anonymous ? nullptr : m_name.c_str();
-    return OS::createEvent(manual, initial, USE_STD, name, GetParam() == NamedSysV, GetParam() == NamedCondition);
+    return internal::createEvent(manual, initial, USE_STD, name, GetParam() == NamedSysV, GetParam() == NamedCondition);
   }
   std::string m_name = uniqueName("event");
 };
@@ -128,8 +130,8 @@ TEST_F(HostedManager, UnusableEventsAnswerFalse) {
   // Null, names of 1024 characters, and a System V set asked for in real-time mode.
   std::string tooLong(1024, 'e'), named = uniqueName("event");
   event_handle* unusable[] = {nullptr, os_event_create(true, true, USE_STD, tooLong.c_str()),
-                              OS::createEvent(true, true, USE_STD, tooLong.c_str(), true, false),
-                              OS::createEvent(true, true, USE_RT, named.c_str(), true, false)};
+                              internal::createEvent(true, true, USE_STD, tooLong.c_str(), true, false),
+                              internal::createEvent(true, true, USE_RT, named.c_str(), true, false)};
   for (event_handle*& event : unusable) {
     os_event_set_event(event);
     os_event_reset_event(event);

@@ -10,7 +10,7 @@
 #include <ostrelled/OS_RWMutex.h>
 #include <ostrelled/OS_Semaphore.h>
 
-#include "OS/OS_Mutex.h"
+#include "OS/internal/MutexHandle.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;

@@ -6,8 +6,10 @@
 
 #include <ostrelled/OS_Semaphore.h>
 
-#include "OS/OS_Semaphore.h"
+#include "OS/internal/SemaphoreKinds.h"
 #include "SyncTestSupport.h"
+
+namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -18,7 +20,7 @@ class SemaphoreKinds : public HostedManager, public ::testing::WithParamInterfac
  protected:
   semaphore_handle* make(int count) {
     const char* name = GetParam() == Anonymous ? nullptr : m_name.c_str();
-    return OS::createSemaphore(count, USE_STD, name, GetParam() == NamedSysV);
+    return internal::createSemaphore(count, USE_STD, name, GetParam() == NamedSysV);
   }
   std::string m_name = uniqueName("sem");
 };
@@ -114,8 +116,8 @@ TEST_F(HostedManager, UnusableSemaphoresAnswerFalse) {
   // Null, names of 1024 characters, a System V set asked for in real-time mode, a count the system refuses.
   std::string tooLong(1024, 'n'), named = uniqueName("sem");
   semaphore_handle* unusable[] = {nullptr, os_semaphore_create(1, USE_STD, tooLong.c_str()),
-                                  OS::createSemaphore(1, USE_STD, tooLong.c_str(), true),
-                                  OS::createSemaphore(1, USE_RT, named.c_str(), true),
+                                  internal::createSemaphore(1, USE_STD, tooLong.c_str(), true),
+                                  internal::createSemaphore(1, USE_RT, named.c_str(), true),
                                   os_semaphore_create(-1, USE_STD, nullptr)};
   for (semaphore_handle*& sem : unusable) {
     EXPECT_EQ(os_semaphore_set_undo_track(sem, true), sem != nullptr) << "false only for null";

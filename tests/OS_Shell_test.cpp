@@ -12,6 +12,8 @@
 #include "TempDirectory.h"
 #include "TestSupport.h"
 
+namespace internal = ostrelled::internal;
+
 using namespace testsupport;
 
 namespace {
@@ -50,7 +52,7 @@ void keepingCopy(const char* source, const char* target) { os_folder_copy(source
 }  // namespace
 
 TEST(OS_ShellCommand, OrdinaryPathsGiveTheTemplateByteForByte) {
-  using namespace OS::Shell;
+  using namespace internal::Shell;
   const std::string p = "/tmp/some dir/with-ordinary_chars.~+=@%!#&;|<>(){}*?[]";
   EXPECT_EQ(formatCommand(kRemoveTree, {p.c_str()}), "rm \"" + p + "\" -rf");
   EXPECT_EQ(formatCommand(kMove, {p.c_str(), "b"}), "mv \"" + p + "\" \"b\"");
@@ -61,7 +63,7 @@ TEST(OS_ShellCommand, OrdinaryPathsGiveTheTemplateByteForByte) {
 }
 
 TEST(OS_ShellCommand, PathsBeginningWithADashGoBehindDotSlashButProcessNamesDoNot) {
-  using namespace OS::Shell;
+  using namespace internal::Shell;
   EXPECT_EQ(formatCommand(kRemoveTree, {"-rf"}), "rm \"./-rf\" -rf");
   EXPECT_EQ(formatCommand(kMove, {"-i", "a-b"}), "mv \"./-i\" \"a-b\"");
   EXPECT_EQ(formatCommand(kCopyOverwriting, {"--help/", "-/"}), "cp -arf \"./--help/\"/* \"./-/\"");

@@ -14,6 +14,8 @@
 
 #include "SyncTestSupport.h"
 
+namespace internal = ostrelled::internal;
+
 using namespace testsupport;
 
 namespace {
@@ -23,7 +25,7 @@ mutex_handle* named(const std::string& n) { return os_mutex_create(DEFAULT_MUTEX
 }  // namespace
 
 TEST_F(HostedManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecondWithNobodyWaiting) {
-  OS::CSyncClient client;
+  internal::CSyncClient client;
   ASSERT_TRUE(client.create(true));
   HeldInChild holder([&] { client.lock(); }, [&] { client.unlock(); });
   ASSERT_TRUE(holder.held());
@@ -36,7 +38,7 @@ TEST_F(HostedManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecondW
 }
 
 TEST_F(HostedManager, AWaitingClientTakesOverFromAHolderThatDied) {
-  OS::CSyncClient client;
+  internal::CSyncClient client;
   ASSERT_TRUE(client.create(true));
   HeldInChild holder([&] { client.lock(); }, [&] { client.unlock(); });
   ASSERT_TRUE(holder.held());

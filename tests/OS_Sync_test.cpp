@@ -8,8 +8,10 @@
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_ShareMemory.h>
 
-#include "OS/OS_Mutex.h"
+#include "OS/internal/MutexHandle.h"
 #include "SyncTestSupport.h"
+
+namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -20,15 +22,15 @@ unsigned char* bytesOf(sharememory_handle* b) { return static_cast<unsigned char
 // Writes a request record by hand (the name, if any, after the words) and
 // posts it with bare semaphore calls; the client only opens the names.
 // Returns the finish posts seen: the first within 2 s, any further one within 50 ms.
-int send(OS::CSyncClient& raw, std::vector<unsigned int> words, const char* name = nullptr) {
+int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char* name = nullptr) {
   unsigned char* area = bytesOf(raw.manager_memory_handle);
   if (name != nullptr) memcpy(area + 4 * words.size(), name, strlen(name) + 1);
   memcpy(area, words.data(), 4 * words.size());
   sem_wait(raw.enable_mutex_manager_sem);
   sem_post(raw.manage_request_sem);
   int answers = 0;
-  for (timespec d = OS::Private::deadlineAfter(2000000000L); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0;
-       d = OS::Private::deadlineAfter(50000000L))
+  for (timespec d = internal::deadlineAfter(2000000000L); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0;
+       d = internal::deadlineAfter(50000000L))
     ++answers;
   sem_post(raw.enable_mutex_manager_sem);
   return answers;
@@ -41,7 +43,7 @@ mutex_handle* named(const std::string& n) { return os_mutex_create(DEFAULT_MUTEX
 }  // namespace
 
 TEST_F(HostedManager, EveryRequestIsAnsweredOnce) {
-  OS::CSyncClient raw;
+  internal::CSyncClient raw;
   ASSERT_TRUE(raw.create());
   std::string name = uniqueName("raw"), other = uniqueName("ignored");
   EXPECT_EQ(send(raw, {kCreate, 64}, name.c_str()), 1);

@@ -25,8 +25,10 @@
 #include <ostrelled/OS_Sync.h>
 
 #include "OS/internal/Private.h"
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 #include "TestSupport.h"
+
+namespace internal = ostrelled::internal;
 
 namespace testsupport {
 
@@ -38,7 +40,7 @@ inline std::string uniqueName(const char* tag) {
 
 // The CLOCK_MONOTONIC time millis from now (negative: in the past).
 inline timespec deadlineIn(long millis) {
-  timespec t = OS::Private::monotonicNow();
+  timespec t = internal::monotonicNow();
   t.tv_nsec += millis * 1000000L;
   os_clock_adjust_clock_time(&t);
   return t;
@@ -55,7 +57,7 @@ inline bool shmExists(const std::string& name) { return shmSize(name) >= 0; }
 
 // How many of the manager's four machine-wide names exist.
 inline int managerNamesLeft() {
-  using namespace OS::SyncNames;
+  using namespace internal::SyncNames;
   int left = shmExists(kRequestArea);
   for (const char* sem : {kEnabledSemaphore, kRequestSemaphore, kFinishSemaphore})
     left += shmExists(std::string("sem.") + (sem + 1));
@@ -93,11 +95,11 @@ inline bool liveManagerAnswers() { return os_sync_environment_ping(500); }
 
 // Whether the request lock is free: the enabled semaphore given back and no holder recorded.
 inline bool requestLockFree() {
-  OS::CSyncClient client;
-  sharememory_handle* block = os_sharememory_open(OS::SyncNames::kRequestLock, USE_STD);
+  internal::CSyncClient client;
+  sharememory_handle* block = os_sharememory_open(internal::SyncNames::kRequestLock, USE_STD);
   int value = 0;
   bool free = client.create(true) && block != nullptr && sem_getvalue(client.enable_mutex_manager_sem, &value) == 0 &&
-              value == 1 && static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(block))->holder == 0;
+              value == 1 && static_cast<internal::RequestLockRecord*>(os_sharememory_get_buffer(block))->holder == 0;
   os_sharememory_destroy(block);
   return free;
 }

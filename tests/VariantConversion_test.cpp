@@ -10,7 +10,7 @@
 
 #include "VariantTextOracle.h"
 
-using namespace DataType;
+using namespace ostrelled::internal;
 
 namespace {
 

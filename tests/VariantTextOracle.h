@@ -13,7 +13,9 @@
 
 #include <ostrelled/Variant.h>
 
-#include "DataType/ScalarDispatch.h"
+#include "DataType/internal/ScalarDispatch.h"
+
+namespace internal = ostrelled::internal;
 
 namespace oracle {
 
@@ -46,7 +48,7 @@ bool sameValue(T a, T b) {
 // included, or when tag is no scalar; else what differs.
 inline std::string parseMismatch(const std::string& text, TVARTYPE tag) {
   std::string why;
-  DataType::visitScalar(tag, [&](auto target) {
+  internal::visitScalar(tag, [&](auto target) {
     using D = typename decltype(target)::type;
     errno = 0;
     const D expected = libraryParse<D>(text.c_str());
@@ -54,8 +56,8 @@ inline std::string parseMismatch(const std::string& text, TVARTYPE tag) {
     CVariant var(text.c_str());
     errno = 0;
     const bool converted = variant_change_type(var, tag) && var.vt == tag;
-    if (!converted || errno != expectedErrno || !sameValue(DataType::scalarValue<D>(var), expected))
-      why = '"' + text + "\" to " + DataType::Scalar<D>::kTypeName;
+    if (!converted || errno != expectedErrno || !sameValue(internal::scalarValue<D>(var), expected))
+      why = '"' + text + "\" to " + internal::Scalar<D>::kTypeName;
     return true;
   });
   return why;
@@ -66,11 +68,11 @@ inline std::string parseMismatch(const std::string& text, TVARTYPE tag) {
 template <class S>
 std::string printMismatch(S value) {
   char expected[512];
-  const int length = DataType::Scalar<S>::print(expected, sizeof expected, value);
+  const int length = internal::Scalar<S>::print(expected, sizeof expected, value);
   TVARIANT var;
   variant_init(var);
-  DataType::Scalar<S>::ref(var) = value;
-  var.vt = DataType::Scalar<S>::kTag;
+  internal::Scalar<S>::ref(var) = value;
+  var.vt = internal::Scalar<S>::kTag;
   std::string why;
   int word = 0;
   if (!variant_change_type(var, TVT_BSTR) || var.bstrVal == nullptr)

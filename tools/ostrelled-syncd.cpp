@@ -16,10 +16,12 @@
 #include <ostrelled/OS_Sync.h>
 #include <ostrelled/Version.h>
 
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 #include "ServiceNotify.h"
+
+namespace internal = ostrelled::internal;
 
 namespace {
 
@@ -107,7 +109,7 @@ int configureGroup(const char* name) {
     fprintf(stderr, "ostrelled-syncd: this account is not in group '%s', so it cannot give its names to it\n", name);
     return 1;
   }
-  OS::Private::setManagedGroup(entry->gr_gid);
+  internal::setManagedGroup(entry->gr_gid);
   return 0;
 }
 
@@ -119,32 +121,32 @@ int configureGroup(const char* name) {
 // open whether a manager runs. False when this one must not start.
 // What the names' manager is: by its token when it has one (alive counts as
 // serving, gone as silent), else by a request.
-OS::ManagerState judgeManager() {
-  switch (OS::managerPresence()) {
-    case OS::Private::Presence::Alive:
-      return OS::ManagerState::Serving;
-    case OS::Private::Presence::Gone:
-      return OS::ManagerState::Silent;
-    case OS::Private::Presence::Unknown:
+internal::ManagerState judgeManager() {
+  switch (internal::managerPresence()) {
+    case internal::Presence::Alive:
+      return internal::ManagerState::Serving;
+    case internal::Presence::Gone:
+      return internal::ManagerState::Silent;
+    case internal::Presence::Unknown:
       break;
   }
-  return OS::probeManager(OS::Private::deadlineAfter(200 * kNanosPerMilli)).state;
+  return internal::probeManager(internal::deadlineAfter(200 * kNanosPerMilli)).state;
 }
 
 bool mayStart() {
   switch (judgeManager()) {
-    case OS::ManagerState::Serving:
+    case internal::ManagerState::Serving:
       fprintf(stderr, "ostrelled-syncd: a sync manager is already running on this machine; not starting\n");
       return false;
-    case OS::ManagerState::LockStuck:
+    case internal::ManagerState::LockStuck:
       fprintf(stderr,
               "ostrelled-syncd: the sync manager's request lock has stayed taken for 200 ms; another manager may "
               "be running. Start with --force to replace it\n");
       return false;
-    case OS::ManagerState::Silent:
+    case internal::ManagerState::Silent:
       printf("ostrelled-syncd: replacing the names left by a sync manager that is gone\n");
       return true;
-    case OS::ManagerState::NoNames:
+    case internal::ManagerState::NoNames:
       return true;
   }
   return true;
@@ -156,10 +158,10 @@ bool mayStart() {
 long gWatchdogNanos = 0;
 void watchdogBeat() {
   static timespec next{};
-  timespec now = OS::Private::monotonicNow();
-  if (OS::Private::isEarlier(now, next)) return;
+  timespec now = internal::monotonicNow();
+  if (internal::isEarlier(now, next)) return;
   notifyService("WATCHDOG=1");
-  next = OS::Private::deadlineAfter(gWatchdogNanos / 4);
+  next = internal::deadlineAfter(gWatchdogNanos / 4);
 }
 
 void armWatchdog() {
@@ -169,7 +171,7 @@ void armWatchdog() {
   long micros = atol(usec);
   if (micros <= 0) return;
   gWatchdogNanos = micros * 1000L;
-  OS::setServingHeartbeat(watchdogBeat);
+  internal::setServingHeartbeat(watchdogBeat);
 }
 
 // Ready means answering: the manager's own request goes through.

@@ -2,10 +2,12 @@
 
 #include <cstring>
 
-#include "DataType/BStrBlock.h"
-#include "Handle.h"
+#include "DataType/internal/BStrBlock.h"
+#include "internal/Handle.h"
 
-using namespace DataType;
+namespace internal = ostrelled::internal;
+
+using namespace ostrelled::internal;
 
 namespace {
 
@@ -25,7 +27,7 @@ bool replaceValue(bstr_handle* handle, const void* source, MakeCopy makeCopy) {
 
 bstr_handle* bstr_create() { return new bstr_handle(); }
 
-void bstr_destroy(bstr_handle*& handle) { destroyHandle(handle); }
+void bstr_destroy(bstr_handle*& handle) { internal::destroyHandle(handle); }
 
 void bstr_clear(bstr_handle* handle) {
   if (handle != nullptr) freeBlock(handle->m_bstrValue);

@@ -1,11 +1,13 @@
-#include "DataType/SafeArray.h"
+#include "DataType/internal/SafeArrayHeader.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "DataType/BStrBlock.h"
-#include "DataType/ScalarDispatch.h"
-#include "Handle.h"
+#include "DataType/internal/BStrBlock.h"
+#include "DataType/internal/ScalarDispatch.h"
+#include "internal/Handle.h"
+
+namespace internal = ostrelled::internal;
 
 namespace {
 
@@ -13,8 +15,8 @@ namespace {
 // type, or LPBSTRUNIT for TVT_BSTR. False for anything that is no element type.
 template <class F>
 bool visitElement(TVARTYPE vt, F&& f) {
-  if (vt == TVT_BSTR) return f(DataType::ScalarTag<LPBSTRUNIT>{});
-  return DataType::visitScalar(vt, f);
+  if (vt == TVT_BSTR) return f(internal::ScalarTag<LPBSTRUNIT>{});
+  return internal::visitScalar(vt, f);
 }
 
 // Bytes per element; 0 for TVT_NULL and values past TVT_BOOL.
@@ -45,7 +47,7 @@ void freeElements(TVARTYPE vt, void* buffer) {
 }
 
 void freeUnits(LPBSTRUNIT* units, unsigned int count) {
-  for (unsigned int i = 0; i < count; ++i) DataType::freeBlock(units[i]);
+  for (unsigned int i = 0; i < count; ++i) internal::freeBlock(units[i]);
 }
 
 // A new zeroed buffer of count elements whose first keep elements copy source: bytes for
@@ -59,7 +61,7 @@ void* copyElements(TVARTYPE vt, const void* source, unsigned int keep, unsigned 
   LPBSTRUNIT* units = static_cast<LPBSTRUNIT*>(buffer);
   const LPBSTRUNIT* from = static_cast<const LPBSTRUNIT*>(source);
   try {
-    for (unsigned int i = 0; i < keep; ++i) units[i] = DataType::copyBlock(from[i]);
+    for (unsigned int i = 0; i < keep; ++i) units[i] = internal::copyBlock(from[i]);
   } catch (...) {
     freeUnits(units, keep);  // the rest are still null
     freeElements(vt, buffer);
@@ -138,7 +140,7 @@ safearray_handle* safearray_create(TVARTYPE vtElementType, unsigned int uintElem
   return new safearray_handle(vtElementType, uintElementCount);
 }
 
-void safearray_destroy(safearray_handle*& handle) { destroyHandle(handle); }
+void safearray_destroy(safearray_handle*& handle) { internal::destroyHandle(handle); }
 
 void safearray_clear(safearray_handle* handle) {
   if (handle != nullptr) handle->clear();
@@ -158,9 +160,9 @@ bool safearray_set_element(safearray_handle* handle, unsigned int uintIndex, voi
     return true;
   }
   // Copied before the old unit goes, so a failed allocation leaves the slot intact.
-  LPBSTRUNIT copy = DataType::copyBlock(*static_cast<LPBSTRUNIT*>(element));
+  LPBSTRUNIT copy = internal::copyBlock(*static_cast<LPBSTRUNIT*>(element));
   LPBSTRUNIT& unit = *static_cast<LPBSTRUNIT*>(slot);
-  DataType::freeBlock(unit);
+  internal::freeBlock(unit);
   unit = copy;
   return true;
 }
@@ -171,7 +173,7 @@ bool safearray_get_element(safearray_handle* handle, unsigned int uintIndex, voi
   // A string leaves as a new unit; whatever *element held before is the caller's and is
   // overwritten, not freed.
   if (handle->vt == TVT_BSTR)
-    *static_cast<LPBSTRUNIT*>(element) = DataType::copyBlock(*static_cast<LPBSTRUNIT*>(slot));
+    *static_cast<LPBSTRUNIT*>(element) = internal::copyBlock(*static_cast<LPBSTRUNIT*>(slot));
   else
     std::memcpy(element, slot, elementWidth(handle->vt));
   return true;

@@ -3,10 +3,10 @@
 
 #include <cstring>
 
-#include "DataType/BStrBlock.h"
-#include "DataType/ScalarDispatch.h"
+#include "DataType/internal/BStrBlock.h"
+#include "DataType/internal/ScalarDispatch.h"
 
-using namespace DataType;
+using namespace ostrelled::internal;
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <cstdlib>
 #include <limits>
 
-#include "DataType/BStrBlock.h"
-#include "DataType/NumberText.h"
-#include "DataType/ScalarDispatch.h"
+#include "DataType/internal/BStrBlock.h"
+#include "DataType/internal/NumberText.h"
+#include "DataType/internal/ScalarDispatch.h"
 
-using namespace DataType;
+using namespace ostrelled::internal;
 
 namespace {
 

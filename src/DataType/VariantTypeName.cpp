@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "DataType/ScalarDispatch.h"
+#include "DataType/internal/ScalarDispatch.h"
 
-using namespace DataType;
+using namespace ostrelled::internal;
 
 namespace {
 

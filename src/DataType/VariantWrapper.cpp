@@ -6,8 +6,10 @@
 #include <ostrelled/StringAssistant.h>
 #include <ostrelled/Variant.h>
 
-#include "DataType/BStrBlock.h"
-#include "Handle.h"
+#include "DataType/internal/BStrBlock.h"
+#include "internal/Handle.h"
+
+namespace internal = ostrelled::internal;
 
 namespace {
 
@@ -30,7 +32,7 @@ bool writeWith(TVARIANT* pWrapperValue, void (*set)(TVARIANT&, T, bool), T value
 // copy. A tag past TVT_BOOL has no text: its union would be taken for a string block.
 bool valueText(const TVARIANT& value, std::string& text) {
   if (value.vt == TVT_BSTR) {
-    text = DataType::withBlockText(value.bstrVal, [](const char* data) { return std::string(data); });
+    text = internal::withBlockText(value.bstrVal, [](const char* data) { return std::string(data); });
     return true;
   }
   if (value.vt > TVT_BOOL) return false;
@@ -150,7 +152,7 @@ T* handOut(bool bAllowed, const CReference<T>& reference) {
 
 variant_wrapper_handle* variant_wrapper_create() { return new variant_wrapper_handle; }
 
-void variant_wrapper_destroy(variant_wrapper_handle*& handle) { destroyHandle(handle); }
+void variant_wrapper_destroy(variant_wrapper_handle*& handle) { internal::destroyHandle(handle); }
 
 void variant_wrapper_set_mode(variant_wrapper_handle* handle, bool bAllowRead, bool bAllowWrite) {
   if (handle == nullptr) return;

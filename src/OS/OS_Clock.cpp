@@ -2,8 +2,10 @@
 
 #include "OS/internal/Private.h"
 
-using OS::Private::isRealTime;
-using OS::Private::kNanosPerSecond;
+namespace internal = ostrelled::internal;
+
+using internal::isRealTime;
+using internal::kNanosPerSecond;
 
 // Every function taking a mode resolves it on each call. The real-time and the
 // standard branch make the same clock calls, so the resolution is the whole
@@ -37,7 +39,7 @@ void os_clock_nano_sleep(const timespec* req, RT_MODE mode) {
   isRealTime(mode);
   // clock_nanosleep reports EINTR as its result, never -1, so the retry never
   // repeats it: a signal ends the sleep early, which callers rely on.
-  OS::Private::retryOnEintr([req] { return clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, req, nullptr); });
+  internal::retryOnEintr([req] { return clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, req, nullptr); });
 }
 
 void os_clock_get_clock_span(const timespec* startTime, const timespec* endTime, timespec* timeSpan) {

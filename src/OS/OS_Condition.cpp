@@ -1,14 +1,16 @@
 #include <errno.h>
 #include <pthread.h>
 
-#include "OS/OS_Mutex.h"
+#include "OS/internal/MutexHandle.h"
 #include "OS/internal/Private.h"
+
+namespace internal = ostrelled::internal;
 
 // A condition private to the process, bound to (not owning) an anonymous mutex.
 // Its clock is CLOCK_MONOTONIC, so deadlines do not move with the wall clock.
 class condition_handle {
  public:
-  condition_handle(mutex_handle* mutex, RT_MODE mode) : m_pMutexHandle(mutex), m_RtMode(OS::Private::storedMode(mode)) {
+  condition_handle(mutex_handle* mutex, RT_MODE mode) : m_pMutexHandle(mutex), m_RtMode(internal::storedMode(mode)) {
     pthread_condattr_init(&m_Cattr);
     pthread_condattr_setclock(&m_Cattr, CLOCK_MONOTONIC);
     pthread_cond_init(&m_Cond, &m_Cattr);
@@ -45,7 +47,7 @@ condition_handle* os_condition_create(mutex_handle* lck_handle, RT_MODE mode) {
   return new condition_handle(lck_handle, mode);
 }
 
-void os_condition_destroy(condition_handle*& handle) { destroyHandle(handle); }
+void os_condition_destroy(condition_handle*& handle) { internal::destroyHandle(handle); }
 
 void os_condition_notify(condition_handle* handle) {
   if (handle != nullptr) pthread_cond_signal(&handle->m_Cond);

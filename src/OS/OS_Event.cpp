@@ -9,19 +9,21 @@
 #include <string>
 #include <variant>
 
-#include "Handle.h"
-#include "OS/OS_Mutex.h"
+#include "internal/Handle.h"
+#include "OS/internal/MutexHandle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
-#include "OS/OS_Event.h"
+#include "OS/internal/EventKinds.h"
 #include "OS/internal/SyncPrimitives.h"
 #include "OS/internal/SysVSemaphore.h"
+
+namespace internal = ostrelled::internal;
 
 namespace {
 
 // What a waiter sleeps on between looks at the flag.
-enum class Wakeup { Condition, SysV, Posix };
+enum class WakeKind { Condition, SysV, Posix };
 
 // Named blocks: attach count, mutex at 4, the wake-up primitive at 44 (the
 // condition kind's 48 bytes begin with its futex word), then the four one-byte
@@ -32,8 +34,8 @@ struct EventLayout {
 };
 constexpr unsigned int kMutexAt = 4;
 constexpr unsigned int kWakeupAt = 44;
-constexpr EventLayout layoutOf(Wakeup kind) {
-  return kind == Wakeup::SysV ? EventLayout{52, 48} : kind == Wakeup::Condition ? EventLayout{96, 92} : EventLayout{80, 76};
+constexpr EventLayout layoutOf(WakeKind kind) {
+  return kind == WakeKind::SysV ? EventLayout{52, 48} : kind == WakeKind::Condition ? EventLayout{96, 92} : EventLayout{80, 76};
 }
 
 }  // namespace
@@ -72,13 +74,13 @@ class event_handle {
   sharememory_handle* m_pEventShareMemory;  // the named block, when attached
   std::string m_strEventName;
   pthread_mutex_t* m_pMutex;            // guards the flags; robust in a block
-  OS::Private::Wakeup* m_pWakeup;       // null while unusable
+  internal::Wakeup* m_pWakeup;       // null while unusable
   bool* m_pManualReset;
   bool* m_pIsSetEvent;  // the event's state; the wake-up primitive only carries news of it
   bool* m_pManageByOS;
   bool* m_pUseConditionInsteadOfSem;
   RT_MODE m_RtMode;
-  std::variant<std::monostate, OS::Private::FutexCondition, OS::Private::PosixSemaphore, OS::Private::SysVSemaphore>
+  std::variant<std::monostate, internal::FutexCondition, internal::PosixSemaphore, internal::SysVSemaphore>
       m_wakeupStore;
   // The anonymous kind's storage, which the pointers above aim at.
   struct {
@@ -90,9 +92,9 @@ class event_handle {
 };
 
 // The event's own part of attaching to and detaching from its block.
-class event_handle::NamedSteps final : public OS::NamedObjectSteps {
+class event_handle::NamedSteps final : public internal::NamedObjectSteps {
  public:
-  NamedSteps(event_handle& owner, Wakeup kind, bool bManualReset = false, bool bInitial = false,
+  NamedSteps(event_handle& owner, WakeKind kind, bool bManualReset = false, bool bInitial = false,
              bool bUseConditionInsteadOfSem = false)
       : m_owner(owner),
         m_kind(kind),
@@ -101,37 +103,37 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
         m_bUseCondition(bUseConditionInsteadOfSem) {}
 
   // Every named kind needs the block's file to be visible, as the System V kind does.
-  bool beforeOpen() override { return OS::SysV::keyOfBlock(m_owner.m_strEventName, "event", m_key); }
+  bool beforeOpen() override { return internal::SysV::keyOfBlock(m_owner.m_strEventName, "event", m_key); }
 
   void bind(unsigned char* block) override {
     m_owner.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + kMutexAt);
     m_wakeup = block + kWakeupAt;
-    if (m_kind == Wakeup::Condition)
-      m_owner.choose<OS::Private::FutexCondition>(reinterpret_cast<uint32_t*>(m_wakeup), true);
-    else if (m_kind == Wakeup::SysV)
-      m_owner.choose<OS::Private::SysVSemaphore>(reinterpret_cast<int*>(m_wakeup), OS::kEventMessagePrefix, &kNoUndo);
+    if (m_kind == WakeKind::Condition)
+      m_owner.choose<internal::FutexCondition>(reinterpret_cast<uint32_t*>(m_wakeup), true);
+    else if (m_kind == WakeKind::SysV)
+      m_owner.choose<internal::SysVSemaphore>(reinterpret_cast<int*>(m_wakeup), internal::kEventMessagePrefix, &kNoUndo);
     else
-      m_owner.choose<OS::Private::PosixSemaphore>(reinterpret_cast<sem_t*>(m_wakeup));
+      m_owner.choose<internal::PosixSemaphore>(reinterpret_cast<sem_t*>(m_wakeup));
     m_owner.bindFlags(reinterpret_cast<bool*>(block + layoutOf(m_kind).flags));
   }
 
   // The condition kind's word starts as the manager's zero fill left it.
   void initialise() override {
-    OS::Private::initMutex(m_owner.m_pMutex, PTHREAD_MUTEX_NORMAL, false, true);
-    if (m_kind == Wakeup::SysV) {
+    internal::initMutex(m_owner.m_pMutex, PTHREAD_MUTEX_NORMAL, false, true);
+    if (m_kind == WakeKind::SysV) {
       if (m_bUseCondition) {
         puts("warning: can not use condition because semaphore is managed by OS, it should be system V semaphore.");
         m_bUseCondition = false;
       }
-      *reinterpret_cast<int*>(m_wakeup) = OS::SysV::createSet(m_key, m_owner.m_strEventName);
+      *reinterpret_cast<int*>(m_wakeup) = internal::SysV::createSet(m_key, m_owner.m_strEventName);
       m_owner.m_pWakeup->clear();
-    } else if (m_kind == Wakeup::Posix) {
+    } else if (m_kind == WakeKind::Posix) {
       // Starts empty even for an event created set: waiters look at the flag first.
       sem_init(reinterpret_cast<sem_t*>(m_wakeup), 1, 0);
     }
     *m_owner.m_pManualReset = m_bManualReset;
     *m_owner.m_pIsSetEvent = m_bInitial;
-    *m_owner.m_pManageByOS = m_kind == Wakeup::SysV;
+    *m_owner.m_pManageByOS = m_kind == WakeKind::SysV;
     *m_owner.m_pUseConditionInsteadOfSem = m_bUseCondition;
   }
 
@@ -142,7 +144,7 @@ class event_handle::NamedSteps final : public OS::NamedObjectSteps {
 
  private:
   event_handle& m_owner;
-  Wakeup m_kind;
+  WakeKind m_kind;
   bool m_bManualReset;
   bool m_bInitial;
   bool m_bUseCondition;
@@ -155,7 +157,7 @@ void event_handle::init_event_handle(RT_MODE mode) {
   m_pMutex = nullptr;
   m_pWakeup = nullptr;
   bindFlags(nullptr);
-  m_RtMode = OS::Private::storedMode(mode);
+  m_RtMode = internal::storedMode(mode);
 }
 
 void event_handle::bindFlags(bool* flags) {
@@ -168,7 +170,7 @@ void event_handle::bindFlags(bool* flags) {
 event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
                            bool bManageByOS, bool bUseConditionInsteadOfSem) {
   init_event_handle(mode);
-  if (strEventName != nullptr && strlen(strEventName) > OS::kMaxObjectNameLength) return;
+  if (strEventName != nullptr && strlen(strEventName) > internal::kMaxObjectNameLength) return;
   // Tested on the mode as passed, not as resolved: USE_DEFAULT is never refused.
   if (strEventName != nullptr && mode == USE_RT && bManageByOS) {
     puts("event_handle can not work in rt mode while named semaphore is managed by os.");
@@ -177,9 +179,9 @@ event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const
 
   if (strEventName != nullptr) {
     m_strEventName = strEventName;
-    Wakeup kind = bManageByOS ? Wakeup::SysV : bUseConditionInsteadOfSem ? Wakeup::Condition : Wakeup::Posix;
+    WakeKind kind = bManageByOS ? WakeKind::SysV : bUseConditionInsteadOfSem ? WakeKind::Condition : WakeKind::Posix;
     NamedSteps steps(*this, kind, bManualReset, bInitial, bUseConditionInsteadOfSem);
-    m_pEventShareMemory = OS::Private::attachSameKind(m_strEventName, layoutOf(kind).size, steps);
+    m_pEventShareMemory = internal::attachSameKind(m_strEventName, layoutOf(kind).size, steps);
     // bind() may have pointed fields into a block that was then refused.
     if (m_pEventShareMemory == nullptr) init_event_handle(mode);
     return;
@@ -187,8 +189,8 @@ event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const
 
   // An anonymous event always sleeps on a condition, whatever the arguments.
   m_pMutex = &m_anonymous.mutex;
-  OS::Private::initMutex(m_pMutex, PTHREAD_MUTEX_NORMAL, false, false);
-  choose<OS::Private::FutexCondition>(&m_anonymous.word, false);
+  internal::initMutex(m_pMutex, PTHREAD_MUTEX_NORMAL, false, false);
+  choose<internal::FutexCondition>(&m_anonymous.word, false);
   bindFlags(m_anonymous.flags);
   *m_pManualReset = bManualReset;
   *m_pIsSetEvent = bInitial;
@@ -198,8 +200,8 @@ event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const
 
 event_handle::~event_handle() {
   if (m_pEventShareMemory != nullptr) {
-    NamedSteps steps(*this, Wakeup::Condition);
-    OS::detachNamedObject(m_strEventName, m_pEventShareMemory, steps);
+    NamedSteps steps(*this, WakeKind::Condition);
+    internal::detachNamedObject(m_strEventName, m_pEventShareMemory, steps);
   } else if (usable()) {
     pthread_mutex_destroy(m_pMutex);
   }
@@ -209,10 +211,10 @@ event_handle::~event_handle() {
 // A holder that died may have raised the flag without waking anybody: wake
 // everybody to look again.
 bool event_handle::lockMutex() {
-  OS::Private::Locked locked = OS::Private::lockRepairing(m_pMutex);
-  if (locked == OS::Private::Locked::Repaired) m_pWakeup->wakeAll();
-  if (locked != OS::Private::Locked::Failed && m_pEventShareMemory != nullptr) repairFlags();
-  return locked != OS::Private::Locked::Failed;
+  internal::Locked locked = internal::lockKeepingRepaired(m_pMutex);
+  if (locked == internal::Locked::Repaired) m_pWakeup->wakeAll();
+  if (locked != internal::Locked::Failed && m_pEventShareMemory != nullptr) repairFlags();
+  return locked != internal::Locked::Failed;
 }
 
 // A flag byte in a shared block that holds neither 0 nor 1 (damaged by some
@@ -249,11 +251,11 @@ void event_handle::resetEvent() {
 bool event_handle::wait(const timespec* deadline) {
   if (!usable() || !lockMutex()) return false;
   timespec normalised{};
-  deadline = OS::Private::normalisedDeadline(deadline, normalised);
+  deadline = internal::normalisedDeadline(deadline, normalised);
   while (!*m_pIsSetEvent) {
-    OS::Private::Slept slept = m_pWakeup->sleep(m_pMutex, deadline);
-    if (slept == OS::Private::Slept::LockLost) return false;
-    if (slept == OS::Private::Slept::Leave) break;
+    internal::Slept slept = m_pWakeup->sleep(m_pMutex, deadline);
+    if (slept == internal::Slept::LockLost) return false;
+    if (slept == internal::Slept::Leave) break;
   }
   // A flag raised just as the deadline passed still counts.
   bool result = *m_pIsSetEvent;
@@ -265,16 +267,16 @@ bool event_handle::wait(const timespec* deadline) {
   return result;
 }
 
-event_handle* OS::createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
+event_handle* internal::createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
                               bool bManageByOS, bool bUseConditionInsteadOfSem) {
   return new event_handle(bManualReset, bInitial, mode, strEventName, bManageByOS, bUseConditionInsteadOfSem);
 }
 
 event_handle* os_event_create(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName) {
-  return OS::createEvent(bManualReset, bInitial, mode, strEventName, false, true);
+  return internal::createEvent(bManualReset, bInitial, mode, strEventName, false, true);
 }
 
-void os_event_destroy(event_handle*& handle) { destroyHandle(handle); }
+void os_event_destroy(event_handle*& handle) { internal::destroyHandle(handle); }
 
 void os_event_set_event(event_handle* handle) {
   if (handle != nullptr) handle->setEvent();

@@ -11,9 +11,11 @@
 #include "OS/internal/Paths.h"
 #include "OS/internal/Private.h"
 
+namespace internal = ostrelled::internal;
+
 namespace File = OS::CLibrary::File;
-using OS::Paths::isBadPath;
-using OS::Paths::withoutTrailingSlashes;
+using internal::Paths::isBadPath;
+using internal::Paths::withoutTrailingSlashes;
 
 namespace {
 constexpr int kCreateFlags = O_CREAT;                      // 0x40: read-only, no truncation
@@ -25,7 +27,7 @@ constexpr unsigned int kCopyBlock = 8192;
 bool os_file_is_relative_path(const char* strPath) { return !isBadPath(strPath) && strPath[0] != '/'; }
 
 bool os_file_exist(const char* strFilePath) {
-  return !isBadPath(strFilePath) && OS::Paths::existsAs(strFilePath, false);
+  return !isBadPath(strFilePath) && internal::Paths::existsAs(strFilePath, false);
 }
 
 bool os_file_create(const char* strFilePath) {
@@ -33,7 +35,7 @@ bool os_file_create(const char* strFilePath) {
   const std::string path = withoutTrailingSlashes(strFilePath);
   int fd;
   {
-    OS::Private::UmaskCleared exactMode;  // for the open alone: the new file gets exactly 0777
+    internal::UmaskCleared exactMode;  // for the open alone: the new file gets exactly 0777
     fd = File::open(path.c_str(), kCreateFlags, kAllPermissions);
   }
   if (fd == -1) return false;

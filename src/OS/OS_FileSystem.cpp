@@ -12,7 +12,9 @@
 #include "OS/internal/Paths.h"
 #include "OS/internal/Private.h"
 
-using OS::Paths::isSeparator;
+namespace internal = ostrelled::internal;
+
+using internal::Paths::isSeparator;
 
 namespace {
 
@@ -92,7 +94,7 @@ enum class NamePart { Base, Directory, Suffix };
 // The three name functions: clean a private copy, cut out the part, deliver.
 bool deliverNamePart(const char* absoluteFilePath, char* buffer, const DWORD& len, NamePart part) {
   if (absoluteFilePath == nullptr) return false;
-  DWORD& length = OS::Private::writableLength(len);
+  DWORD& length = internal::writableLength(len);
   std::string cleaned(absoluteFilePath);
   size_t n = cleaned.size();
   if (!os_filesystem_resolve_path_p(&cleaned[0], n)) {
@@ -118,7 +120,7 @@ bool deliverNamePart(const char* absoluteFilePath, char* buffer, const DWORD& le
       break;
     }
   }
-  return OS::Private::deliverText(result, buffer, length);
+  return internal::deliverText(result, buffer, length);
 }
 
 }  // namespace

@@ -9,8 +9,10 @@
 #include "OS/internal/Private.h"
 #include "OS/internal/Shell.h"
 
-using OS::Paths::isBadPath;
-using OS::Paths::isSeparator;
+namespace internal = ostrelled::internal;
+
+using internal::Paths::isBadPath;
+using internal::Paths::isSeparator;
 
 namespace {
 
@@ -24,7 +26,7 @@ std::string withoutTrailingSeparators(const char* path) {
 
 // mkdir with mode 0777 whatever the caller's umask.
 bool makeDirectory(const std::string& path) {
-  OS::Private::UmaskCleared exactMode;
+  internal::UmaskCleared exactMode;
   return OS::CLibrary::File::mkdir(path.c_str(), 0777) != -1;
 }
 
@@ -64,14 +66,14 @@ bool os_folder_copyinner(const char* strSrcFolderPath, const char* strDstFolderP
     destination += lastComponent(source) + "/";
     if (!OS::Folder::exist(destination)) OS::Folder::create(destination);
   }
-  const OS::Shell::Template& command = bFailedIfExist ? OS::Shell::kCopyKeeping : OS::Shell::kCopyOverwriting;
-  return OS::Shell::run(command, {source.c_str(), destination.c_str()});
+  const internal::Shell::Template& command = bFailedIfExist ? internal::Shell::kCopyKeeping : internal::Shell::kCopyOverwriting;
+  return internal::Shell::run(command, {source.c_str(), destination.c_str()});
 }
 
 }  // namespace
 
 bool os_folder_exist(const char* strFolderPath) {
-  return !isBadPath(strFolderPath) && OS::Paths::existsAs(strFolderPath, true);
+  return !isBadPath(strFolderPath) && internal::Paths::existsAs(strFolderPath, true);
 }
 
 bool os_folder_create(const char* strFolderPath) {
@@ -102,14 +104,14 @@ bool os_folder_remove(const char* strFolderPath, bool bIncludeAllFiles) {
   if (isBadPath(strFolderPath)) return false;
   const std::string path = withoutTrailingSeparators(strFolderPath);
   if (!bIncludeAllFiles) return rmdir(path.c_str()) == 0;
-  return OS::Shell::run(OS::Shell::kRemoveTree, {path.c_str()});
+  return internal::Shell::run(internal::Shell::kRemoveTree, {path.c_str()});
 }
 
 bool os_folder_move(const char* strSrcFolderPath, const char* strDstFolderPath) {
   if (isBadPath(strSrcFolderPath) || isBadPath(strDstFolderPath)) return false;
   const std::string source = withoutTrailingSeparators(strSrcFolderPath);
   const std::string destination = withoutTrailingSeparators(strDstFolderPath);
-  return OS::Shell::run(OS::Shell::kMove, {source.c_str(), destination.c_str()});
+  return internal::Shell::run(internal::Shell::kMove, {source.c_str(), destination.c_str()});
 }
 
 bool os_folder_copy(const char* strSrcFolderPath, const char* strDstFolderPath, bool bFailedIfExist) {

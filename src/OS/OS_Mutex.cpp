@@ -1,4 +1,4 @@
-#include "OS/OS_Mutex.h"
+#include "OS/internal/MutexHandle.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -12,9 +12,12 @@
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 
-static_assert(OS::Private::kMutexBlockSize == 44, "a named mutex block is the count and one pthread mutex");
+namespace internal = ostrelled::internal;
+using internal::Recursion;
+
+static_assert(internal::kMutexBlockSize == 44, "a named mutex block is the count and one pthread mutex");
 
 namespace {
 
@@ -22,19 +25,19 @@ namespace {
 std::atomic<long> gMutexCnt{0};
 
 // The steps of a named mutex within the shared attach and detach procedure.
-class MutexSteps final : public OS::NamedObjectSteps {
+class MutexSteps final : public internal::NamedObjectSteps {
  public:
   MutexSteps(mutex_handle& handle, unsigned int flags) : m_handle(handle), m_flags(flags) {}
   void bind(unsigned char* block) override {
-    m_handle.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + OS::Private::kMutexOffset);
+    m_handle.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + internal::kMutexOffset);
   }
   void initialise() override {
-    OS::Private::initMutex(m_handle.m_pMutex, recursiveType(m_flags), (m_flags & MUTEX_PRIO_INHERIT) != 0, true);
+    internal::initMutex(m_handle.m_pMutex, recursiveType(m_flags), (m_flags & MUTEX_PRIO_INHERIT) != 0, true);
   }
   void finalise() override { pthread_mutex_destroy(m_handle.m_pMutex); }
   // Priority inheritance cannot cross PID namespaces: refused, not aborted later.
   bool admit() override {
-    if (OS::Private::usableInThisNamespace(m_handle.m_pMutex)) return true;
+    if (internal::usableInThisNamespace(m_handle.m_pMutex)) return true;
     errno = ENOTSUP;
     return false;
   }
@@ -65,6 +68,9 @@ unsigned long threadKey() {
 
 }  // namespace
 
+namespace ostrelled {
+namespace internal {
+
 struct Recursion {
   std::string name;
   Recursion* next = nullptr;
@@ -73,7 +79,7 @@ struct Recursion {
   unsigned int depth = 0;
 
   bool heldHere(const pthread_mutex_t* mutex) const {
-    return owner.load(std::memory_order_relaxed) == threadKey() && OS::Private::ownerIdIsMine(mutex);
+    return owner.load(std::memory_order_relaxed) == threadKey() && internal::ownerIdIsMine(mutex);
   }
   void took() {
     owner.store(threadKey(), std::memory_order_relaxed);
@@ -87,6 +93,9 @@ struct Recursion {
     return true;
   }
 };
+
+}  // namespace internal
+}  // namespace ostrelled
 
 namespace {
 
@@ -126,26 +135,26 @@ void releaseRecursion(Recursion*& recursion) {
 }  // namespace
 
 mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strMutexName)
-    : m_pMutexShareMemory(nullptr), m_pMutex(nullptr), m_RtMode(OS::Private::storedMode(mode)) {
+    : m_pMutexShareMemory(nullptr), m_pMutex(nullptr), m_RtMode(internal::storedMode(mode)) {
   if (strMutexName != nullptr) {
     // An empty name is still a name: the manager ignores it and the handle stays unattached.
     m_strMutexName = strMutexName;
     // Too long for the request area: the handle stays unattached.
-    if (m_strMutexName.size() > OS::kMaxObjectNameLength) return;
+    if (m_strMutexName.size() > internal::kMaxObjectNameLength) return;
     // Made before the attach: once attached, nothing may fail to allocate.
     auto recursion = std::make_unique<Recursion>();
     recursion->name = m_strMutexName;
     MutexSteps steps(*this, uintFlag);
-    m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, OS::Private::kMutexBlockSize, steps);
+    m_pMutexShareMemory = internal::attachNamedObject(m_strMutexName, internal::kMutexBlockSize, steps);
     // bind ran only for a block that opened; without one nothing may point anywhere.
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
-    if (m_pMutex != nullptr && OS::Private::countsOwnRecursion(m_pMutex)) {
+    if (m_pMutex != nullptr && internal::countsOwnRecursion(m_pMutex)) {
       m_pRecursion = shareRecursion(recursion);
       std::swap(m_pCounted, m_pMutex);
     }
     return;
   }
-  OS::Private::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
+  internal::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
                          false);
   m_pMutex = &m_anonymous.mutex;
 }
@@ -158,7 +167,7 @@ mutex_handle::~mutex_handle() {
   if (m_pMutexShareMemory != nullptr) {
     // Only the machine's last handle destroys the mutex; others just let go of the block.
     MutexSteps steps(*this, 0);
-    OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
+    internal::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
   } else if (m_pMutex != nullptr) {
     pthread_mutex_destroy(m_pMutex);
   }
@@ -171,7 +180,7 @@ mutex_handle* os_mutex_create(unsigned int uintFlag, RT_MODE mode, const char* s
 
 void os_mutex_destroy(mutex_handle*& handle) {
   if (handle != nullptr) --gMutexCnt;
-  destroyHandle(handle);
+  internal::destroyHandle(handle);
 }
 
 namespace {
@@ -184,7 +193,7 @@ __attribute__((noinline)) void lockCounting(mutex_handle* handle) {
     return;
   }
   int result = pthread_mutex_lock(handle->m_pCounted);
-  if (result == 0 || OS::Private::lockFailed(handle->m_pCounted, result)) recursion->took();
+  if (result == 0 || internal::repairThenRelock(handle->m_pCounted, result)) recursion->took();
 }
 
 __attribute__((noinline)) void unlockCounting(mutex_handle* handle) {
@@ -196,14 +205,14 @@ __attribute__((noinline)) void unlockCounting(mutex_handle* handle) {
 template <class Take>
 bool takeMutex(mutex_handle* handle, Take take) {
   if (__builtin_expect(handle->m_pMutex != nullptr, 1))
-    return OS::Private::tookMutex(handle->m_pMutex, take(handle->m_pMutex));
+    return internal::heldKeepingRepaired(handle->m_pMutex, take(handle->m_pMutex));
   Recursion* recursion = handle->m_pRecursion;
   if (recursion == nullptr) return false;  // unattached
   if (recursion->heldHere(handle->m_pCounted)) {
     ++recursion->depth;
     return true;
   }
-  bool held = OS::Private::tookMutex(handle->m_pCounted, take(handle->m_pCounted));
+  bool held = internal::heldKeepingRepaired(handle->m_pCounted, take(handle->m_pCounted));
   if (held) recursion->took();
   return held;
 }
@@ -217,10 +226,10 @@ void os_mutex_lock(mutex_handle* handle) {
     return;
   }
   // Both modes make the same calls; the mode is only consulted.
-  (void)OS::Private::isRealTime(handle->m_RtMode);
+  (void)internal::isRealTime(handle->m_RtMode);
   // The uncontended path stays one call deep; recovery and errors go out of line.
   int result = pthread_mutex_lock(handle->m_pMutex);
-  if (__builtin_expect(result != 0, 0)) OS::Private::lockFailed(handle->m_pMutex, result);
+  if (__builtin_expect(result != 0, 0)) internal::repairThenRelock(handle->m_pMutex, result);
 }
 
 // The result is ignored: unlocking a mutex this thread does not hold is the caller's error.
@@ -242,9 +251,9 @@ bool os_mutex_trylock(mutex_handle* handle) {
 bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
   if (handle == nullptr) return false;
   // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
-  if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= OS::Private::kNanosPerSecond, 0))
+  if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= internal::kNanosPerSecond, 0))
     os_clock_adjust_clock_time(&deadline);
-  return takeMutex(handle, [&](pthread_mutex_t* mutex) { return OS::Private::lockBefore(mutex, deadline); });
+  return takeMutex(handle, [&](pthread_mutex_t* mutex) { return internal::lockBefore(mutex, deadline); });
 }
 
 bool os_mutex_is_attached(const mutex_handle* handle) {

@@ -9,13 +9,15 @@
 
 #include <string>
 
-#include "Handle.h"
-#include "OS/OS_Mutex.h"
+#include "internal/Handle.h"
+#include "OS/internal/MutexHandle.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
 #include "OS/internal/SyncPrimitives.h"
+
+namespace internal = ostrelled::internal;
 
 namespace {
 
@@ -41,7 +43,7 @@ constexpr unsigned int kUntrackedAt = 88;
 constexpr unsigned int kAllowWordAt = 92;
 constexpr unsigned int kMoreReadersAt = 96;
 
-using OS::Private::ProcessToken;
+using internal::ProcessToken;
 
 struct ReaderEntry {
   ProcessToken token;  // 0: free
@@ -74,7 +76,7 @@ class Holders {
     int free = -1;
     for (int i = 0; i < kTrackedReaders; ++i) {
       if (reader(i).token == token) return i;
-      if (free < 0 && reader(i).token == OS::Private::kNoProcess) free = i;
+      if (free < 0 && reader(i).token == internal::kNoProcess) free = i;
     }
     return claim ? free : -1;
   }
@@ -133,10 +135,10 @@ class rw_mutex_handle {
   std::string m_strMutexName;
   sharememory_handle* m_pMutexShareMemory = nullptr;
   pthread_mutex_t* m_pRefMutex = nullptr;  // guards everything else; robust in a block
-  OS::Private::FutexCondition m_allow{nullptr, false};  // broadcast whenever the lock becomes free
+  internal::FutexCondition m_allow{nullptr, false};  // broadcast whenever the lock becomes free
   unsigned char* m_pHolders = nullptr;  // the named block, where holders are recorded; null for threads
-  OS::Private::ProcessRegistry* m_pRegistry = nullptr;  // judges the holders' tokens; null: none
-  ProcessToken ownToken() { return m_pRegistry != nullptr ? m_pRegistry->own() : OS::Private::kUntrackedProcess; }
+  internal::ProcessRegistry* m_pRegistry = nullptr;  // judges the holders' tokens; null: none
+  ProcessToken ownToken() { return m_pRegistry != nullptr ? m_pRegistry->own() : internal::kUntrackedProcess; }
   bool gone(ProcessToken token) { return m_pRegistry != nullptr && m_pRegistry->gone(token); }
   int m_intReaderHint = -1;             // this process's reader entry, last seen
   RT_MODE m_RtMode;
@@ -149,7 +151,7 @@ class rw_mutex_handle {
 };
 
 // The reader/writer mutex's own part of attaching to and detaching from its block.
-class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
+class rw_mutex_handle::NamedSteps final : public internal::NamedObjectSteps {
  public:
   explicit NamedSteps(rw_mutex_handle& owner) : m_owner(owner) {}
 
@@ -157,14 +159,14 @@ class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
     m_owner.bind(block + kReadCountAt, reinterpret_cast<pthread_mutex_t*>(block + kRefMutexAt),
                  reinterpret_cast<uint32_t*>(block + kAllowWordAt), true);
     m_owner.m_pHolders = block;
-    m_owner.m_pRegistry = OS::Private::latestRegistry();
+    m_owner.m_pRegistry = internal::latestRegistry();
   }
 
   // The holders and the futex word start as the manager's zero fill left them.
   void initialise() override {
     m_owner.readCount() = 0;
     m_owner.writeFlag() = 0;
-    OS::Private::initMutex(m_owner.m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, true);
+    internal::initMutex(m_owner.m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, true);
   }
 
   void finalise() override {
@@ -178,9 +180,9 @@ class rw_mutex_handle::NamedSteps final : public OS::NamedObjectSteps {
 };
 
 rw_mutex_handle::rw_mutex_handle(RT_MODE mode, const char* strMutexName)
-    : m_RtMode(OS::Private::storedMode(mode)) {
+    : m_RtMode(internal::storedMode(mode)) {
   nullPointers();
-  if (strMutexName != nullptr && strlen(strMutexName) > OS::kMaxObjectNameLength) return;
+  if (strMutexName != nullptr && strlen(strMutexName) > internal::kMaxObjectNameLength) return;
   if (strMutexName != nullptr)
     createProcessRWMutexOnPosix(strMutexName);
   else
@@ -190,7 +192,7 @@ rw_mutex_handle::rw_mutex_handle(RT_MODE mode, const char* strMutexName)
 rw_mutex_handle::~rw_mutex_handle() {
   if (m_pMutexShareMemory != nullptr) {
     NamedSteps steps(*this);
-    OS::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
+    internal::detachNamedObject(m_strMutexName, m_pMutexShareMemory, steps);
   } else if (attached()) {
     pthread_mutex_destroy(m_pRefMutex);
   }
@@ -209,27 +211,27 @@ void rw_mutex_handle::bind(unsigned char* counts, pthread_mutex_t* refMutex, uin
   m_RefRead.m_pCount = reinterpret_cast<unsigned int*>(counts);
   m_RefWrite.m_pCount = reinterpret_cast<unsigned int*>(counts) + 1;
   m_pRefMutex = refMutex;
-  m_allow = OS::Private::FutexCondition(word, processShared);
+  m_allow = internal::FutexCondition(word, processShared);
 }
 
 void rw_mutex_handle::createThreadRWMutexOnPosix() {
   bind(reinterpret_cast<unsigned char*>(m_anonymous.counts), &m_anonymous.refMutex, &m_anonymous.word, false);
-  OS::Private::initMutex(m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, false);
+  internal::initMutex(m_pRefMutex, PTHREAD_MUTEX_NORMAL, false, false);
 }
 
 // A refused attach leaves every pointer null, and each operation then does nothing.
 void rw_mutex_handle::createProcessRWMutexOnPosix(const char* strMutexName) {
   m_strMutexName = strMutexName;
   NamedSteps steps(*this);
-  m_pMutexShareMemory = OS::attachNamedObject(m_strMutexName, kBlockSize, steps);
+  m_pMutexShareMemory = internal::attachNamedObject(m_strMutexName, kBlockSize, steps);
   if (m_pMutexShareMemory == nullptr) nullPointers();
 }
 
 // A holder that died inside the ref mutex may have left a record half-written.
 bool rw_mutex_handle::lockRef() {
-  OS::Private::Locked locked = OS::Private::lockRepairing(m_pRefMutex);
-  if (locked == OS::Private::Locked::Repaired) repair();
-  return locked != OS::Private::Locked::Failed;
+  internal::Locked locked = internal::lockKeepingRepaired(m_pRefMutex);
+  if (locked == internal::Locked::Repaired) repair();
+  return locked != internal::Locked::Failed;
 }
 
 // After a holder died inside the ref mutex: its record may be half-written.
@@ -247,11 +249,11 @@ bool rw_mutex_handle::sweepDead() {
   // Readers beyond the table cannot be checked; at most the count can be believed.
   if (holders.untracked() > readCount()) holders.untracked() = readCount();
   unsigned int readers = holders.untracked(), writer = writeFlag();
-  if (holders.writer() != OS::Private::kNoProcess && gone(holders.writer())) holders.writer() = OS::Private::kNoProcess;
-  writeFlag() = holders.writer() != OS::Private::kNoProcess ? 1 : 0;
+  if (holders.writer() != internal::kNoProcess && gone(holders.writer())) holders.writer() = internal::kNoProcess;
+  writeFlag() = holders.writer() != internal::kNoProcess ? 1 : 0;
   for (int i = 0; i < kTrackedReaders; ++i) {
     ReaderEntry& entry = holders.reader(i);
-    if (entry.token == OS::Private::kNoProcess || entry.count == 0 || gone(entry.token)) entry = ReaderEntry{0, 0};
+    if (entry.token == internal::kNoProcess || entry.count == 0 || gone(entry.token)) entry = ReaderEntry{0, 0};
     readers += entry.count;
   }
   bool freed = readers < readCount() || writeFlag() < writer;
@@ -265,23 +267,23 @@ bool rw_mutex_handle::sweepDead() {
 bool rw_mutex_handle::waitAllowed(const timespec* deadline) {
   timespec slice{};
   if (m_pHolders != nullptr) {
-    slice = OS::Private::sliceDeadline(deadline);
+    slice = internal::sliceDeadline(deadline);
     deadline = &slice;
   }
-  OS::Private::Locked locked = m_allow.wait(m_pRefMutex, deadline);
-  if (locked == OS::Private::Locked::Repaired) repair();
-  return locked != OS::Private::Locked::Failed;
+  internal::Locked locked = m_allow.wait(m_pRefMutex, deadline);
+  if (locked == internal::Locked::Repaired) repair();
+  return locked != internal::Locked::Failed;
 }
 
 bool rw_mutex_handle::lock(bool asWriter, const timespec* deadline) {
   if (!attached() || !lockRef()) return false;
   timespec normalised{};
-  deadline = OS::Private::normalisedDeadline(deadline, normalised);
+  deadline = internal::normalisedDeadline(deadline, normalised);
   // A waiting writer is recorded nowhere, so it never holds readers back,
   // and one that gives up leaves nothing to undo.
   while (blocked(asWriter)) {
     if (sweepDead()) continue;
-    if (deadline != nullptr && OS::Private::hasPassed(*deadline)) {
+    if (deadline != nullptr && internal::hasPassed(*deadline)) {
       pthread_mutex_unlock(m_pRefMutex);
       return false;
     }
@@ -302,7 +304,7 @@ void rw_mutex_handle::enter(bool asWriter) {
   if (m_pHolders == nullptr) return;
   Holders holders(m_pHolders);
   ProcessToken me = ownToken();
-  int entry = me == OS::Private::kUntrackedProcess ? -1 : holders.find(me, true, m_intReaderHint);
+  int entry = me == internal::kUntrackedProcess ? -1 : holders.find(me, true, m_intReaderHint);
   // Beyond the table a reader still gets in, but its death cannot be repaired.
   if (entry < 0) {
     ++holders.untracked();
@@ -327,7 +329,7 @@ void rw_mutex_handle::leaveAsReader() {
   for (int i = 0; entry < 0 && i < kTrackedReaders; ++i)
     if (holders.reader(i).count != 0) entry = i;
   if (entry < 0) return;
-  if (--holders.reader(entry).count == 0) holders.reader(entry).token = OS::Private::kNoProcess;
+  if (--holders.reader(entry).count == 0) holders.reader(entry).token = internal::kNoProcess;
 }
 
 // One call serves a reader and the writer: the counts tell which one leaves.
@@ -340,7 +342,7 @@ void rw_mutex_handle::unlockOnPosix() {
   // waiting looks at the counts again.
   if (readerLeft ? readCount() == 0 : writeFlag() == 1) {
     writeFlag() = 0;
-    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = OS::Private::kNoProcess;
+    if (m_pHolders != nullptr) Holders(m_pHolders).writer() = internal::kNoProcess;
     m_allow.broadcast();
   }
   pthread_mutex_unlock(m_pRefMutex);
@@ -350,7 +352,7 @@ rw_mutex_handle* os_rw_mutex_create(RT_MODE mode, const char* strMutexName) {
   return new rw_mutex_handle(mode, strMutexName);
 }
 
-void os_rw_mutex_destroy(rw_mutex_handle*& handle) { destroyHandle(handle); }
+void os_rw_mutex_destroy(rw_mutex_handle*& handle) { internal::destroyHandle(handle); }
 
 void os_rw_mutex_lock_rd(rw_mutex_handle* handle) {
   if (handle != nullptr) handle->lock(false, nullptr);

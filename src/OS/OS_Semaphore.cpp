@@ -7,12 +7,14 @@
 #include <string>
 #include <variant>
 
-#include "Handle.h"
+#include "internal/Handle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
-#include "OS/OS_Semaphore.h"
+#include "OS/internal/SemaphoreKinds.h"
 #include "OS/internal/SyncPrimitives.h"
 #include "OS/internal/SysVSemaphore.h"
+
+namespace internal = ostrelled::internal;
 
 namespace {
 
@@ -30,7 +32,7 @@ constexpr SemaphoreLayout kSysVLayout{9, 8};     // System V set id
 // A counting semaphore of one of three kinds: a sem_t of the handle's own
 // (anonymous), a process-shared sem_t in a named block, or a System V set whose
 // id sits in a named block. The System V kind is the one the kernel can undo
-// for a process that exits; it is reached only through OS::createSemaphore.
+// for a process that exits; it is reached only through internal::createSemaphore.
 // The kind object is chosen once; every operation goes through it.
 class semaphore_handle {
  public:
@@ -64,7 +66,7 @@ class semaphore_handle {
     m_pKind = &m_kindStore.emplace<Kind>(args...);
   }
   void choosePosix(sem_t* sem) {
-    choose<OS::Private::PosixSemaphore>(sem);
+    choose<internal::PosixSemaphore>(sem);
     m_pPosix = sem;
   }
   void unattach() {
@@ -74,11 +76,11 @@ class semaphore_handle {
 
   std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
   sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
-  OS::Private::SemaphoreKind* m_pKind = nullptr;          // null while unattached
+  internal::SemaphoreKind* m_pKind = nullptr;          // null while unattached
   sem_t* m_pPosix = nullptr;                              // the POSIX kind's sem_t, else null
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
-  std::variant<std::monostate, OS::Private::PosixSemaphore, OS::Private::SysVSemaphore> m_kindStore;
+  std::variant<std::monostate, internal::PosixSemaphore, internal::SysVSemaphore> m_kindStore;
   // The anonymous kind's storage, which the wake-up aims at.
   struct {
     sem_t sem;
@@ -86,7 +88,7 @@ class semaphore_handle {
 };
 
 // The semaphore's own part of attaching to and detaching from its block.
-class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
+class semaphore_handle::NamedSteps final : public internal::NamedObjectSteps {
  public:
   NamedSteps(semaphore_handle& owner, bool bManageByOS, int intInitialCount)
       : m_owner(owner), m_bManageByOS(bManageByOS), m_intInitialCount(intInitialCount) {}
@@ -95,20 +97,20 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
 
   // The set is keyed by the block's own file, so it exists once the manager
   // has created the block and before anybody initialises it.
-  bool beforeOpen() override { return OS::SysV::keyOfBlock(m_owner.m_strSemaphoreName, "semaphore", m_key); }
+  bool beforeOpen() override { return internal::SysV::keyOfBlock(m_owner.m_strSemaphoreName, "semaphore", m_key); }
 
   void bind(unsigned char* block) override {
     m_block = block;
     if (m_bManageByOS)
-      m_owner.choose<OS::Private::SysVSemaphore>(setId(), OS::kSemaphoreMessagePrefix, &m_owner.m_bUndoTrack);
+      m_owner.choose<internal::SysVSemaphore>(setId(), internal::kSemaphoreMessagePrefix, &m_owner.m_bUndoTrack);
     else
       m_owner.choosePosix(reinterpret_cast<sem_t*>(block + kSemaphoreAt));
   }
 
   void initialise() override {
     if (m_bManageByOS) {
-      *setId() = OS::SysV::createSet(m_key, m_owner.m_strSemaphoreName);
-      OS::SysV::setSemVal(*setId(), m_intInitialCount);
+      *setId() = internal::SysV::createSet(m_key, m_owner.m_strSemaphoreName);
+      internal::SysV::setSemVal(*setId(), m_intInitialCount);
     } else {
       sem_init(reinterpret_cast<sem_t*>(m_block + kSemaphoreAt), 1, static_cast<unsigned int>(m_intInitialCount));
     }
@@ -130,10 +132,10 @@ class semaphore_handle::NamedSteps final : public OS::NamedObjectSteps {
 
 semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
                                    bool bManageByOS)
-    : m_RtMode(OS::Private::storedMode(mode)) {
+    : m_RtMode(internal::storedMode(mode)) {
   // Every refusal leaves the kind unset: an unattached handle whose waits fail.
-  if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > OS::kMaxObjectNameLength) return;
-  if (strSemaphoreName != nullptr && bManageByOS && OS::Private::isRealTime(mode)) {
+  if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > internal::kMaxObjectNameLength) return;
+  if (strSemaphoreName != nullptr && bManageByOS && internal::isRealTime(mode)) {
     puts("semaphore_handle can not work in rt mode while named semaphore is managed by os.");
     return;
   }
@@ -141,7 +143,7 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
   if (strSemaphoreName != nullptr) {
     m_strSemaphoreName = strSemaphoreName;
     NamedSteps steps(*this, bManageByOS, intInitialCount);
-    m_pSemaphoreShareMemory = OS::Private::attachSameKind(m_strSemaphoreName, steps.layout().size, steps);
+    m_pSemaphoreShareMemory = internal::attachSameKind(m_strSemaphoreName, steps.layout().size, steps);
     // bind() may have run before a later step refused the block.
     if (m_pSemaphoreShareMemory == nullptr) unattach();
     return;
@@ -157,23 +159,23 @@ semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char
 semaphore_handle::~semaphore_handle() {
   if (m_pSemaphoreShareMemory != nullptr) {
     NamedSteps steps(*this, false, 0);
-    OS::detachNamedObject(m_strSemaphoreName, m_pSemaphoreShareMemory, steps);
+    internal::detachNamedObject(m_strSemaphoreName, m_pSemaphoreShareMemory, steps);
   } else if (attached()) {
     m_pKind->destroy();
   }
   unattach();
 }
 
-semaphore_handle* OS::createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
+semaphore_handle* internal::createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
                                       bool bManageByOS) {
   return new semaphore_handle(intInitialCount, mode, strSemaphoreName, bManageByOS);
 }
 
 semaphore_handle* os_semaphore_create(int intInitialCount, RT_MODE mode, const char* strSemaphoreName) {
-  return OS::createSemaphore(intInitialCount, mode, strSemaphoreName, false);
+  return internal::createSemaphore(intInitialCount, mode, strSemaphoreName, false);
 }
 
-void os_semaphore_destroy(semaphore_handle*& handle) { destroyHandle(handle); }
+void os_semaphore_destroy(semaphore_handle*& handle) { internal::destroyHandle(handle); }
 
 bool os_semaphore_set_undo_track(semaphore_handle* handle, bool bUndoTrack) {
   if (handle == nullptr) return false;

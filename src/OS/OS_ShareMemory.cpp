@@ -1,4 +1,4 @@
-#include "OS/OS_ShareMemory.h"
+#include "OS/internal/ShareMemoryHandle.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,13 +14,15 @@
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 
-using OS::Private::retryOnEintr;
+namespace internal = ostrelled::internal;
+
+using internal::retryOnEintr;
 
 sharememory_handle::sharememory_handle(RT_MODE mode)
     : m_hShareMemoryHandle(-1),
       m_uintMemorySize(0),
       m_pMemoryBuffer(MAP_FAILED),
-      m_RtMode(OS::Private::storedMode(mode)) {}
+      m_RtMode(internal::storedMode(mode)) {}
 
 sharememory_handle::~sharememory_handle() { sharememory_close(); }
 
@@ -45,14 +47,14 @@ bool sharememory_handle::mapDescriptor(size_t size) {
 // A name of the manager's goes to its group, if it has one, before anything
 // is written into it.
 bool sharememory_handle::openForCreate(const char* name, bool& created, bool managed) {
-  const mode_t mode = managed ? OS::Private::managedCreateMode(0777) : 0777;
+  const mode_t mode = managed ? internal::managedCreateMode(0777) : 0777;
   m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT | O_EXCL, mode); });
   created = m_hShareMemoryHandle != -1;
   if (!created && errno == EEXIST)
     m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR | O_CREAT, mode); });
   if (m_hShareMemoryHandle == -1) return false;
-  if (!managed || OS::Private::applyManagedAccess(m_hShareMemoryHandle)) return true;
-  OS::Private::ErrnoGuard keep;
+  if (!managed || internal::applyManagedAccess(m_hShareMemoryHandle)) return true;
+  internal::ErrnoGuard keep;
   if (created) shm_unlink(name);
   closeDescriptor();
   return false;
@@ -78,7 +80,7 @@ bool sharememory_handle::backDescriptor(unsigned int size, bool created) {
 // the object stays in /dev/shm unless this call made it and could not back it.
 bool sharememory_handle::prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created,
                                        bool managed) {
-  (void)OS::Private::isRealTime(m_RtMode);  // both modes take the same path
+  (void)internal::isRealTime(m_RtMode);  // both modes take the same path
   // A handle that maps something already lets go of it first: recreating never leaks a mapping.
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
@@ -87,7 +89,7 @@ bool sharememory_handle::prepareObject(const char* strShmName, unsigned int uint
   bool ready = retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) == 0 &&
                backDescriptor(uintMemorySize, created);
   if (!ready) {
-    OS::Private::ErrnoGuard keep;
+    internal::ErrnoGuard keep;
     sharememory_close();  // only the destroyer unlinks a block made by somebody else
   }
   return ready;
@@ -102,7 +104,7 @@ bool sharememory_handle::sharememory_create(const char* strShmName, unsigned int
   bool created = false;
   if (!prepareObject(strShmName, uintMemorySize, created, bManaged)) return false;
   if (!mapDescriptor(uintMemorySize)) {
-    OS::Private::ErrnoGuard keep;
+    internal::ErrnoGuard keep;
     sharememory_close();
     return false;
   }
@@ -123,7 +125,7 @@ bool sharememory_handle::sharememory_create_unmapped(const char* strShmName, uns
     size_t chunk = std::min(sizeof kZeros, static_cast<size_t>(uintMemorySize - at));
     ssize_t wrote = retryOnEintr([&] { return pwrite(m_hShareMemoryHandle, kZeros, chunk, at); });
     if (wrote <= 0) {
-      OS::Private::ErrnoGuard keep;
+      internal::ErrnoGuard keep;
       sharememory_close();
       return false;
     }
@@ -134,7 +136,7 @@ bool sharememory_handle::sharememory_create_unmapped(const char* strShmName, uns
 }
 
 bool sharememory_handle::sharememory_open(const char* strShmName) {
-  (void)OS::Private::isRealTime(m_RtMode);
+  (void)internal::isRealTime(m_RtMode);
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
   m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR, 0777); });
@@ -144,7 +146,7 @@ bool sharememory_handle::sharememory_open(const char* strShmName) {
   struct stat st;
   // The size travels as an unsigned 32-bit count, so only its low bits are kept.
   if (fstat(m_hShareMemoryHandle, &st) != 0 || !mapDescriptor(static_cast<unsigned int>(st.st_size))) {
-    OS::Private::ErrnoGuard keep;
+    internal::ErrnoGuard keep;
     sharememory_close();
     return false;
   }
@@ -179,7 +181,7 @@ template <class Setup>
 sharememory_handle* makeShareMemory(RT_MODE mode, Setup setup) {
   std::unique_ptr<sharememory_handle> handle(new sharememory_handle(mode));
   if (setup(*handle)) return handle.release();
-  OS::Private::ErrnoGuard keep;
+  internal::ErrnoGuard keep;
   handle.reset();
   return nullptr;
 }
@@ -190,12 +192,12 @@ sharememory_handle* os_sharememory_create(const char* strShmName, unsigned int u
   return makeShareMemory(mode, [&](sharememory_handle& h) { return h.sharememory_create(strShmName, uintMemorySize); });
 }
 
-sharememory_handle* createManagedShareMemory(const char* strShmName, unsigned int uintMemorySize) {
+sharememory_handle* internal::createManagedShareMemory(const char* strShmName, unsigned int uintMemorySize) {
   return makeShareMemory(USE_DEFAULT,
                          [&](sharememory_handle& h) { return h.sharememory_create(strShmName, uintMemorySize, true); });
 }
 
-sharememory_handle* createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {
+sharememory_handle* internal::createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {
   return makeShareMemory(
       mode, [&](sharememory_handle& h) { return h.sharememory_create_unmapped(strShmName, uintMemorySize); });
 }
@@ -212,7 +214,7 @@ void os_sharememory_close(sharememory_handle* handle, bool bNeedDestroy) {
     handle->sharememory_close();
 }
 
-void os_sharememory_destroy(sharememory_handle*& handle) { destroyHandle(handle); }
+void os_sharememory_destroy(sharememory_handle*& handle) { internal::destroyHandle(handle); }
 
 void* os_sharememory_get_buffer(sharememory_handle* handle) {
   return handle != nullptr ? handle->sharememory_get_buffer() : nullptr;

@@ -19,12 +19,14 @@
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
-#include "OS/OS_Mutex.h"
-#include "OS/OS_ShareMemory.h"
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/MutexHandle.h"
+#include "OS/internal/ShareMemoryHandle.h"
+#include "OS/internal/SyncProtocol.h"
 
-using namespace OS::SyncNames;
-using OS::Private::retryOnEintr;
+namespace internal = ostrelled::internal;
+
+using namespace internal::SyncNames;
+using internal::retryOnEintr;
 
 namespace {
 
@@ -34,9 +36,9 @@ constexpr unsigned int kMaxManagedBlockSize = 16u * 1024u * 1024u;
 
 // Given to the manager's group, if it has one, before any client can open it.
 sem_t* createSemaphore(const char* name, unsigned int value) {
-  sem_t* sem = sem_open(name, O_CREAT | O_EXCL, OS::Private::managedCreateMode(0755), value);
-  if (sem != SEM_FAILED && !OS::Private::applyManagedAccess(name)) {
-    OS::Private::ErrnoGuard keep;
+  sem_t* sem = sem_open(name, O_CREAT | O_EXCL, internal::managedCreateMode(0755), value);
+  if (sem != SEM_FAILED && !internal::applyManagedAccess(name)) {
+    internal::ErrnoGuard keep;
     sem_close(sem);
     sem_unlink(name);
     sem = SEM_FAILED;
@@ -57,8 +59,8 @@ void releaseBlock(sharememory_handle*& block) {
 // terminated within it, or empty when the area holds anything else.
 std::string requestName(const unsigned char* at) {
   const char* text = reinterpret_cast<const char*>(at);
-  size_t length = strnlen(text, OS::kMaxObjectNameLength + 1);
-  return length > OS::kMaxObjectNameLength ? std::string() : std::string(text, length);
+  size_t length = strnlen(text, internal::kMaxObjectNameLength + 1);
+  return length > internal::kMaxObjectNameLength ? std::string() : std::string(text, length);
 }
 
 }  // namespace
@@ -84,7 +86,7 @@ class os_sync_manager_handle {
   void waitUntilServing(long millis) const;
   // Whether a client's record is the one this manager made, for a client of
   // this very process (a forked child has another token).
-  bool madeRecord(const OS::RequestLockRecord* rec) const;
+  bool madeRecord(const internal::RequestLockRecord* rec) const;
   // One create or destroy, as its thread serves it; called under gMapLock.
   void serveRequest(unsigned int method, const std::string& name, unsigned int size);
 
@@ -93,7 +95,7 @@ class os_sync_manager_handle {
   void answer(unsigned char* area);
   void serveOne(unsigned char* area);
   bool createRequestLock();
-  OS::RequestLockRecord* record() const;
+  internal::RequestLockRecord* record() const;
 
   std::atomic<bool> m_bRequestExitThread;
   bool m_bThreadActive;
@@ -101,7 +103,7 @@ class os_sync_manager_handle {
   sem_t* m_pMutexManagerEnableSemaphore;
   sharememory_handle* m_pMutexManagerShareMemory;
   std::map<std::string, sharememory_handle*> m_ShareMemoryMap;
-  sharememory_handle* m_pRequestLock;  // who holds the request lock; see OS_SyncClient.h
+  sharememory_handle* m_pRequestLock;  // who holds the request lock; see internal/SyncProtocol.h
   std::atomic<bool> m_bServing;
 };
 
@@ -135,11 +137,11 @@ bool nameStillLinked(const char* strMemoryName) {
 
 bool os_sync_manager_handle::start() {
   // Created, not opened: an area left by a dead manager is reused in place and cleared.
-  m_pMutexManagerShareMemory = createManagedShareMemory(kRequestArea, OS::kRequestAreaSize);
+  m_pMutexManagerShareMemory = internal::createManagedShareMemory(kRequestArea, internal::kRequestAreaSize);
   if (m_pMutexManagerShareMemory == nullptr) return false;
   // Without the registry nobody's death is told apart from a live process that
   // is slow: the protocol still works, with its timeouts.
-  OS::Private::createRegistry(0777);
+  internal::createRegistry(0777);
   // A manager that died left its names behind; they are replaced, not reused.
   sem_unlink(kEnabledSemaphore);
   m_pMutexManagerEnableSemaphore = createSemaphore(kEnabledSemaphore, 1);
@@ -163,24 +165,24 @@ bool os_sync_manager_handle::createRequestLock() {
   // the name missing while the old record is replaced.
   char draft[64];
   snprintf(draft, sizeof draft, "%s.%d", kRequestLock, static_cast<int>(getpid()));
-  sharememory_handle* made = createManagedShareMemory(draft, sizeof(OS::RequestLockRecord));
+  sharememory_handle* made = internal::createManagedShareMemory(draft, sizeof(internal::RequestLockRecord));
   if (made == nullptr) return false;
-  auto* rec = static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(made));
-  OS::Private::initMutex(&rec->mutex, PTHREAD_MUTEX_NORMAL, false, true);
-  rec->manager = static_cast<unsigned int>(OS::Private::ownPid());
+  auto* rec = static_cast<internal::RequestLockRecord*>(os_sharememory_get_buffer(made));
+  internal::initMutex(&rec->mutex, PTHREAD_MUTEX_NORMAL, false, true);
+  rec->manager = static_cast<unsigned int>(internal::ownPid());
   // The manager's identity for its lifetime: clients and a successor judge by it.
-  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
-  rec->managerToken = registry != nullptr ? registry->own() : OS::Private::kNoProcess;
-  bool placed = rename(OS::Private::shmPath(draft).c_str(), OS::Private::shmPath(kRequestLock).c_str()) == 0;
+  internal::ProcessRegistry* registry = internal::currentRegistry();
+  rec->managerToken = registry != nullptr ? registry->own() : internal::kNoProcess;
+  bool placed = rename(internal::shmPath(draft).c_str(), internal::shmPath(kRequestLock).c_str()) == 0;
   os_sharememory_close(made, !placed);  // unlinks the draft only when it stayed one
   os_sharememory_destroy(made);
   m_pRequestLock = placed ? os_sharememory_open(kRequestLock, USE_DEFAULT) : nullptr;
   return m_pRequestLock != nullptr;
 }
 
-OS::RequestLockRecord* os_sync_manager_handle::record() const {
+internal::RequestLockRecord* os_sync_manager_handle::record() const {
   if (m_pRequestLock == nullptr) return nullptr;
-  return static_cast<OS::RequestLockRecord*>(os_sharememory_get_buffer(m_pRequestLock));
+  return static_cast<internal::RequestLockRecord*>(os_sharememory_get_buffer(m_pRequestLock));
 }
 
 void os_sync_manager_handle::stop() {
@@ -198,7 +200,7 @@ void os_sync_manager_handle::stop() {
   if (m_pMutexManagerShareMemory != nullptr) {
     releaseBlock(m_pMutexManagerShareMemory);
     sem_unlink(kRequestArea);  // as in start: finds nothing, kept
-    OS::Private::removeRegistry();
+    internal::removeRegistry();
   }
   // Every managed name goes, also while processes use it; they keep their mappings.
   std::lock_guard<std::mutex> hold(gMapLock);
@@ -220,7 +222,7 @@ sharememory_handle* os_sync_manager_handle::createMemory(const char* strMemoryNa
   }
   // The manager never reads a block: it makes, sizes and clears it without
   // mapping it, which spares every attach a mapping and its removal.
-  sharememory_handle* block = createUnmappedShareMemory(strMemoryName, uintMemorySize, USE_DEFAULT);
+  sharememory_handle* block = internal::createUnmappedShareMemory(strMemoryName, uintMemorySize, USE_DEFAULT);
   if (block == nullptr) return nullptr;
   try {
     m_ShareMemoryMap.emplace(strMemoryName, block);
@@ -266,21 +268,21 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
   while (!m_bRequestExitThread) {
     if (request == nullptr || finish == nullptr) {
       // Nothing can arrive; still leave within one request period when asked.
-      timespec pause{0, OS::kRequestTimeoutNanos};
+      timespec pause{0, internal::kRequestTimeoutNanos};
       nanosleep(&pause, nullptr);
       continue;
     }
     // Proof of life only from a loop that can serve.
     if (void (*beat)() = gHeartbeat.load(std::memory_order_relaxed)) beat();
-    timespec deadline = OS::Private::deadlineAfter(OS::kRequestTimeoutNanos);
+    timespec deadline = internal::deadlineAfter(internal::kRequestTimeoutNanos);
     // Requests come in runs (an attach, then soon the next one): right after
     // serving one, the next is tried for a moment before the thread sleeps.
-    long spin = busy ? OS::kRequestSpinNanos : 0;
-    if (OS::Private::takeSoon(request, deadline, spin) != 0) {
+    long spin = busy ? internal::kRequestSpinNanos : 0;
+    if (internal::takeSoon(request, deadline, spin) != 0) {
       busy = false;
       // Idle: a client that died holding the request lock is released here
       // even when nobody else waits for it.
-      if (record() != nullptr) OS::releaseDeadHolder(record(), m_pMutexManagerEnableSemaphore);
+      if (record() != nullptr) internal::releaseDeadHolder(record(), m_pMutexManagerEnableSemaphore);
       continue;
     }
     answer(area);
@@ -294,7 +296,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
 // for us. The request's number is read first and stored as answered last, so
 // that its client can tell this answer from a late one to an earlier request.
 void os_sync_manager_handle::answer(unsigned char* area) {
-  OS::RequestLockRecord* rec = record();
+  internal::RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) : 0;
   {
     std::lock_guard<std::mutex> hold(gMapLock);
@@ -306,10 +308,10 @@ void os_sync_manager_handle::answer(unsigned char* area) {
 // One request, as the area holds it.
 void os_sync_manager_handle::serveOne(unsigned char* area) {
   unsigned int method;
-  memcpy(&method, area + OS::kRequestMethodOffset, sizeof method);
+  memcpy(&method, area + internal::kRequestMethodOffset, sizeof method);
   unsigned int size = 0;
-  if (method == OS::MUTEX_CREATE_METHOD) memcpy(&size, area + OS::kCreateSizeOffset, sizeof size);
-  size_t nameAt = method == OS::MUTEX_CREATE_METHOD ? OS::kCreateNameOffset : OS::kDestroyNameOffset;
+  if (method == internal::MUTEX_CREATE_METHOD) memcpy(&size, area + internal::kCreateSizeOffset, sizeof size);
+  size_t nameAt = method == internal::MUTEX_CREATE_METHOD ? internal::kCreateNameOffset : internal::kDestroyNameOffset;
   try {
     serveRequest(method, requestName(area + nameAt), size);
   } catch (const std::bad_alloc&) {
@@ -319,30 +321,31 @@ void os_sync_manager_handle::serveOne(unsigned char* area) {
 }
 
 void os_sync_manager_handle::serveRequest(unsigned int method, const std::string& name, unsigned int size) {
-  if (method == OS::MUTEX_CREATE_METHOD && size != 0 && size <= kMaxManagedBlockSize && !name.empty())
+  if (method == internal::MUTEX_CREATE_METHOD && size != 0 && size <= kMaxManagedBlockSize && !name.empty())
     createMemory(name.c_str(), size);
-  else if (method == OS::MUTEX_DESTROY_METHOD && !name.empty())
+  else if (method == internal::MUTEX_DESTROY_METHOD && !name.empty())
     destroyMemory(name.c_str());
 }
 
-bool os_sync_manager_handle::madeRecord(const OS::RequestLockRecord* rec) const {
-  const OS::RequestLockRecord* mine = m_bServing ? record() : nullptr;
-  OS::Private::ProcessRegistry* registry = OS::Private::latestRegistry();
-  return mine != nullptr && rec != nullptr && registry != nullptr && rec->managerToken != OS::Private::kNoProcess &&
+bool os_sync_manager_handle::madeRecord(const internal::RequestLockRecord* rec) const {
+  const internal::RequestLockRecord* mine = m_bServing ? record() : nullptr;
+  internal::ProcessRegistry* registry = internal::latestRegistry();
+  return mine != nullptr && rec != nullptr && registry != nullptr && rec->managerToken != internal::kNoProcess &&
          rec->managerToken == mine->managerToken && rec->manager == mine->manager &&
          rec->managerToken == registry->own();
 }
 
 void os_sync_manager_handle::waitUntilServing(long millis) const {
-  timespec deadline = OS::Private::deadlineAfter(millis * 1000000L);
+  timespec deadline = internal::deadlineAfter(millis * 1000000L);
   while (!m_bServing) {
-    if (OS::Private::hasPassed(deadline)) return;
+    if (internal::hasPassed(deadline)) return;
     timespec pause{0, 1000000L};
     nanosleep(&pause, nullptr);
   }
 }
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 void setServingHeartbeat(void (*beat)()) { gHeartbeat = beat; }
 
 // A client of the manager's own process is served by the calling thread: a
@@ -361,11 +364,12 @@ bool serveInProcess(const RequestLockRecord* rec, unsigned int method, const cha
   }
   return true;
 }
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 bool os_sync_environment_initialize(bool bAsClient) {
   if (bAsClient) {
-    OS::CSyncClient client;
+    internal::CSyncClient client;
     bool reachable = client.create();
     client.destroy();
     return reachable;
@@ -374,7 +378,7 @@ bool os_sync_environment_initialize(bool bAsClient) {
   renewMapLockInChildren();
   auto* manager = new os_sync_manager_handle();
   if (!manager->start()) {
-    destroyHandle(manager);
+    internal::destroyHandle(manager);
     std::lock_guard<std::mutex> hold(gMapLock);
     os_sync_manager = nullptr;
     return false;
@@ -390,8 +394,8 @@ bool os_sync_environment_initialize(bool bAsClient) {
 }
 
 bool os_sync_environment_ping(unsigned int uintMilliseconds) {
-  timespec deadline = OS::Private::deadlineAfter(OS::Private::spanOf(uintMilliseconds, 1000u));
-  return OS::probeManager(deadline, &deadline).state == OS::ManagerState::Serving;
+  timespec deadline = internal::deadlineAfter(internal::spanOf(uintMilliseconds, 1000u));
+  return internal::probeManager(deadline, &deadline).state == internal::ManagerState::Serving;
 }
 
 void os_sync_environment_uninitialize() {
@@ -402,5 +406,5 @@ void os_sync_environment_uninitialize() {
   }
   if (manager == nullptr) return;
   manager->stop();
-  destroyHandle(manager);
+  internal::destroyHandle(manager);
 }

@@ -1,4 +1,4 @@
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -10,9 +10,10 @@
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
-#include "OS/OS_ShareMemory.h"
+#include "OS/internal/ShareMemoryHandle.h"
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 
 namespace {
 
@@ -28,9 +29,9 @@ sem_t* openSemaphore(const char* name, unsigned int value, bool quiet) {
 
 // Who holds the lock, for people (the pid) and for liveness (the token).
 void noteHolder(RequestLockRecord* rec) {
-  Private::ProcessRegistry* registry = Private::latestRegistry();
-  rec->holder = static_cast<unsigned int>(Private::ownPid());
-  rec->holderToken = registry != nullptr ? registry->own() : Private::kUntrackedProcess;
+  ProcessRegistry* registry = latestRegistry();
+  rec->holder = static_cast<unsigned int>(ownPid());
+  rec->holderToken = registry != nullptr ? registry->own() : kUntrackedProcess;
 }
 
 void closeSemaphore(sem_t*& sem) {
@@ -56,10 +57,10 @@ bool CSyncClient::create(bool bQuiet) {
     printf("Error: Can not open %s, errno = %d!\n", SyncNames::kRequestArea, errno);
   if (enable_mutex_manager_sem && manage_request_sem && manage_finish_sem && manager_memory_handle) {
     // The registry of this manager's names: the one its token is in.
-    Private::currentRegistry();
+    currentRegistry();
     return true;
   }
-  Private::ErrnoGuard keep;
+  ErrnoGuard keep;
   destroy();
   return false;
 }
@@ -90,8 +91,8 @@ RequestLockRecord* CSyncClient::record() const {
 // The enabled semaphore, without a deadline or until one (CLOCK_MONOTONIC).
 bool CSyncClient::takeEnabled(const timespec* deadline) {
   sem_t* sem = enable_mutex_manager_sem;
-  if (deadline == nullptr) return Private::retryOnEintr([&] { return sem_wait(sem); }) == 0;
-  return Private::retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, deadline); }) == 0;
+  if (deadline == nullptr) return retryOnEintr([&] { return sem_wait(sem); }) == 0;
+  return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, deadline); }) == 0;
 }
 
 void CSyncClient::lock() {
@@ -108,7 +109,7 @@ void CSyncClient::lock() {
 bool CSyncClient::lockUntil(const timespec& deadline) {
   RequestLockRecord* rec = record();
   if (rec == nullptr) return takeEnabled(&deadline);
-  int result = Private::lockBefore(&rec->mutex, deadline);
+  int result = lockBefore(&rec->mutex, deadline);
   if (result == EOWNERDEAD) {
     takeOverFromDeadHolder();
     return true;
@@ -135,7 +136,7 @@ void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) 
   int value = 1;
   sem_getvalue(enabled, &value);
   if (value == 0 && !takeIt) sem_post(enabled);
-  if (value != 0 && takeIt) Private::retryOnEintr([&] { return sem_wait(enabled); });
+  if (value != 0 && takeIt) retryOnEintr([&] { return sem_wait(enabled); });
   if (takeIt) {
     noteHolder(rec);
   } else {
@@ -149,9 +150,9 @@ void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) 
 void CSyncClient::takeOverFromDeadHolder() {
   RequestLockRecord* rec = record();
   repairAfterDeadHolder(rec, enable_mutex_manager_sem, true);
-  timespec deadline = Private::deadlineAfter(kRequestTimeoutNanos);
+  timespec deadline = deadlineAfter(kRequestTimeoutNanos);
   while (__atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) != __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) &&
-         !Private::hasPassed(deadline) && !managerGone()) {
+         !hasPassed(deadline) && !managerGone()) {
     timespec pause{0, 1000000L};
     nanosleep(&pause, nullptr);
   }
@@ -193,9 +194,9 @@ bool CSyncClient::postAndWait(const timespec& deadline) {
     // In slices, so that a manager that died is noticed within one; a live
     // one, however slow, has until the deadline. A request answered within
     // the first slice, as nearly all are, never asks.
-    timespec slice = Private::deadlineAfter(kManagerCheckNanos);
-    bool last = !Private::isEarlier(slice, deadline);
-    if (Private::takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {
+    timespec slice = deadlineAfter(kManagerCheckNanos);
+    bool last = !isEarlier(slice, deadline);
+    if (takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {
       if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
       continue;
     }
@@ -207,9 +208,9 @@ bool CSyncClient::postAndWait(const timespec& deadline) {
 bool CSyncClient::managerGone() const {
   RequestLockRecord* rec = record();
   if (rec == nullptr) return false;
-  Private::ProcessToken manager = __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE);
-  if (manager == Private::kNoProcess) return false;
-  Private::ProcessRegistry* registry = Private::latestRegistry();
+  ProcessToken manager = __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE);
+  if (manager == kNoProcess) return false;
+  ProcessRegistry* registry = latestRegistry();
   return registry != nullptr && registry->gone(manager);
 }
 
@@ -224,7 +225,7 @@ bool CSyncClient::requestCreate(const char* strName, unsigned int uintSize) {
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kCreateSizeOffset, &uintSize, sizeof uintSize);
   memcpy(area() + kCreateNameOffset, strName, length + 1);
-  return postAndWait(Private::deadlineAfter(kRequestTimeoutNanos));
+  return postAndWait(deadlineAfter(kRequestTimeoutNanos));
 }
 
 bool CSyncClient::requestDestroy(const char* strName) {
@@ -234,7 +235,7 @@ bool CSyncClient::requestDestroy(const char* strName) {
   if (serveInProcess(record(), method, strName, 0)) return true;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kDestroyNameOffset, strName, length + 1);
-  return postAndWait(Private::deadlineAfter(kRequestTimeoutNanos));
+  return postAndWait(deadlineAfter(kRequestTimeoutNanos));
 }
 
 bool CSyncClient::requestNothing(const timespec& deadline) {
@@ -243,18 +244,18 @@ bool CSyncClient::requestNothing(const timespec& deadline) {
   return postAndWait(deadline);
 }
 
-Private::Presence managerPresence(pid_t* pid) {
+Presence managerPresence(pid_t* pid) {
   if (pid != nullptr) *pid = 0;
   sharememory_handle* block = os_sharememory_open(SyncNames::kRequestLock, USE_STD);
-  if (block == nullptr) return Private::Presence::Unknown;
-  Private::Presence presence = Private::Presence::Unknown;
+  if (block == nullptr) return Presence::Unknown;
+  Presence presence = Presence::Unknown;
   const auto* rec = static_cast<const RequestLockRecord*>(os_sharememory_get_buffer(block));
-  Private::ProcessToken token = block->sharememory_get_size() >= sizeof(RequestLockRecord)
+  ProcessToken token = block->sharememory_get_size() >= sizeof(RequestLockRecord)
                                     ? __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE)
-                                    : Private::kNoProcess;
-  Private::ProcessRegistry* registry = token != Private::kNoProcess ? Private::currentRegistry() : nullptr;
+                                    : kNoProcess;
+  ProcessRegistry* registry = token != kNoProcess ? currentRegistry() : nullptr;
   if (registry != nullptr) presence = registry->presence(token);
-  if (pid != nullptr && token != Private::kNoProcess) *pid = static_cast<pid_t>(rec->manager);
+  if (pid != nullptr && token != kNoProcess) *pid = static_cast<pid_t>(rec->manager);
   os_sharememory_destroy(block);
   return presence;
 }
@@ -264,14 +265,15 @@ Private::Presence managerPresence(pid_t* pid) {
 ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline) {
   CSyncClient client;
   if (!client.create(true)) return {ManagerState::NoNames, 0};
-  timespec start = Private::monotonicNow();
+  timespec start = monotonicNow();
   if (!client.lockUntil(lockDeadline)) return {ManagerState::LockStuck, 0};
   bool answered =
-      client.requestNothing(replyDeadline != nullptr ? *replyDeadline : Private::deadlineAfter(kRequestTimeoutNanos));
+      client.requestNothing(replyDeadline != nullptr ? *replyDeadline : deadlineAfter(kRequestTimeoutNanos));
   client.unlock();
   if (!answered) return {ManagerState::Silent, 0};
-  timespec took = Private::timeLeftUntil(start);
-  return {ManagerState::Serving, -(took.tv_sec * Private::kNanosPerSecond + took.tv_nsec)};
+  timespec took = timeLeftUntil(start);
+  return {ManagerState::Serving, -(took.tv_sec * kNanosPerSecond + took.tv_nsec)};
 }
 
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

@@ -10,6 +10,8 @@
 #include "OS/internal/Private.h"
 #include "OS/internal/Shell.h"
 
+namespace internal = ostrelled::internal;
+
 namespace {
 
 constexpr int kCouldNotStart = 255;  // what _exit(-1) shows the parent
@@ -36,19 +38,19 @@ bool os_system_run_application(const char* strApplicationName, const char* strCo
     _exit(-1);
   }
   int status = 0;
-  OS::Private::retryOnEintr([&] { return waitpid(pid, &status, bBlockParent ? 0 : WNOHANG); });
+  internal::retryOnEintr([&] { return waitpid(pid, &status, bBlockParent ? 0 : WNOHANG); });
   // A start that does not wait has one answer, the child was started: whether
   // its exit is already visible here is a matter of timing, not of the start.
   if (!bBlockParent) return true;
-  int exitStatus = OS::Private::exitStatusOf(status);
+  int exitStatus = internal::exitStatusOf(status);
   return exitStatus != -1 && exitStatus != kCouldNotStart;
 }
 
 bool os_system_kill_application(const char* strApplicationName) {
-  return OS::Shell::run(OS::Shell::kKill, {strApplicationName});
+  return internal::Shell::run(internal::Shell::kKill, {strApplicationName});
 }
 
-bool os_system_invoke_command(const char* strCommand) { return OS::Shell::runCommand(strCommand); }
+bool os_system_invoke_command(const char* strCommand) { return internal::Shell::runCommand(strCommand); }
 
 bool os_system_get_os_environmentVariable(const char* strEnvironmentVariableName, char* strEnvironmentVariableValue,
                                           const DWORD& dwLen) {
@@ -56,7 +58,7 @@ bool os_system_get_os_environmentVariable(const char* strEnvironmentVariableName
   const char* value = getenv(strEnvironmentVariableName);
   if (value == nullptr) return false;
   // The interface declares dwLen const, yet the length is written back through it.
-  return OS::Private::deliverText(value, strEnvironmentVariableValue, dwLen);
+  return internal::deliverText(value, strEnvironmentVariableValue, dwLen);
 }
 
 void os_system_set_os_environmentVariable(const char* strEnvironmentVariableName,

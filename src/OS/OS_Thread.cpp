@@ -11,7 +11,9 @@
 
 #include "OS/internal/Private.h"
 
-using OS::Private::isRealTime;
+namespace internal = ostrelled::internal;
+
+using internal::isRealTime;
 
 // Functions taking a mode resolve it on every call. Both branches make the
 // same pthread and scheduler calls, so the resolution itself is the branch
@@ -139,11 +141,11 @@ void os_thread_uninstall_latency(int intLatencyTargetFd) {
 }
 
 void os_thread_sleep_milliseconds(DWORD dwMilliseconds, RT_MODE mode) {
-  timespec ts = OS::Private::spanOf<DWORD>(dwMilliseconds, 1000);
+  timespec ts = internal::spanOf<DWORD>(dwMilliseconds, 1000);
   isRealTime(mode);
   // nanosleep writes the time left back into ts, so each retry after a signal
   // sleeps only the remainder and the total is the full request.
-  OS::Private::retryOnEintr([&ts] { return nanosleep(&ts, &ts); });
+  internal::retryOnEintr([&ts] { return nanosleep(&ts, &ts); });
 }
 
 void os_thread_yield(RT_MODE mode) {

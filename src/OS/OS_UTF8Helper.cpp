@@ -6,13 +6,15 @@
 
 #include "OS/internal/Private.h"
 
+namespace internal = ostrelled::internal;
+
 namespace {
 
 // The host's local character set is UTF-8: no conversion can fail, so the
 // output is the input unchanged (the "Error Encode!" fallback of a converting
 // host is never reached and therefore not kept here).
 bool deliverUnchanged(const std::string& text, char* buffer, const DWORD& dwLen) {
-  return OS::Private::deliverText(text, buffer, dwLen);
+  return internal::deliverText(text, buffer, dwLen);
 }
 
 }  // namespace

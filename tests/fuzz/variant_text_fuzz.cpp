@@ -5,6 +5,8 @@
 #include "../VariantTextOracle.h"
 #include "FuzzInput.h"
 
+namespace internal = ostrelled::internal;
+
 namespace {
 
 void checkParsing(const std::string& text) {
@@ -17,7 +19,7 @@ void checkParsing(const std::string& text) {
 void checkFormatting(fuzz::Input& in) {
   // Every scalar tag; the text tag is no scalar and checks nothing.
   const auto tag = static_cast<TVARTYPE>(TVT_I1 + in.byte() % (TVT_BOOL - TVT_I1 + 1));
-  DataType::visitScalar(tag, [&](auto source) {
+  internal::visitScalar(tag, [&](auto source) {
     const std::string why = oracle::printMismatch(in.take<typename decltype(source)::type>());
     fuzz::check(why.empty(), "format", why);
     return true;

@@ -8,16 +8,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/ManagedAccess.h"
 #include "ctl/Inventory.h"
+
+namespace internal = ostrelled::internal;
 
 namespace ctl {
 
 namespace {
 
-using OS::Private::kManagedMode;
+using internal::kManagedMode;
 
 bool statFile(const std::string& name, FileMode& file) {
   struct stat st;
@@ -60,12 +62,12 @@ bool inGroup(gid_t gid) {
 
 // A named semaphore "/x" is the file "sem.x" under /dev/shm.
 ManagerAccess ManagerAccess::read() {
-  using namespace OS::SyncNames;
+  using namespace internal::SyncNames;
   ManagerAccess access;
   const std::string files[] = {std::string("sem.") + (kEnabledSemaphore + 1),
                                std::string("sem.") + (kRequestSemaphore + 1),
                                std::string("sem.") + (kFinishSemaphore + 1), kRequestArea, kRequestLock,
-                               OS::Private::kRegistryName};
+                               internal::kRegistryName};
   for (const std::string& name : files) {
     FileMode file;
     if (!statFile(name, file)) continue;

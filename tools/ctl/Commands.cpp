@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include "OS/internal/Private.h"
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 #include "ctl/Access.h"
 #include "ctl/Inventory.h"
+
+namespace internal = ostrelled::internal;
 
 namespace ctl {
 
@@ -33,19 +35,19 @@ void printAccess(const ManagerAccess& access) {
   for (const std::string& line : access.changedByHand()) puts(line.c_str());
 }
 
-void printManager(const OS::ManagerProbe& probe, bool anyNamePresent) {
+void printManager(const internal::ManagerProbe& probe, bool anyNamePresent) {
   switch (probe.state) {
-    case OS::ManagerState::Serving:
+    case internal::ManagerState::Serving:
       printf("manager: serving (process %d)\n", static_cast<int>(managerPid()));
       printf("round trip: %.3f ms\n", static_cast<double>(probe.roundTripNanos) / kNanosPerMilli);
       return;
-    case OS::ManagerState::Silent:
+    case internal::ManagerState::Silent:
       puts("manager: not answering (its names are present, but no answer came within 100 ms)");
       return;
-    case OS::ManagerState::LockStuck:
+    case internal::ManagerState::LockStuck:
       puts("manager: unknown (a living process has held the request lock for 200 ms)");
       return;
-    case OS::ManagerState::NoNames:
+    case internal::ManagerState::NoNames:
       puts(anyNamePresent ? "manager: not answering (only some of its names are present)"
                                    : "manager: none (no manager names on this machine)");
       return;
@@ -73,11 +75,11 @@ int runStatus() {
   bool present = access.anyPresent();
   bool alive = false;
   pid_t holder = present ? requestLockHolder(alive) : 0;
-  OS::ManagerProbe probe = OS::probeManager(OS::Private::deadlineAfter(kLockWaitNanos));
+  internal::ManagerProbe probe = internal::probeManager(internal::deadlineAfter(kLockWaitNanos));
   printManager(probe, present);
   if (present) printLock(holder, alive);
   printAccess(access);
-  return probe.state == OS::ManagerState::Serving ? 0 : 1;
+  return probe.state == internal::ManagerState::Serving ? 0 : 1;
 }
 
 int runList(bool json) {
@@ -114,7 +116,7 @@ namespace {
 class Remover {
  public:
   explicit Remover(bool force) : m_force(force) {
-    m_managed = OS::probeManager(OS::Private::deadlineAfter(kLockWaitNanos)).state == OS::ManagerState::Serving &&
+    m_managed = internal::probeManager(internal::deadlineAfter(kLockWaitNanos)).state == internal::ManagerState::Serving &&
                 m_client.create(true);
   }
 
@@ -123,7 +125,7 @@ class Remover {
     if (name.empty() || name.size() > 255 || name.find('/') != std::string::npos)
       return refuse(given, "is not the name of a named object");
     if (isManagerName(name)) return refuse(given, "belongs to the sync manager itself; stop the manager instead");
-    if (m_managed && !m_client.lockUntil(OS::Private::deadlineAfter(kLockWaitNanos)))
+    if (m_managed && !m_client.lockUntil(internal::deadlineAfter(kLockWaitNanos)))
       return refuse(given, "was left alone: another process has held the request lock for 200 ms");
     bool removed = removeLocked(name, given);
     if (m_managed) m_client.unlock();
@@ -178,7 +180,7 @@ class Remover {
 
   bool m_force;
   bool m_managed = false;
-  OS::CSyncClient m_client;
+  internal::CSyncClient m_client;
 };
 
 }  // namespace

@@ -14,9 +14,11 @@
 #include <map>
 #include <utility>
 
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
+
+namespace internal = ostrelled::internal;
 
 namespace ctl {
 
@@ -149,7 +151,7 @@ void noteMapLine(const std::string& line, pid_t pid, std::map<FileId, Block*>& b
 
 unsigned int recordWord(size_t offset) {
   unsigned int word = 0;
-  int fd = open((std::string(kShmFolder) + OS::SyncNames::kRequestLock).c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = open((std::string(kShmFolder) + internal::SyncNames::kRequestLock).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 0;
   if (pread(fd, &word, sizeof word, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof word)) word = 0;
   close(fd);
@@ -167,13 +169,13 @@ struct RegistryView {
 };
 
 RegistryView viewRegistry() {
-  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
-  auto manager = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, managerToken)));
+  internal::ProcessRegistry* registry = internal::currentRegistry();
+  auto manager = static_cast<internal::ProcessToken>(recordWord(offsetof(internal::RequestLockRecord, managerToken)));
   if (registry == nullptr) return {managerPid(), 0};
-  uint64_t here = OS::Private::ownPidNamespace();
+  uint64_t here = internal::ownPidNamespace();
   RegistryView view;
-  if (manager == OS::Private::kNoProcess) view.managerHere = managerPid();
-  registry->forEachLive([&](OS::Private::ProcessToken token, pid_t pid, uint64_t pidNamespace) {
+  if (manager == internal::kNoProcess) view.managerHere = managerPid();
+  registry->forEachLive([&](internal::ProcessToken token, pid_t pid, uint64_t pidNamespace) {
     bool local = here != 0 && pidNamespace == here;
     if (token == manager && local) view.managerHere = pid;
     if (token != manager && !local) ++view.elsewhere;
@@ -226,14 +228,14 @@ Unseen findMappers(std::vector<Block>& blocks) {
 
 pid_t managerPid() {
   pid_t pid = 0;
-  return OS::managerPresence(&pid) == OS::Private::Presence::Alive ? pid : 0;
+  return internal::managerPresence(&pid) == internal::Presence::Alive ? pid : 0;
 }
 
 pid_t requestLockHolder(bool& alive) {
-  auto token = static_cast<OS::Private::ProcessToken>(recordWord(offsetof(OS::RequestLockRecord, holderToken)));
-  OS::Private::ProcessRegistry* registry = OS::Private::currentRegistry();
+  auto token = static_cast<internal::ProcessToken>(recordWord(offsetof(internal::RequestLockRecord, holderToken)));
+  internal::ProcessRegistry* registry = internal::currentRegistry();
   alive = registry == nullptr || !registry->gone(token);
-  return static_cast<pid_t>(recordWord(offsetof(OS::RequestLockRecord, holder)));
+  return static_cast<pid_t>(recordWord(offsetof(internal::RequestLockRecord, holder)));
 }
 
 namespace {

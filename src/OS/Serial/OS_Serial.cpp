@@ -19,6 +19,8 @@
 #include "OS/internal/Private.h"
 #include "OS/internal/Wait.h"
 
+namespace internal = ostrelled::internal;
+
 namespace {
 
 // aio_cancel answers AIO_CANCELED, AIO_NOTCANCELED, AIO_ALLDONE or -1, never
@@ -197,7 +199,7 @@ int os_serial_open(const char* strSerialName, UINT uBaudRate, BYTE byteParity, B
   int fd = open(strSerialName, O_RDWR | O_NOCTTY | O_APPEND | O_NONBLOCK);
   if (fd == -1) return -1;
   if (!configureLine(fd, byteParity, byteStopbits, iBaudIndex)) {
-    OS::Private::ErrnoGuard keep;
+    internal::ErrnoGuard keep;
     close(fd);
     return -1;
   }
@@ -233,8 +235,8 @@ void os_serial_purge(int hHandle, int iFlag) {
 
 bool os_serial_select(int hHandle, int dwMillionTimeout) {
   if (hHandle == -1) return false;
-  return OS::Private::waitOnce(hHandle, OS::Private::Readiness::Readable,
-                               OS::Private::spanOf<int>(dwMillionTimeout, 1000)) == 1;
+  return internal::waitOnce(hHandle, internal::Readiness::Readable,
+                               internal::spanOf<int>(dwMillionTimeout, 1000)) == 1;
 }
 
 int os_serial_write(int hHandle, const unsigned char* buf, int len, int dwTimeoutMillisecond) {

@@ -9,8 +9,10 @@
 #include "OS/internal/Private.h"
 #include "OS/internal/Wait.h"
 
-using OS::Private::Readiness;
-using OS::Private::spanOf;
+namespace internal = ostrelled::internal;
+
+using internal::Readiness;
+using internal::spanOf;
 
 namespace {
 
@@ -18,7 +20,7 @@ namespace {
 // call, so a real-time variant would be put here and nowhere else.
 template <class Call>
 inline auto inMode(RT_MODE mode, Call call) -> decltype(call()) {
-  (void)OS::Private::isRealTime(mode);
+  (void)internal::isRealTime(mode);
   return call();
 }
 
@@ -30,13 +32,13 @@ bool waitFor(int s, timespec span, Readiness what, int* intErrorCode, RT_MODE mo
   if (s == -1) return false;
   // A poll (zero span) has no deadline to keep, so it reads no clock.
   const bool timed = span.tv_sec > 0 || span.tv_nsec > 0;
-  const timespec deadline = timed ? OS::Private::deadlineAfter(span, mode) : timespec{};
+  const timespec deadline = timed ? internal::deadlineAfter(span, mode) : timespec{};
   int result;
   for (;;) {
-    result = inMode(mode, [&] { return OS::Private::waitOnce(s, what, span); });
+    result = inMode(mode, [&] { return internal::waitOnce(s, what, span); });
     if (result != -1 || errno != EINTR) break;
     if (timed) {
-      span = OS::Private::timeLeftUntil(deadline, mode);
+      span = internal::timeLeftUntil(deadline, mode);
       if (span.tv_sec < 0) span = timespec{};  // overdue: one last look without waiting
     }
   }

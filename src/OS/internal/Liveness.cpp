@@ -16,8 +16,8 @@
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 namespace {
 
@@ -324,5 +324,5 @@ uint64_t ownPidNamespace() {
   return inode;
 }
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

@@ -19,8 +19,8 @@
 
 #include <functional>
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 using ProcessToken = uint32_t;
 // No process (a free holder slot).
@@ -79,7 +79,7 @@ void removeRegistry();
 // The inode of this process's PID namespace, 0 when /proc cannot tell.
 uint64_t ownPidNamespace();
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

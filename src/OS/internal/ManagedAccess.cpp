@@ -9,8 +9,8 @@
 
 #include "OS/internal/Private.h"
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 namespace {
 bool gHasGroup = false;
@@ -52,5 +52,5 @@ bool applyManagedAccess(const char* semaphoreName) {
   return applied;
 }
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

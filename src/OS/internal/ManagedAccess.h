@@ -11,8 +11,8 @@
 
 #include <sys/types.h>
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 // The mode of every managed name while a group is set.
 constexpr mode_t kManagedMode = 0660;
@@ -37,7 +37,7 @@ bool applyManagedAccess(int fd);
 // The same for a named semaphore, by its name ("/x" is the file /dev/shm/sem.x).
 bool applyManagedAccess(const char* semaphoreName);
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -11,12 +11,13 @@
 #include <mutex>
 #include <new>
 
-#include "OS/OS_ShareMemory.h"
-#include "OS/OS_SyncClient.h"
+#include "OS/internal/ShareMemoryHandle.h"
+#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 
 namespace {
 
@@ -30,7 +31,7 @@ struct ProtocolIdentity {
 
   bool read() {
     struct stat st;
-    static const std::string path = Private::shmPath(SyncNames::kRequestLock);
+    static const std::string path = shmPath(SyncNames::kRequestLock);
     if (stat(path.c_str(), &st) != 0) return false;
     device = st.st_dev;
     inode = st.st_ino;
@@ -167,13 +168,13 @@ class Attach {
     if (!block->sharememory_open(m_name.c_str())) {
       // No mapping left in this process (vm.max_map_count): a block made for
       // this attach alone is not left behind.
-      Private::ErrnoGuard keep;
+      ErrnoGuard keep;
       if (unusedBlock()) client.requestDestroy(m_name.c_str());
       return nullptr;
     }
     if (block->sharememory_get_size() < m_blockSize) return nullptr;
     if (!joinBlock(*block, m_steps)) {
-      Private::ErrnoGuard keep;  // the refusal's reason
+      ErrnoGuard keep;  // the refusal's reason
       block.reset();
       return nullptr;
     }
@@ -220,7 +221,7 @@ sharememory_handle* attachNamedObject(const std::string& name, unsigned int bloc
   }
   // A process that uses named objects is registered, so that others (and the
   // inspection tool) can tell whether it lives; once per process.
-  if (Private::ProcessRegistry* registry = Private::latestRegistry()) {
+  if (ProcessRegistry* registry = latestRegistry()) {
     registry->renewIfLost();
     registry->own();
   }
@@ -258,4 +259,5 @@ void detachNamedObject(const std::string& name, sharememory_handle*& block, Name
   os_sharememory_destroy(block);
 }
 
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

@@ -10,7 +10,8 @@
 
 class sharememory_handle;
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 
 // Longest name of a named object. Each kind refuses a longer name before it
 // attaches (the handle stays unattached); the procedure refuses one as well.
@@ -49,6 +50,7 @@ sharememory_handle* attachNamedObject(const std::string& name, unsigned int bloc
 // (a null block does nothing); the caller then nulls its own pointers into the block.
 void detachNamedObject(const std::string& name, sharememory_handle*& block, NamedObjectSteps& steps);
 
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

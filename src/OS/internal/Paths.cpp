@@ -7,7 +7,8 @@
 
 namespace File = OS::CLibrary::File;
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 namespace Paths {
 
 std::string withoutTrailingSlashes(const char* path) {
@@ -29,4 +30,5 @@ bool existsAs(const char* path, bool bDirectory) {
 }
 
 }  // namespace Paths
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

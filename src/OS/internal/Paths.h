@@ -6,7 +6,8 @@
 
 #include <string>
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 namespace Paths {
 
 // True for a null pointer or an empty string: such paths are refused before
@@ -25,6 +26,7 @@ std::string withoutTrailingSlashes(const char* path);
 bool existsAs(const char* path, bool bDirectory);
 
 }  // namespace Paths
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -2,25 +2,41 @@
 #define OSTRELLED_SRC_OS_INTERNAL_PRIVATE_H
 
 // Small helpers of every operating-system source: modes, EINTR, errno, pid (a
-// label, never evidence of life) and deadlines; header-only. Also the index of the private layer:
+// label, never evidence of life) and deadlines; header-only.
 //
-//   internal/Private.h         real-time mode resolution, retryOnEintr, ErrnoGuard,
-//                              ownPid, deadlines (deadlineAfter, timeLeftUntil,
-//                              hasPassed), lockBefore, takeSoon, text delivery
-//   internal/RobustMutex.h     pthread mutex set-up and locking that repairs a dead owner
-//   internal/NamedObject.h     attach/detach of named objects through the manager
-//   internal/Liveness.h        whether a process lives: the registry of tokens the
-//                              kernel keeps true across PID namespaces (never a pid)
-//   internal/ManagedAccess.h   the group and mode of every name the manager creates
-//   internal/SyncPrimitives.h  one wake-up class per kind: futex condition, POSIX, System V
-//   internal/SysVSemaphore.h   System V semaphore operations and keys
-//   internal/Paths.h           path tests shared by files, folders and walks
-//   internal/Shell.h           command templates, quoting and the shell runner
-//   internal/Wait.h            readiness waits on a descriptor
+// The index of the library's private layer. Everything here lives in the
+// namespace ostrelled::internal (sources call it internal::); nothing of it is
+// exported. Area sources (src/DataType/*.cpp, src/OS/OS_*.cpp, Serial/, Socket/)
+// hold the exported functions; these headers hold what they share:
 //
-// Beside the area sources, OS_Mutex.h, OS_ShareMemory.h, OS_Semaphore.h,
-// OS_Event.h and OS_SyncClient.h hold what those sources offer the rest of the
-// library beyond their exported functions.
+//   internal/Handle.h               destroyHandle: the one way a handle is deleted
+//   DataType/internal/BStrBlock.h   counted-string blocks and the bstr handle
+//   DataType/internal/NumberText.h  integer text both ways, as printf and strtol
+//   DataType/internal/ScalarDispatch.h  the scalar list and the tag-to-type switch
+//   DataType/internal/SafeArrayHeader.h the safe array's header (SafeArray.cpp)
+//   OS/internal/Private.h         real-time mode resolution, retryOnEintr, ErrnoGuard,
+//                                 ownPid, deadlines (deadlineAfter, timeLeftUntil,
+//                                 hasPassed), lockBefore, takeSoon, text delivery
+//   OS/internal/RobustMutex.h     pthread mutex set-up, and locking that repairs a
+//                                 dead owner's mutex (each name says what it then does)
+//   OS/internal/NamedObject.h     attach/detach of named objects through the manager
+//   OS/internal/SyncProtocol.h    the request protocol: names, request layout, the
+//                                 request-lock record, the client (OS_SyncClient.cpp)
+//                                 and the manager's hooks (OS_Sync.cpp)
+//   OS/internal/Liveness.h        whether a process lives: the registry of tokens the
+//                                 kernel keeps true across PID namespaces (never a pid)
+//   OS/internal/ManagedAccess.h   the group and mode of every name the manager creates
+//   OS/internal/SyncPrimitives.h  one wake-up class per kind: futex condition, POSIX, System V
+//   OS/internal/SysVSemaphore.h   System V semaphore operations and keys
+//   OS/internal/MutexHandle.h     the mutex handle, for conditions, events and the
+//                                 manager (OS_Mutex.cpp)
+//   OS/internal/ShareMemoryHandle.h  the shared-memory handle and the manager's
+//                                 blocks (OS_ShareMemory.cpp)
+//   OS/internal/SemaphoreKinds.h  every semaphore kind's constructor (OS_Semaphore.cpp)
+//   OS/internal/EventKinds.h      every event kind's constructor (OS_Event.cpp)
+//   OS/internal/Paths.h           path tests shared by files, folders and walks
+//   OS/internal/Shell.h           command templates, quoting and the shell runner
+//   OS/internal/Wait.h            readiness waits on a descriptor
 
 #include <errno.h>
 #include <pthread.h>
@@ -37,10 +53,10 @@
 #include <ostrelled/StringAssistant.h>
 #include <ostrelled/Types.h>
 
-#include "Handle.h"
+#include "internal/Handle.h"
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 // Resolution of a real-time mode, evaluated on every call: USE_RT, or
 // USE_DEFAULT while the process default is USE_RT. Everything else is standard.
@@ -223,7 +239,7 @@ class UmaskCleared {
   mode_t m_saved;
 };
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -8,8 +8,8 @@
 
 #include "OS/internal/Liveness.h"
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 namespace {
 
@@ -75,11 +75,6 @@ int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processSh
   return result;
 }
 
-bool lockRecovering(pthread_mutex_t* mutex) {
-  int result = pthread_mutex_lock(mutex);
-  return result == 0 || lockFailed(mutex, result);
-}
-
 namespace {
 
 // Marks a mutex whose owner died consistent; false (with its line) when it cannot be.
@@ -91,7 +86,7 @@ bool markConsistent(pthread_mutex_t* mutex) {
 
 }  // namespace
 
-bool lockFailed(pthread_mutex_t* mutex, int result) {
+bool repairThenRelock(pthread_mutex_t* mutex, int result) {
   if (result == EOWNERDEAD) {
     if (!markConsistent(mutex)) return false;
     // Let a waiter that queued behind the dead owner see a healthy mutex.
@@ -103,23 +98,23 @@ bool lockFailed(pthread_mutex_t* mutex, int result) {
   return false;
 }
 
-// Unlike lockFailed, a repaired mutex stays held: its caller mends what the
+// Unlike repairThenRelock, a repaired mutex stays held: its caller mends what the
 // dead holder left before anybody else may look at it.
-Locked lockRepairing(pthread_mutex_t* mutex) {
+Locked lockKeepingRepaired(pthread_mutex_t* mutex) {
   int result = pthread_mutex_lock(mutex);
   if (__builtin_expect(result == 0, 1)) return Locked::Held;
   if (result == EOWNERDEAD) return markConsistent(mutex) ? Locked::Repaired : Locked::Failed;
-  lockFailed(mutex, result);
+  repairThenRelock(mutex, result);
   return Locked::Failed;
 }
 
 // Busy and timed out are the ordinary "no"; anything else is worth the lock's error line.
-bool tookMutex(pthread_mutex_t* mutex, int result) {
+bool heldKeepingRepaired(pthread_mutex_t* mutex, int result) {
   if (__builtin_expect(result == 0, 1)) return true;
   if (result == EOWNERDEAD) return markConsistent(mutex);
   if (result != EBUSY && result != ETIMEDOUT) printf("mutex lock error:%d.\n", result);
   return false;
 }
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

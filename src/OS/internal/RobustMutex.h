@@ -6,8 +6,8 @@
 
 #include <pthread.h>
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 // Initialises *mutex of the given pthread type; a process-shared one is also robust.
 // A process-shared one with priority inheritance is also tagged with the
@@ -30,26 +30,27 @@ bool ownerIdIsMine(const pthread_mutex_t* mutex);
 // it finds nobody, and the C library then aborts the process.
 bool usableInThisNamespace(const pthread_mutex_t* mutex);
 
-// Locks, repairing a mutex whose owner died ("mutex lock fixed failed!" when
-// that fails); a repaired mutex is taken back with a blocking lock. Other
-// errors print "mutex lock error:%d.\n". True when held.
-bool lockRecovering(pthread_mutex_t* mutex);
-// The part of lockRecovering after pthread_mutex_lock returned `result`, not 0.
-bool lockFailed(pthread_mutex_t* mutex, int result);
+// After pthread_mutex_lock returned `result`, not 0: a mutex whose owner died
+// is marked consistent ("mutex lock fixed failed!" when it cannot be),
+// released and taken again with a blocking lock, so that a waiter queued
+// behind the dead owner sees a healthy mutex. Other errors print
+// "mutex lock error:%d.\n". True when held.
+bool repairThenRelock(pthread_mutex_t* mutex, int result);
 
 // How a lock of a mutex that guards shared state went. Repaired: the previous
 // holder died inside, so the state it guards may be half-written.
 enum class Locked { Failed, Held, Repaired };
-// lockRecovering, telling a repair apart; a repaired mutex is not retaken, so
-// nobody sees the state it guards before the caller has mended it.
-Locked lockRepairing(pthread_mutex_t* mutex);
+// Locks, marking a dead owner's mutex consistent and keeping it held (not
+// retaken), so that nobody sees the state it guards before the caller has
+// mended it; tells such a repair apart.
+Locked lockKeepingRepaired(pthread_mutex_t* mutex);
 
 // The answer of pthread_mutex_trylock or pthread_mutex_clocklock as a bool:
-// true when held, also after repairing a mutex whose owner died (kept held,
-// not retaken: a second try could lose it).
-bool tookMutex(pthread_mutex_t* mutex, int result);
+// true when held, also after marking a dead owner's mutex consistent (kept
+// held, not retaken: a second try could lose it).
+bool heldKeepingRepaired(pthread_mutex_t* mutex, int result);
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -2,7 +2,8 @@
 
 #include <stdlib.h>
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 namespace Shell {
 
 bool runCommand(const char* command) { return statusSucceeded(system(command)); }
@@ -13,4 +14,5 @@ bool run(const Template& command, std::initializer_list<const char*> texts) {
 }
 
 }  // namespace Shell
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

@@ -12,7 +12,8 @@
 
 #include "OS/internal/Private.h"
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 namespace Shell {
 
 // Where a template puts each %s, which decides how a text is protected.
@@ -101,7 +102,7 @@ inline std::string formatCommand(const Template& command, std::initializer_list<
 
 // The status rule: system() ran, the command was not ended by a signal and
 // exited with status 0.
-inline bool statusSucceeded(int status) { return Private::exitStatusOf(status) == 0; }
+inline bool statusSucceeded(int status) { return exitStatusOf(status) == 0; }
 
 // system(command) judged by the status rule.
 bool runCommand(const char* command);
@@ -110,6 +111,7 @@ bool runCommand(const char* command);
 bool run(const Template& command, std::initializer_list<const char*> texts);
 
 }  // namespace Shell
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -7,11 +7,11 @@
 
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
-#include "OS/OS_ShareMemory.h"
+#include "OS/internal/ShareMemoryHandle.h"
 #include "OS/internal/SysVSemaphore.h"
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 namespace {
 
 // Bit 0 of a condition's word: somebody may be asleep on it. The sequence
@@ -49,7 +49,7 @@ Locked FutexCondition::wait(pthread_mutex_t* mutex, const timespec* deadline) {
   pthread_mutex_unlock(mutex);
   // EINTR, EAGAIN and ETIMEDOUT all send the caller back to its flag loop.
   futex(m_pWord, m_intWaitOp, seen, deadline);
-  return lockRepairing(mutex);
+  return lockKeepingRepaired(mutex);
 }
 
 void FutexCondition::broadcast() {
@@ -74,7 +74,7 @@ Slept SemaphoreKind::sleep(pthread_mutex_t* mutex, const timespec* deadline) {
   pthread_mutex_unlock(mutex);
   bool taken = take(&slice);
   int error = errno;
-  Slept slept = afterRelock(lockRepairing(mutex), *this);
+  Slept slept = afterRelock(lockKeepingRepaired(mutex), *this);
   // A slice that ran out goes round again; anything else is a broken primitive.
   return taken || error == ETIMEDOUT || error == EAGAIN ? slept : slept == Slept::Again ? Slept::Leave : slept;
 }
@@ -115,5 +115,5 @@ sharememory_handle* attachSameKind(const std::string& name, unsigned int blockSi
   return block;
 }
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

@@ -11,12 +11,12 @@
 
 #include <string>
 
-#include "OS/OS_Mutex.h"
+#include "OS/internal/MutexHandle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/RobustMutex.h"
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 // How one sleep of a flag loop ended.
 enum class Slept {
@@ -131,7 +131,7 @@ class SysVSemaphore final : public SemaphoreKind {
 // again at once and stays unattached.
 sharememory_handle* attachSameKind(const std::string& name, unsigned int blockSize, NamedObjectSteps& steps);
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

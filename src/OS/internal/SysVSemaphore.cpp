@@ -7,7 +7,10 @@
 
 #include "OS/internal/Private.h"
 
-namespace OS {
+namespace internal = ostrelled::internal;
+
+namespace ostrelled {
+namespace internal {
 namespace SysV {
 namespace {
 
@@ -48,21 +51,21 @@ void setSemVal(int intSemId, int intValue) {
 
 void postSem(const char* prefix, int intSemId, bool bUndoTrack) {
   sembuf op = operation(1, bUndoTrack);
-  if (Private::retryOnEintr([&] { return semop(intSemId, &op, 1); }) != 0)
+  if (retryOnEintr([&] { return semop(intSemId, &op, 1); }) != 0)
     printf("%s:semop[post] failed,errno=%d!!\n", prefix, errno);
 }
 
 bool waitSem(const char* prefix, int intSemId, bool bUndoTrack) {
   sembuf op = operation(-1, bUndoTrack);
-  if (Private::retryOnEintr([&] { return semop(intSemId, &op, 1); }) == 0) return true;
+  if (retryOnEintr([&] { return semop(intSemId, &op, 1); }) == 0) return true;
   reportWaitFailure(prefix, "semop");
   return false;
 }
 
 bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bool bUndoTrack) {
   sembuf op = operation(-1, bUndoTrack);
-  int result = Private::retryOnEintr([&] {
-    timespec left = Private::timeLeftUntil(deadline);
+  int result = retryOnEintr([&] {
+    timespec left = timeLeftUntil(deadline);
     // semtimedop refuses a negative span; a passed deadline still takes a
     // unit that is there, like sem_timedwait does.
     if (left.tv_sec < 0) left = timespec{0, 0};
@@ -78,7 +81,7 @@ bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bo
 // group, so that every member may post it and nobody else may even read it.
 int createSet(key_t key, const std::string& name) {
   struct stat block;
-  bool grouped = stat(OS::Private::shmPath(name).c_str(), &block) == 0 && (block.st_mode & S_IRWXO) == 0;
+  bool grouped = stat(internal::shmPath(name).c_str(), &block) == 0 && (block.st_mode & S_IRWXO) == 0;
   int id = semget(key, 1, IPC_CREAT | (grouped ? 0600 : 0755));
   if (id == -1 || !grouped) return id;
   semid_ds perm{};
@@ -93,7 +96,7 @@ int createSet(key_t key, const std::string& name) {
 }
 
 bool keyOfBlock(const std::string& name, const char* what, key_t& key) {
-  std::string path = OS::Private::shmPath(name);
+  std::string path = internal::shmPath(name);
   key = ftok(path.c_str(), 0);
   if (key != -1) return true;
   // The line has always shown the path buffer after it was released, that is
@@ -103,4 +106,5 @@ bool keyOfBlock(const std::string& name, const char* what, key_t& key) {
 }
 
 }  // namespace SysV
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled

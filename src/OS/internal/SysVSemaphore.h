@@ -9,7 +9,8 @@
 
 #include <string>
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 namespace SysV {
 
 // semctl(IPC_RMID) of the whole set.
@@ -43,6 +44,7 @@ bool keyOfBlock(const std::string& name, const char* what, key_t& key);
 inline constexpr char kSemaphoreMessagePrefix[] = "semaphore";
 inline constexpr char kEventMessagePrefix[] = "event";
 
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -8,8 +8,8 @@
 #include <poll.h>
 #include <time.h>
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 
 enum class Readiness { Readable, Writable };
 
@@ -39,7 +39,7 @@ inline int waitOnce(int fd, Readiness what, const timespec& span) {
   return (entry.revents & readyMask) != 0 ? 1 : 0;
 }
 
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

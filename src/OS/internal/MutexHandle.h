@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_OS_MUTEX_H
-#define OSTRELLED_SRC_OS_MUTEX_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_MUTEXHANDLE_H
+#define OSTRELLED_SRC_OS_INTERNAL_MUTEXHANDLE_H
 
 // The mutex handle's definition, for the library's other users of a mutex
 // (conditions, events, the manager) and the tests. Defined in OS_Mutex.cpp.
@@ -10,6 +10,12 @@
 
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_ShareMemory.h>
+
+namespace ostrelled {
+namespace internal {
+struct Recursion;
+}  // namespace internal
+}  // namespace ostrelled
 
 class mutex_handle {
  public:
@@ -23,7 +29,7 @@ class mutex_handle {
   pthread_mutex_t* m_pMutex;  // in the block, at m_anonymous.mutex, or null when unattached
   RT_MODE m_RtMode;
   // A named recursive mutex's recursion, counted here (see OS_Mutex.cpp); null otherwise.
-  struct Recursion* m_pRecursion = nullptr;
+  ostrelled::internal::Recursion* m_pRecursion = nullptr;
   // Such a mutex's mutex: m_pMutex stays null for it, so that the other kinds'
   // path tests nothing more than it always did.
   pthread_mutex_t* m_pCounted = nullptr;
@@ -33,12 +39,12 @@ class mutex_handle {
   } m_anonymous{};
 };
 
-namespace OS {
-namespace Private {
+namespace ostrelled {
+namespace internal {
 // A named mutex block: the attach count, then the mutex, unpadded.
 constexpr unsigned int kMutexOffset = 4;
 constexpr unsigned int kMutexBlockSize = kMutexOffset + sizeof(pthread_mutex_t);
-}  // namespace Private
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_DATATYPE_SCALARDISPATCH_H
-#define OSTRELLED_SRC_DATATYPE_SCALARDISPATCH_H
+#ifndef OSTRELLED_SRC_DATATYPE_INTERNAL_SCALARDISPATCH_H
+#define OSTRELLED_SRC_DATATYPE_INTERNAL_SCALARDISPATCH_H
 
 #include <cstddef>
 #include <cstdio>
@@ -9,7 +9,8 @@
 
 // Compile-time facts of the scalar list and the one runtime switch from a tag to its
 // type. Generic code takes the type from a ScalarTag and looks its facts up in Scalar<T>.
-namespace DataType {
+namespace ostrelled {
+namespace internal {
 
 template <class T>
 struct Scalar;
@@ -59,6 +60,7 @@ T scalarValue(const TVARIANT& var) {
     return Scalar<T>::get(var);
 }
 
-}  // namespace DataType
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

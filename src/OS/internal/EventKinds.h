@@ -1,12 +1,13 @@
-#ifndef OSTRELLED_SRC_OS_EVENT_H
-#define OSTRELLED_SRC_OS_EVENT_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_EVENTKINDS_H
+#define OSTRELLED_SRC_OS_INTERNAL_EVENTKINDS_H
 
 // What the event source offers the rest of the library beyond its exported
 // functions: construction of every kind, of which os_event_create picks one.
 
 #include <ostrelled/OS_Event.h>
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 
 // The wake-up of a named event: a System V set when bManageByOS (whatever
 // bUseConditionInsteadOfSem says), else a futex condition when
@@ -15,6 +16,7 @@ namespace OS {
 event_handle* createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
                          bool bManageByOS, bool bUseConditionInsteadOfSem);
 
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

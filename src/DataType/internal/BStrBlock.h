@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_DATATYPE_BSTRBLOCK_H
-#define OSTRELLED_SRC_DATATYPE_BSTRBLOCK_H
+#ifndef OSTRELLED_SRC_DATATYPE_INTERNAL_BSTRBLOCK_H
+#define OSTRELLED_SRC_DATATYPE_INTERNAL_BSTRBLOCK_H
 
 // Counted-string blocks and the object behind a bstr_handle; header-only, used
 // by the counted strings, the variants, the safe arrays and the wrappers.
@@ -22,7 +22,8 @@ struct bstr_handle {
 
 // Counted-string blocks: a signed 32-bit length word L, then L data bytes, in one
 // array of L + 4 cells. Shared by the counted strings, the variants and the containers.
-namespace DataType {
+namespace ostrelled {
+namespace internal {
 
 constexpr int kBlockHeader = static_cast<int>(sizeof(int));
 
@@ -79,6 +80,7 @@ auto withBlockText(LPBSTRUNIT block, F&& f) {
   return f(terminated.c_str());
 }
 
-}  // namespace DataType
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_DATATYPE_NUMBERTEXT_H
-#define OSTRELLED_SRC_DATATYPE_NUMBERTEXT_H
+#ifndef OSTRELLED_SRC_DATATYPE_INTERNAL_NUMBERTEXT_H
+#define OSTRELLED_SRC_DATATYPE_INTERNAL_NUMBERTEXT_H
 
 // Integer text both ways without the C library's per-call set-up, for variant conversion.
 // The results equal printf's "%d" family and strtol's family with base 0, byte for byte.
@@ -9,7 +9,8 @@
 #include <limits>
 #include <type_traits>
 
-namespace DataType {
+namespace ostrelled {
+namespace internal {
 
 // The text of an integer exactly as its "%d", "%u", "%ld" ... format prints it: a
 // narrow type is promoted as printf's arguments are. Returns the text's length.
@@ -62,6 +63,7 @@ inline unsigned long parseUnsignedLong(const char* text) {
 
 static_assert(sizeof(long) == 8 && sizeof(long long) == 8, "long and long long parse alike");
 
-}  // namespace DataType
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

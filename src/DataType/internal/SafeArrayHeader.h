@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_DATATYPE_SAFEARRAY_H
-#define OSTRELLED_SRC_DATATYPE_SAFEARRAY_H
+#ifndef OSTRELLED_SRC_DATATYPE_INTERNAL_SAFEARRAYHEADER_H
+#define OSTRELLED_SRC_DATATYPE_INTERNAL_SAFEARRAYHEADER_H
 
 // The safe array's header and its handle, defined in SafeArray.cpp; private to
 // that source.

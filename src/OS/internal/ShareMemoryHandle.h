@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_OS_SHAREMEMORY_H
-#define OSTRELLED_SRC_OS_SHAREMEMORY_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_SHAREMEMORYHANDLE_H
+#define OSTRELLED_SRC_OS_INTERNAL_SHAREMEMORYHANDLE_H
 
 // The shared-memory handle's definition, defined in OS_ShareMemory.cpp: for the
 // library's other users of its members (the manager, the sync client, named objects).
@@ -45,10 +45,16 @@ class sharememory_handle {
   RT_MODE m_RtMode;
 };
 
+namespace ostrelled {
+namespace internal {
+
 // os_sharememory_create of one of the sync manager's names, given to its group
 // when it has one: null on failure, errno kept.
 sharememory_handle* createManagedShareMemory(const char* strShmName, unsigned int uintMemorySize);
 // The same without the mapping, for the blocks of named objects.
 sharememory_handle* createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode);
+
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif

@@ -1,5 +1,5 @@
-#ifndef OSTRELLED_SRC_OS_SYNCCLIENT_H
-#define OSTRELLED_SRC_OS_SYNCCLIENT_H
+#ifndef OSTRELLED_SRC_OS_INTERNAL_SYNCPROTOCOL_H
+#define OSTRELLED_SRC_OS_INTERNAL_SYNCPROTOCOL_H
 
 // The machine-wide request protocol between the sync manager and its clients.
 
@@ -13,7 +13,8 @@
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 
-namespace OS {
+namespace ostrelled {
+namespace internal {
 namespace SyncNames {
 // Fixed across the machine: every process finds the manager by these strings.
 // The request area has no leading slash and its odd spelling is the contract.
@@ -135,7 +136,7 @@ ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDea
 // its registry token: Unknown without a record, a token or a registry (an
 // older manager), and then only a request can tell. pid gets the manager's
 // process id (a label, in its own PID namespace; 0 when unknown).
-Private::Presence managerPresence(pid_t* pid = nullptr);
+Presence managerPresence(pid_t* pid = nullptr);
 
 // Serves a create or destroy request itself when the manager that made the
 // client's record runs in this process; false otherwise (the request is then
@@ -150,6 +151,7 @@ void setServingHeartbeat(void (*beat)());
 // a live holder is left alone. Touches only the record and the semaphore.
 void releaseDeadHolder(RequestLockRecord* record, sem_t* enabled);
 
-}  // namespace OS
+}  // namespace internal
+}  // namespace ostrelled
 
 #endif
