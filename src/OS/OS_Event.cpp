@@ -10,6 +10,7 @@
 #include <variant>
 
 #include "internal/Handle.h"
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/MutexHandle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
@@ -25,17 +26,11 @@ namespace {
 // What a waiter sleeps on between looks at the flag.
 enum class WakeKind { Condition, SysV, Posix };
 
-// Named blocks: attach count, mutex at 4, the wake-up primitive at 44 (the
-// condition kind's 48 bytes begin with its futex word), then the four one-byte
-// flags (manual reset, set, managed by OS, use condition).
-struct EventLayout {
-  unsigned int size;
-  unsigned int flags;
-};
-constexpr unsigned int kMutexAt = 4;
-constexpr unsigned int kWakeupAt = 44;
-constexpr EventLayout layoutOf(WakeKind kind) {
-  return kind == WakeKind::SysV ? EventLayout{52, 48} : kind == WakeKind::Condition ? EventLayout{96, 92} : EventLayout{80, 76};
+// Named blocks: internal::EventBlock (internal/BlockLayouts.h), whose size and
+// flags' place depend on the wake-up kind.
+using Block = internal::EventBlock;
+constexpr Block::Kind layoutOf(WakeKind kind) {
+  return kind == WakeKind::SysV ? Block::kSysV : kind == WakeKind::Condition ? Block::kCondition : Block::kPosix;
 }
 
 }  // namespace
@@ -106,15 +101,15 @@ class event_handle::NamedSteps final : public internal::NamedObjectSteps {
   bool beforeOpen() override { return internal::SysV::keyOfBlock(m_owner.m_strEventName, "event", m_key); }
 
   void bind(unsigned char* block) override {
-    m_owner.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + kMutexAt);
-    m_wakeup = block + kWakeupAt;
+    m_owner.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + Block::kMutexAt);
+    m_wakeup = block + Block::kWakeupAt;
     if (m_kind == WakeKind::Condition)
       m_owner.choose<internal::FutexCondition>(reinterpret_cast<uint32_t*>(m_wakeup), true);
     else if (m_kind == WakeKind::SysV)
       m_owner.choose<internal::SysVSemaphore>(reinterpret_cast<int*>(m_wakeup), internal::kEventMessagePrefix, &kNoUndo);
     else
       m_owner.choose<internal::PosixSemaphore>(reinterpret_cast<sem_t*>(m_wakeup));
-    m_owner.bindFlags(reinterpret_cast<bool*>(block + layoutOf(m_kind).flags));
+    m_owner.bindFlags(reinterpret_cast<bool*>(block + layoutOf(m_kind).flagsAt));
   }
 
   // The condition kind's word starts as the manager's zero fill left it.

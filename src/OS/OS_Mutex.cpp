@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
@@ -17,7 +18,6 @@
 namespace internal = ostrelled::internal;
 using internal::Recursion;
 
-static_assert(internal::kMutexBlockSize == 44, "a named mutex block is the count and one pthread mutex");
 
 namespace {
 
@@ -29,7 +29,7 @@ class MutexSteps final : public internal::NamedObjectSteps {
  public:
   MutexSteps(mutex_handle& handle, unsigned int flags) : m_handle(handle), m_flags(flags) {}
   void bind(unsigned char* block) override {
-    m_handle.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + internal::kMutexOffset);
+    m_handle.m_pMutex = reinterpret_cast<pthread_mutex_t*>(block + internal::MutexBlock::kMutexAt);
   }
   void initialise() override {
     internal::initMutex(m_handle.m_pMutex, recursiveType(m_flags), (m_flags & MUTEX_PRIO_INHERIT) != 0, true);
@@ -145,7 +145,7 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     auto recursion = std::make_unique<Recursion>();
     recursion->name = m_strMutexName;
     MutexSteps steps(*this, uintFlag);
-    m_pMutexShareMemory = internal::attachNamedObject(m_strMutexName, internal::kMutexBlockSize, steps);
+    m_pMutexShareMemory = internal::attachNamedObject(m_strMutexName, internal::MutexBlock::kSize, steps);
     // bind ran only for a block that opened; without one nothing may point anywhere.
     if (m_pMutexShareMemory == nullptr) m_pMutex = nullptr;
     if (m_pMutex != nullptr && internal::countsOwnRecursion(m_pMutex)) {

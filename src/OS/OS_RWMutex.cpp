@@ -10,6 +10,7 @@
 #include <string>
 
 #include "internal/Handle.h"
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/MutexHandle.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
@@ -21,11 +22,8 @@ namespace internal = ostrelled::internal;
 
 namespace {
 
-// Named block (the requested size, 136, is kept; nothing is stored past it):
-//   0 attach count, 4 read count, 8 write flag, 12..52 ref mutex (robust),
-//   52 writer's registry token (0: none), 56..88 four reader entries (token,
-//   count), 88 readers beyond the table (counted, untracked), 92 the allow
-//   condition's futex word, 96..136 five more reader entries.
+// Named block: laid out as internal::RWMutexBlock (internal/BlockLayouts.h);
+// the requested size is kept and nothing is stored past it.
 // Resource access, a semaphore once, is implied by the counts under the ref
 // mutex; its slot now records who holds the lock, so that the share of a
 // holder that died can be given back. Holders are recorded by their process's
@@ -33,15 +31,7 @@ namespace {
 // PID namespaces and which is never reused; a process id would be neither.
 // A holder without a token (a full registry) is recorded as untracked and is
 // never judged gone.
-constexpr unsigned int kBlockSize = 136;
-constexpr unsigned int kReadCountAt = 4;
-constexpr unsigned int kWriteFlagAt = 8;
-constexpr unsigned int kRefMutexAt = 12;
-constexpr unsigned int kWriterAt = 52;
-constexpr unsigned int kReadersAt = 56;
-constexpr unsigned int kUntrackedAt = 88;
-constexpr unsigned int kAllowWordAt = 92;
-constexpr unsigned int kMoreReadersAt = 96;
+using Block = internal::RWMutexBlock;
 
 using internal::ProcessToken;
 
@@ -49,10 +39,9 @@ struct ReaderEntry {
   ProcessToken token;  // 0: free
   uint32_t count;
 };
-constexpr int kReadersBeforeWord = (kUntrackedAt - kReadersAt) / sizeof(ReaderEntry);
-constexpr int kTrackedReaders = kReadersBeforeWord + (kBlockSize - kMoreReadersAt) / sizeof(ReaderEntry);
-static_assert(kWriteFlagAt == kReadCountAt + sizeof(unsigned int), "bind takes the two counts as a pair");
-static_assert(kRefMutexAt + sizeof(pthread_mutex_t) == kWriterAt, "the ref mutex ends where the holders begin");
+constexpr int kReadersBeforeWord = (Block::kUntrackedAt - Block::kReadersAt) / sizeof(ReaderEntry);
+constexpr int kTrackedReaders = kReadersBeforeWord + (Block::kSize - Block::kMoreReadersAt) / sizeof(ReaderEntry);
+static_assert(Block::kWriteFlagAt == Block::kReadCountAt + sizeof(unsigned int), "bind takes the two counts as a pair");
 static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states the table's size");
 
 
@@ -62,11 +51,11 @@ class Holders {
  public:
   explicit Holders(unsigned char* block) : m_block(block) {}
 
-  ProcessToken& writer() const { return field<ProcessToken>(kWriterAt); }
-  uint32_t& untracked() const { return field<uint32_t>(kUntrackedAt); }
+  ProcessToken& writer() const { return field<ProcessToken>(Block::kWriterAt); }
+  uint32_t& untracked() const { return field<uint32_t>(Block::kUntrackedAt); }
   ReaderEntry& reader(int i) const {
-    unsigned int at = i < kReadersBeforeWord ? kReadersAt + i * sizeof(ReaderEntry)
-                                             : kMoreReadersAt + (i - kReadersBeforeWord) * sizeof(ReaderEntry);
+    unsigned int at = i < kReadersBeforeWord ? Block::kReadersAt + i * sizeof(ReaderEntry)
+                                             : Block::kMoreReadersAt + (i - kReadersBeforeWord) * sizeof(ReaderEntry);
     return field<ReaderEntry>(at);
   }
 
@@ -156,8 +145,8 @@ class rw_mutex_handle::NamedSteps final : public internal::NamedObjectSteps {
   explicit NamedSteps(rw_mutex_handle& owner) : m_owner(owner) {}
 
   void bind(unsigned char* block) override {
-    m_owner.bind(block + kReadCountAt, reinterpret_cast<pthread_mutex_t*>(block + kRefMutexAt),
-                 reinterpret_cast<uint32_t*>(block + kAllowWordAt), true);
+    m_owner.bind(block + Block::kReadCountAt, reinterpret_cast<pthread_mutex_t*>(block + Block::kRefMutexAt),
+                 reinterpret_cast<uint32_t*>(block + Block::kAllowWordAt), true);
     m_owner.m_pHolders = block;
     m_owner.m_pRegistry = internal::latestRegistry();
   }
@@ -223,7 +212,7 @@ void rw_mutex_handle::createThreadRWMutexOnPosix() {
 void rw_mutex_handle::createProcessRWMutexOnPosix(const char* strMutexName) {
   m_strMutexName = strMutexName;
   NamedSteps steps(*this);
-  m_pMutexShareMemory = internal::attachNamedObject(m_strMutexName, kBlockSize, steps);
+  m_pMutexShareMemory = internal::attachNamedObject(m_strMutexName, Block::kSize, steps);
   if (m_pMutexShareMemory == nullptr) nullPointers();
 }
 

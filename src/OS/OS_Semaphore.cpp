@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "internal/Handle.h"
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/SemaphoreKinds.h"
@@ -18,14 +19,14 @@ namespace internal = ostrelled::internal;
 
 namespace {
 
-// Named blocks: the attach count, the semaphore at offset 4, the kind flag last.
+// Named blocks: internal::SemaphoreBlock (internal/BlockLayouts.h).
 struct SemaphoreLayout {
   unsigned int size;
   unsigned int kindFlag;
 };
-constexpr unsigned int kSemaphoreAt = 4;
-constexpr SemaphoreLayout kPosixLayout{37, 36};  // sem_t, process-shared
-constexpr SemaphoreLayout kSysVLayout{9, 8};     // System V set id
+using Block = internal::SemaphoreBlock;
+constexpr SemaphoreLayout kPosixLayout{Block::kPosixSize, Block::kPosixKindFlagAt};  // sem_t, process-shared
+constexpr SemaphoreLayout kSysVLayout{Block::kSysVSize, Block::kSysVKindFlagAt};     // System V set id
 
 }  // namespace
 
@@ -104,7 +105,7 @@ class semaphore_handle::NamedSteps final : public internal::NamedObjectSteps {
     if (m_bManageByOS)
       m_owner.choose<internal::SysVSemaphore>(setId(), internal::kSemaphoreMessagePrefix, &m_owner.m_bUndoTrack);
     else
-      m_owner.choosePosix(reinterpret_cast<sem_t*>(block + kSemaphoreAt));
+      m_owner.choosePosix(reinterpret_cast<sem_t*>(block + Block::kSemaphoreAt));
   }
 
   void initialise() override {
@@ -112,7 +113,7 @@ class semaphore_handle::NamedSteps final : public internal::NamedObjectSteps {
       *setId() = internal::SysV::createSet(m_key, m_owner.m_strSemaphoreName);
       internal::SysV::setSemVal(*setId(), m_intInitialCount);
     } else {
-      sem_init(reinterpret_cast<sem_t*>(m_block + kSemaphoreAt), 1, static_cast<unsigned int>(m_intInitialCount));
+      sem_init(reinterpret_cast<sem_t*>(m_block + Block::kSemaphoreAt), 1, static_cast<unsigned int>(m_intInitialCount));
     }
     // Written here so that every process can tell the kind from the block.
     *reinterpret_cast<bool*>(m_block + layout().kindFlag) = m_bManageByOS;
@@ -121,7 +122,7 @@ class semaphore_handle::NamedSteps final : public internal::NamedObjectSteps {
   void finalise() override { m_owner.m_pKind->destroy(); }
 
  private:
-  int* setId() const { return reinterpret_cast<int*>(m_block + kSemaphoreAt); }
+  int* setId() const { return reinterpret_cast<int*>(m_block + Block::kSemaphoreAt); }
 
   semaphore_handle& m_owner;
   bool m_bManageByOS;

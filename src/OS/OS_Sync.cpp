@@ -15,6 +15,7 @@
 
 #include <ostrelled/OS_Thread.h>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"

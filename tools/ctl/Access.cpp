@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/ManagedAccess.h"
@@ -23,13 +24,13 @@ using internal::kManagedMode;
 
 bool statFile(const std::string& name, FileMode& file) {
   struct stat st;
-  if (lstat((kShmFolder + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  if (lstat(internal::shmPath(name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   file.name = name;
   file.owner = st.st_uid;
   file.group = st.st_gid;
   file.mode = st.st_mode & 07777;
   file.size = st.st_size;
-  file.semaphore = name.compare(0, 4, "sem.") == 0;
+  file.semaphore = name.rfind(internal::kSemaphoreFilePrefix, 0) == 0;
   return true;
 }
 
@@ -60,19 +61,18 @@ bool inGroup(gid_t gid) {
 
 }  // namespace
 
-// A named semaphore "/x" is the file "sem.x" under /dev/shm.
 ManagerAccess ManagerAccess::read() {
   using namespace internal::SyncNames;
   ManagerAccess access;
-  const std::string files[] = {std::string("sem.") + (kEnabledSemaphore + 1),
-                               std::string("sem.") + (kRequestSemaphore + 1),
-                               std::string("sem.") + (kFinishSemaphore + 1), kRequestArea, kRequestLock,
+  const std::string files[] = {internal::semaphoreFileName(kEnabledSemaphore),
+                               internal::semaphoreFileName(kRequestSemaphore),
+                               internal::semaphoreFileName(kFinishSemaphore), kRequestArea, kRequestLock,
                                internal::kRegistryName};
   for (const std::string& name : files) {
     FileMode file;
     if (!statFile(name, file)) continue;
     access.m_names.push_back(file);
-    if (faccessat(AT_FDCWD, (kShmFolder + name).c_str(), R_OK | W_OK, AT_EACCESS) != 0)
+    if (faccessat(AT_FDCWD, internal::shmPath(name).c_str(), R_OK | W_OK, AT_EACCESS) != 0)
       access.m_refused.push_back(name);
   }
   if (!access.m_names.empty() && access.m_names[0].name == files[0]) {
@@ -115,12 +115,12 @@ std::vector<std::string> ManagerAccess::changedByHand() const {
   std::vector<std::string> lines;
   if (!m_hasReference) return lines;
   std::vector<FileMode> files = m_names;
-  if (DIR* folder = opendir(kShmFolder)) {
+  if (DIR* folder = opendir(internal::kShmFolder)) {
     // Only blocks of the manager's account: a chmod or chgrp keeps the owner.
     while (dirent* entry = readdir(folder)) {
       FileMode file;
       std::string name = entry->d_name;
-      if (name.compare(0, 4, "sem.") == 0 || isManagerName(name) || !statFile(name, file)) continue;
+      if (name.rfind(internal::kSemaphoreFilePrefix, 0) == 0 || isManagerName(name) || !statFile(name, file)) continue;
       if (file.owner == m_reference.owner && isBlockSize(file.size)) files.push_back(file);
     }
     closedir(folder);

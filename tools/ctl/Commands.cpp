@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/SyncProtocol.h"
 #include "ctl/Access.h"
@@ -137,7 +138,7 @@ class Remover {
     Block block;
     switch (readBlock(name, block)) {
       case Reading::Unreadable:
-        if (access((kShmFolder + name).c_str(), F_OK) != 0) return refuse(given, "does not exist");
+        if (access(internal::shmPath(name).c_str(), F_OK) != 0) return refuse(given, "does not exist");
         return refuse(given, "cannot be read by this user");
       case Reading::Foreign:
         return refuse(given, "is not a named object of this library; left alone");
@@ -161,7 +162,7 @@ class Remover {
       m_client.requestDestroy(name.c_str());
       m_client.requestDestroy(("/" + name).c_str());
     }
-    if (unlink((kShmFolder + name).c_str()) != 0 && errno != ENOENT)
+    if (unlink(internal::shmPath(name).c_str()) != 0 && errno != ENOENT)
       return refuse(given, (std::string("could not be removed: ") + strerror(errno)).c_str());
     printf("removed %s\n", printable(given).c_str());
     return true;

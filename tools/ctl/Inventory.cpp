@@ -14,6 +14,7 @@
 #include <map>
 #include <utility>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
@@ -24,44 +25,24 @@ namespace ctl {
 
 namespace {
 
-// A layout is known by its size. Once the block is in use, the one-byte flags
-// at boolsAt read 0 or 1 and the flag at expectAt (when not -1) tells the kind.
-struct Layout {
-  off_t size;
-  const char* kind;
-  int boolsAt[3];
-  int expectAt;
-  unsigned char expect;
-};
-
-// Events end with four flags: manual reset, set (any non-zero byte counts),
-// managed by the system, use the condition.
-const Layout kLayouts[] = {
-    {44, "mutex", {-1, -1, -1}, -1, 0},
-    {136, "rw-mutex", {8, -1, -1}, -1, 0},
-    {37, "semaphore/posix", {36, -1, -1}, 36, 0},
-    {9, "semaphore/system-v", {8, -1, -1}, 8, 1},
-    {96, "event/condition", {92, 94, 95}, 95, 1},
-    {80, "event/posix", {76, 78, 79}, 78, 0},
-    {52, "event/system-v", {48, 50, 51}, 50, 1},
-};
+using Layout = internal::BlockKind;
 
 const Layout* layoutOfSize(off_t size) {
-  for (const Layout& layout : kLayouts)
+  for (const Layout& layout : internal::kBlockKinds)
     if (layout.size == size) return &layout;
   return nullptr;
 }
 
 bool contentFits(const Layout& layout, const unsigned char* bytes, unsigned int attached) {
   if (attached == 0) return true;  // created, not yet initialised: all zero
-  for (int at : layout.boolsAt)
+  for (int at : layout.flagsAt)
     if (at >= 0 && bytes[at] > 1) return false;
-  return layout.expectAt < 0 || bytes[layout.expectAt] == layout.expect;
+  return layout.kindFlagAt < 0 || bytes[layout.kindFlagAt] == layout.kindFlag;
 }
 
 // The whole block, read with one pread: a block truncated meanwhile reads short.
 Reading readBytes(const std::string& name, struct stat& st, unsigned char* bytes, size_t capacity) {
-  int fd = open((kShmFolder + name).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  int fd = open(internal::shmPath(name).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return Reading::Unreadable;
   Reading result = Reading::Known;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -79,7 +60,7 @@ Reading readBytes(const std::string& name, struct stat& st, unsigned char* bytes
 
 bool isBlockSize(off_t size) { return layoutOfSize(size) != nullptr; }
 
-bool isManagerName(const std::string& name) { return name.compare(0, 16, "os_mutex_manage_") == 0; }
+bool isManagerName(const std::string& name) { return name.rfind(internal::SyncNames::kPrefix, 0) == 0; }
 
 Reading readBlock(const std::string& name, Block& block) {
   block = Block{};
@@ -90,8 +71,8 @@ Reading readBlock(const std::string& name, Block& block) {
   Reading reading = readBytes(name, st, bytes, sizeof bytes);
   if (reading != Reading::Known) return reading;
   const Layout& layout = *layoutOfSize(st.st_size);
-  memcpy(&block.attached, bytes, sizeof block.attached);
-  block.kind = layout.kind;
+  memcpy(&block.attached, bytes + internal::kAttachCountAt, sizeof block.attached);
+  block.kind = layout.name;
   block.device = st.st_dev;
   block.inode = st.st_ino;
   return contentFits(layout, bytes, block.attached) ? Reading::Known : Reading::Damaged;
@@ -112,14 +93,14 @@ std::string unseenUsers(const Unseen& unseen) {
 
 std::vector<Block> listBlocks(std::vector<std::string>& problems) {
   std::vector<Block> blocks;
-  DIR* folder = opendir(kShmFolder);
+  DIR* folder = opendir(internal::kShmFolder);
   if (folder == nullptr) {
-    problems.push_back(std::string("cannot read ") + kShmFolder + ": " + strerror(errno));
+    problems.push_back(std::string("cannot read ") + internal::kShmFolder + ": " + strerror(errno));
     return blocks;
   }
   while (dirent* entry = readdir(folder)) {
     std::string name = entry->d_name;
-    if (name == "." || name == ".." || name.compare(0, 4, "sem.") == 0) continue;
+    if (name == "." || name == ".." || name.rfind(internal::kSemaphoreFilePrefix, 0) == 0) continue;
     Block block;
     Reading reading = readBlock(name, block);
     if (reading == Reading::Known) blocks.push_back(block);
@@ -151,7 +132,7 @@ void noteMapLine(const std::string& line, pid_t pid, std::map<FileId, Block*>& b
 
 unsigned int recordWord(size_t offset) {
   unsigned int word = 0;
-  int fd = open((std::string(kShmFolder) + internal::SyncNames::kRequestLock).c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = open(internal::shmPath(internal::SyncNames::kRequestLock).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 0;
   if (pread(fd, &word, sizeof word, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof word)) word = 0;
   close(fd);

@@ -11,8 +11,6 @@
 
 namespace ctl {
 
-constexpr const char* kShmFolder = "/dev/shm/";
-
 struct Block {
   std::string name;    // as under /dev/shm, without a slash
   std::string kind;    // "mutex", "rw-mutex", "semaphore/posix", ...

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
 

@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Private.h"
 
 namespace ostrelled {
@@ -43,7 +44,7 @@ bool applyManagedAccess(int fd) {
 
 bool applyManagedAccess(const char* semaphoreName) {
   if (!gHasGroup) return true;
-  std::string path = std::string("/dev/shm/sem.") + (semaphoreName[0] == '/' ? semaphoreName + 1 : semaphoreName);
+  std::string path = semaphorePath(semaphoreName);
   int fd = retryOnEintr([&] { return open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC); });
   if (fd == -1) return false;
   bool applied = applyManagedAccess(fd);

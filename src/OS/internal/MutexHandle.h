@@ -39,12 +39,4 @@ class mutex_handle {
   } m_anonymous{};
 };
 
-namespace ostrelled {
-namespace internal {
-// A named mutex block: the attach count, then the mutex, unpadded.
-constexpr unsigned int kMutexOffset = 4;
-constexpr unsigned int kMutexBlockSize = kMutexOffset + sizeof(pthread_mutex_t);
-}  // namespace internal
-}  // namespace ostrelled
-
 #endif

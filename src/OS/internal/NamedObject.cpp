@@ -11,6 +11,7 @@
 #include <mutex>
 #include <new>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/ShareMemoryHandle.h"
 #include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
@@ -184,8 +185,8 @@ class Attach {
   // Whether the block under the name has an attach count of 0, read without
   // a mapping and without allocating.
   bool unusedBlock() const {
-    char path[sizeof "/dev/shm/" + kMaxObjectNameLength];
-    snprintf(path, sizeof path, "/dev/shm/%s", m_name.c_str());
+    char path[sizeof kShmFolder + kMaxObjectNameLength];
+    snprintf(path, sizeof path, "%s%s", kShmFolder, withoutSlash(m_name.c_str()));
     int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return false;
     struct stat st;

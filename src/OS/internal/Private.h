@@ -19,6 +19,8 @@
 //                                 hasPassed), lockBefore, takeSoon, text delivery
 //   OS/internal/RobustMutex.h     pthread mutex set-up, and locking that repairs a
 //                                 dead owner's mutex (each name says what it then does)
+//   OS/internal/BlockLayouts.h    every named kind's block layout, and the /dev/shm
+//                                 file names of blocks and semaphores
 //   OS/internal/NamedObject.h     attach/detach of named objects through the manager
 //   OS/internal/SyncProtocol.h    the request protocol: names, request layout, the
 //                                 request-lock record, the client (OS_SyncClient.cpp)
@@ -88,11 +90,6 @@ inline pid_t ownPid() {
   (void)registered;
   return gOwnPid;
 }
-
-// The file under /dev/shm of a shared-memory object's name (given without
-// its leading slash), as the system keeps it.
-inline std::string shmPath(const char* name) { return std::string("/dev/shm/") + name; }
-inline std::string shmPath(const std::string& name) { return shmPath(name.c_str()); }
 
 // Keeps errno across clean-up after a failure: the caller sees the error of
 // the call that failed, not of what was undone after it.

@@ -25,6 +25,8 @@ constexpr const char* kRequestArea = "os_mutex_manage_enabled_sharemomory";
 // Who holds the request lock, so that a holder that died can be released.
 // Made by the manager at start and unlinked at stop, like the names above.
 constexpr const char* kRequestLock = "os_mutex_manage_request_lock";
+// What every one of the manager's names begins with (after a slash, if any).
+constexpr const char* kPrefix = "os_mutex_manage_";
 }  // namespace SyncNames
 
 enum MUTEX_MANAGE_TYPE : unsigned int { MUTEX_CREATE_METHOD = 1, MUTEX_DESTROY_METHOD = 2 };

@@ -5,6 +5,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 
+#include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Private.h"
 
 namespace internal = ostrelled::internal;
