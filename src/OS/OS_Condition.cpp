@@ -1,3 +1,8 @@
+// Conditions private to one process, bound to an anonymous mutex. Nothing is
+// shared with other processes, so a kill ends every waiter with its process;
+// the bound mutex guards the waiters' predicate, the condition no bytes of its
+// own. A waiter may assume a wake-up only as a hint: it re-checks its predicate.
+
 #include <errno.h>
 #include <pthread.h>
 

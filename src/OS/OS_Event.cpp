@@ -1,3 +1,9 @@
+// Events: a flag (set, manual reset) guarded by a robust mutex, and a wake-up
+// primitive to sleep on until it is raised. Kill rule: the flags are written
+// only under that mutex; a setter killed inside leaves the mutex to be repaired
+// by the next taker, who then wakes every sleeper, so a waiter may assume it
+// sees the flag's last whole value and is woken after any repair.
+
 #include <ostrelled/OS_Event.h>
 
 #include <stdint.h>

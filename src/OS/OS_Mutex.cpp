@@ -1,3 +1,9 @@
+// Mutexes, anonymous and named. Kill rule: a holder killed at any instruction
+// leaves a robust mutex that its next locker repairs and takes (EOWNERDEAD),
+// so no waiter waits for the dead. A named block's attach count is written only
+// under the request lock; the mutex's own bytes only by the C library and the
+// kernel. A named recursive mutex's depth lives in this process, never in the block.
+
 #include "OS/internal/MutexHandle.h"
 
 #include <errno.h>

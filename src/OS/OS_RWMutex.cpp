@@ -1,3 +1,9 @@
+// Reader/writer mutexes, anonymous and named. Kill rule: every byte after the
+// attach count (counts, holder table, allow word) is written only under the
+// robust ref mutex, so a holder killed at any instruction leaves a table that
+// the next taker repairs; its share is given back at the next sweep of dead
+// holders (registry tokens), and a waiter never waits longer than one sweep slice.
+
 #include <ostrelled/OS_RWMutex.h>
 
 #include <errno.h>

@@ -1,3 +1,9 @@
+// Semaphores: anonymous sem_t, a process-shared sem_t in a named block, or a
+// System V set whose id the block holds. Kill rule: the count is the kernel's
+// or the C library's atomic word, never half-written; a process killed while
+// it holds units keeps them (only the System V kind with undo returns them).
+// The block's kind flag is written once, by the first attach, under the request lock.
+
 #include <ostrelled/OS_Semaphore.h>
 
 #include <semaphore.h>

@@ -1,3 +1,8 @@
+// Shared memory: named objects of /dev/shm, mapped whole. Nothing here locks;
+// a kill leaves at most a file another process can open or unlink. A create
+// that cannot back its size (a full /dev/shm) removes what it made, so a half-
+// made object is never left under a name.
+
 #include "OS/internal/ShareMemoryHandle.h"
 
 #include <errno.h>

@@ -1,3 +1,9 @@
+// The sync manager: creates and destroys the blocks of named objects on request,
+// and owns the protocol's names for its lifetime. Kill rule: the request area
+// is read only after the client posted it under the request lock; a manager
+// killed at any instruction leaves names a successor replaces and clients that
+// fail their request within a millisecond (its registry token is checked).
+
 #include <ostrelled/OS_Sync.h>
 
 #include <errno.h>

@@ -1,3 +1,9 @@
+// A process's side of the request protocol. Kill rule: the request lock is a
+// robust mutex in the request-lock record plus the enabled semaphore; a holder
+// killed at any instruction is found by the next taker (EOWNERDEAD), who waits
+// out or discards its request and then holds the lock. The record's holder
+// fields and the request area are written only by the lock's holder.
+
 #include "OS/internal/SyncProtocol.h"
 
 #include <errno.h>

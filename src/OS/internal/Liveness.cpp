@@ -1,3 +1,9 @@
+// The registry of live processes. Kill rule: a process's liveness is its
+// open-file-description lock on its slot's byte, which the kernel drops with
+// the process's last descriptor, whatever instruction it was killed at; the
+// slot's token is written once, under that lock, and tokens are never reused,
+// so a reader may trust "gone" and treat "unknown" as alive.
+
 #include "OS/internal/Liveness.h"
 
 #include <errno.h>

@@ -1,3 +1,9 @@
+// The attach/detach procedure of every named object. Kill rule: all of it runs
+// under the machine-wide request lock, so a process killed at any instruction
+// leaves either its whole attach or none; what it held is released by the
+// robust lock, and a count it kept is left as "stale" for ostrelled-ctl. The
+// attach count (the block's first 4 bytes) is read and written only here, under that lock.
+
 #include "OS/internal/NamedObject.h"
 
 #include <fcntl.h>

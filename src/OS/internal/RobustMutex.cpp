@@ -1,3 +1,8 @@
+// Set-up and locking of pthread mutexes. Every process-shared mutex is robust:
+// when its holder is killed at any instruction, the kernel hands the next
+// locker EOWNERDEAD, and the helpers here mark it consistent, then either
+// retake it or keep it held so the caller can mend what it guards.
+
 #include "OS/internal/RobustMutex.h"
 
 #include <errno.h>

@@ -1,3 +1,9 @@
+// The wake-up kinds: a futex condition, a POSIX semaphore, a System V set.
+// They hold no state beyond their own word: what they wake for is guarded by
+// the caller's robust mutex, never by them. A waiter that must look around (a
+// dead holder to sweep) sleeps at most one slice, so one whose waker was
+// killed re-checks instead of sleeping on.
+
 #include "OS/internal/SyncPrimitives.h"
 
 #include <errno.h>
