@@ -8,6 +8,8 @@ packages=(cmake make g++ clang libclang-rt-dev llvm binutils pkg-config libgtest
   libbenchmark-dev libboost-dev procps psmisc gawk coreutils zlib1g python3)
 # The API reference check, and the ABI check against its baseline.
 packages+=(doxygen abigail-tools)
+# The layout check of every C++ file.
+packages+=(clang-format)
 # The Debian packages and their checks.
 packages+=(dpkg-dev file lintian systemd man-db)
 missing=()

@@ -20,13 +20,13 @@ step() {
 }
 
 plain() {
-  cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTRELLED_WERROR=ON
   cmake --build build -j"$jobs"
   (cd build && ctest --output-on-failure -j"$jobs")
 }
 
 address() {
-  cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_SANITIZE=ON -DOSTRELLED_BUILD_BENCH=OFF \
+  cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_SANITIZE=ON -DOSTRELLED_BUILD_BENCH=OFF -DOSTRELLED_WERROR=ON \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
   cmake --build build-sanitize -j"$jobs"
   (cd build-sanitize && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
@@ -34,7 +34,7 @@ address() {
 }
 
 thread() {
-  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_TSAN=ON -DOSTRELLED_BUILD_BENCH=OFF \
+  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DOSTRELLED_TSAN=ON -DOSTRELLED_BUILD_BENCH=OFF -DOSTRELLED_WERROR=ON \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
   cmake --build build-tsan -j"$jobs"
   (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j"$jobs")

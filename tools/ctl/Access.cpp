@@ -1,4 +1,4 @@
-#include "ctl/Access.h"
+#include "Access.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/ManagedAccess.h"
-#include "ctl/Inventory.h"
+#include "Inventory.h"
 
 namespace internal = ostrelled::internal;
 

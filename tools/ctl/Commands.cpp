@@ -1,4 +1,4 @@
-#include "ctl/Commands.h"
+#include "Commands.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -8,8 +8,8 @@
 #include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/SyncProtocol.h"
-#include "ctl/Access.h"
-#include "ctl/Inventory.h"
+#include "Access.h"
+#include "Inventory.h"
 
 namespace internal = ostrelled::internal;
 

@@ -1,4 +1,4 @@
-#include "ctl/Inventory.h"
+#include "Inventory.h"
 
 #include <dirent.h>
 #include <errno.h>
