@@ -23,9 +23,6 @@ void setManagedGroup(gid_t group) {
   gHasGroup = true;
 }
 
-bool hasManagedGroup() { return gHasGroup; }
-gid_t managedGroup() { return gGroup; }
-
 mode_t managedCreateMode(mode_t usual) { return gHasGroup ? 0600 : usual; }
 
 bool applyManagedAccess(int fd) {

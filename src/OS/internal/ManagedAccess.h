@@ -20,9 +20,6 @@ constexpr mode_t kManagedMode = 0660;
 // Gives every name created afterwards to `group`. Set once, before the manager
 // starts (the manager's thread reads it without a lock).
 void setManagedGroup(gid_t group);
-// Whether a group is set, and which.
-bool hasManagedGroup();
-gid_t managedGroup();
 
 // The mode to create a managed name with: `usual` without a group; with one,
 // 0600, so that nobody but the owner sees the name until applyManagedAccess.
