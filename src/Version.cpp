@@ -1,3 +1,5 @@
+// The library's version, as the generated <ostrelled/Version.h> gives it.
+
 #include <ostrelled/Version.h>
 
 // The loaded library's own version, which a program may compare with the

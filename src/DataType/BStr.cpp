@@ -1,3 +1,5 @@
+// Counted strings: the bstr_* functions over the blocks of internal/BStrBlock.h.
+
 #include <ostrelled/BStr.h>
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Typed safe arrays: one buffer per array, element access by type tag, bounds checked.
+
 #include "DataType/internal/SafeArrayHeader.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The string assistant: formatting, trimming, case, splitting and path fixes of std::string.
+
 #include <ostrelled/StringAssistant.h>
 
 #include <algorithm>

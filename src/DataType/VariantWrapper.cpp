@@ -1,3 +1,5 @@
+// The reference-counted read and write interfaces over a variant, and their stubs.
+
 #include <ostrelled/VariantWrapper.h>
 
 #include <memory>

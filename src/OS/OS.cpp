@@ -1,3 +1,5 @@
+// The process-wide default real-time mode, which stays USE_STD.
+
 #include <ostrelled/OS.h>
 
 namespace xenomai {

@@ -1,3 +1,5 @@
+// Thin wrappers of C-library file calls, and natural string order.
+
 #include <ostrelled/OS_CLibrary.h>
 
 #include <fcntl.h>

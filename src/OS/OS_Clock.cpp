@@ -1,3 +1,5 @@
+// Clock reads, sleeping and the time-value helpers.
+
 #include <ostrelled/OS_Clock.h>
 
 #include "OS/internal/Private.h"

@@ -1,3 +1,5 @@
+// Dynamic libraries: load, look up, free.
+
 #include <ostrelled/OS_DynamicLibraryLoader.h>
 
 #include <dlfcn.h>

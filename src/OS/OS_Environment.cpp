@@ -1,3 +1,5 @@
+// The path of the running executable.
+
 #include <ostrelled/OS_Environment.h>
 
 #include <unistd.h>

@@ -1,3 +1,5 @@
+// Files by path; the path tests are shared with folders and walks (internal/Paths.h).
+
 #include <ostrelled/OS_File.h>
 
 #include <errno.h>

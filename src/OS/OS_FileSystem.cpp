@@ -1,3 +1,5 @@
+// Directory walks and path names.
+
 #include <ostrelled/OS_FileSystem.h>
 
 #include <dirent.h>

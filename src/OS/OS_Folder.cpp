@@ -1,3 +1,6 @@
+// Folders by path; removing, moving and copying with contents run shell commands
+// through the one runner of internal/Shell.h.
+
 #include <ostrelled/OS_Folder.h>
 
 #include <sys/stat.h>

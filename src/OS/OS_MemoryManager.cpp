@@ -1,3 +1,5 @@
+// Memory locking.
+
 #include <ostrelled/OS_MemoryManager.h>
 
 #include <sys/mman.h>

@@ -1,3 +1,5 @@
+// Processes, shell commands, environment variables, SIGPIPE and the root check.
+
 #include <ostrelled/OS_System.h>
 
 #include <signal.h>

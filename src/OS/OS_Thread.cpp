@@ -1,3 +1,6 @@
+// Threads, processor affinity, atomic counters, real-time scheduling and the
+// processor-latency request.
+
 #include <ostrelled/OS_Thread.h>
 
 #include <errno.h>

@@ -1,3 +1,5 @@
+// Character-set conversion; the local set is UTF-8, so text is copied unchanged.
+
 #include <ostrelled/OS_UTF8Helper.h>
 
 #include <string>

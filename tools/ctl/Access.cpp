@@ -1,3 +1,5 @@
+// ostrelled-ctl's view of who may use the manager's names and the blocks.
+
 #include "Access.h"
 
 #include <dirent.h>

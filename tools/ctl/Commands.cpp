@@ -1,3 +1,5 @@
+// ostrelled-ctl's commands: status, list and remove.
+
 #include "Commands.h"
 
 #include <errno.h>

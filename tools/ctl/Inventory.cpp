@@ -1,3 +1,5 @@
+// What ostrelled-ctl sees of named objects: blocks in /dev/shm and their mappers.
+
 #include "Inventory.h"
 
 #include <dirent.h>

@@ -1,3 +1,5 @@
+// The group and mode of the manager's names: set once before the manager starts.
+
 #include "OS/internal/ManagedAccess.h"
 
 #include <errno.h>

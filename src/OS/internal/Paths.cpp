@@ -1,3 +1,5 @@
+// Path tests shared by files, folders and walks.
+
 #include "OS/internal/Paths.h"
 
 #include <sys/stat.h>

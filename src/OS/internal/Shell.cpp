@@ -1,3 +1,5 @@
+// The shell runner: one system() call, its status read one way.
+
 #include "OS/internal/Shell.h"
 
 #include <stdlib.h>

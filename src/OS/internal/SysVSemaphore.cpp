@@ -1,3 +1,5 @@
+// System V semaphore operations and the keys of named objects' sets.
+
 #include "OS/internal/SysVSemaphore.h"
 
 #include <stdio.h>
