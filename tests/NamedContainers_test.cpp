@@ -3,15 +3,8 @@
 // ids that are reused at once.
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 
-#include <chrono>
-#include <string>
-
-#include <ostrelled/OS_Mutex.h>
-#include <ostrelled/OS_RWMutex.h>
-
-#include "SyncTestSupport.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 

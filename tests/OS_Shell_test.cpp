@@ -8,7 +8,6 @@
 #include <ostrelled/OS_Folder.h>
 #include <ostrelled/OS_System.h>
 
-#include "OS/internal/Shell.h"
 #include "TempDirectory.h"
 #include "TestSupport.h"
 
@@ -48,27 +47,6 @@ struct OS_Shell : ::testing::Test {
 void keepingCopy(const char* source, const char* target) { os_folder_copy(source, target, true); }
 
 }  // namespace
-
-TEST(OS_ShellCommand, OrdinaryPathsGiveTheTemplateByteForByte) {
-  using namespace OS::Shell;
-  const std::string p = "/tmp/some dir/with-ordinary_chars.~+=@%!#&;|<>(){}*?[]";
-  EXPECT_EQ(formatCommand(kRemoveTree, {p.c_str()}), "rm \"" + p + "\" -rf");
-  EXPECT_EQ(formatCommand(kMove, {p.c_str(), "b"}), "mv \"" + p + "\" \"b\"");
-  EXPECT_EQ(formatCommand(kCopyOverwriting, {p.c_str(), "b/"}), "cp -arf \"" + p + "\"/* \"b/\"");
-  EXPECT_EQ(formatCommand(kCopyKeeping, {p.c_str(), "b/"}),
-            "awk 'BEGIN { cmd=\"cp -ari '\\''" + p + "'\\''/* '\\''b/'\\''/\";print \"n\"|cmd;}'");
-  EXPECT_EQ(formatCommand(kKill, {nullptr}), "killall -9 \"\"");
-}
-
-TEST(OS_ShellCommand, PathsBeginningWithADashGoBehindDotSlashButProcessNamesDoNot) {
-  using namespace OS::Shell;
-  EXPECT_EQ(formatCommand(kRemoveTree, {"-rf"}), "rm \"./-rf\" -rf");
-  EXPECT_EQ(formatCommand(kMove, {"-i", "a-b"}), "mv \"./-i\" \"a-b\"");
-  EXPECT_EQ(formatCommand(kCopyOverwriting, {"--help/", "-/"}), "cp -arf \"./--help/\"/* \"./-/\"");
-  EXPECT_EQ(formatCommand(kCopyKeeping, {"-v x/", "b/"}),
-            "awk 'BEGIN { cmd=\"cp -ari '\\''./-v x/'\\''/* '\\''b/'\\''/\";print \"n\"|cmd;}'");
-  EXPECT_EQ(formatCommand(kKill, {"-x"}), "killall -9 \"-x\"");
-}
 
 // Copy into a missing and then into an existing target, move into an existing
 // directory and remove, each on a source and a target named after the hostile text.
