@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include <ostrelled/BStr.h>
+#include "TestSupport.h"
 
 // Each test starts with one empty handle.
 class BStr : public testing::Test {

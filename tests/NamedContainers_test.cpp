@@ -1,8 +1,6 @@
 // Named objects between containers: processes in PID namespaces of their own
 // that share /dev/shm and the IPC namespace with the manager's, and process
 // ids that are reused at once.
-#include <errno.h>
-#include <fcntl.h>
 
 #include "TestSupport.h"
 

@@ -1,8 +1,5 @@
 // The inspection tool, run as a program of the build tree against objects
 // that this test makes, holds in children and kills.
-#include <fcntl.h>
-
-#include <fstream>
 
 #include "TestSupport.h"
 

@@ -1,6 +1,5 @@
 // What sets the reader/writer mutex apart; what it shares with every kind is
 // in SyncContract_test.cpp.
-#include <cstring>
 
 #include "TestSupport.h"
 

@@ -1,15 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <termios.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <string>
-#include <thread>
 #include <tuple>
 #include <utility>
 

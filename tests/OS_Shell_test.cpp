@@ -1,14 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <glob.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <ostrelled/OS_Folder.h>
 #include <ostrelled/OS_System.h>
 
-#include "TempDirectory.h"
 #include "TestSupport.h"
 
 using namespace testsupport;

@@ -1,6 +1,5 @@
 // The sync manager and its request protocol, also when something dies: a
 // client holding the machine's request lock, a manager, or clients at random.
-#include <cstring>
 
 #include "TestSupport.h"
 

@@ -1,14 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <errno.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <ostrelled/OS_System.h>
 
-#include "TempDirectory.h"
 #include "TestSupport.h"
 
 using namespace testsupport;

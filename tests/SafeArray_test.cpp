@@ -1,38 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include <ostrelled/BStr.h>
 #include <ostrelled/SafeArray.h>
 #include <ostrelled/ScalarTypes.h>
-
-namespace {
-
-// Sets the middle of three elements to all one-bytes (a valid value of every scalar),
-// grows the array by one and checks through an accessed copy that exactly the middle
-// element's bytes are set, so each type stores its own width and new elements are zero.
-template <class T>
-void expectOnlyTheMiddleElementSet(TVARTYPE vt) {
-  safearray_handle* array = safearray_create(vt, 3);
-  T value, back{};
-  std::memset(&value, 1, sizeof value);
-  ASSERT_TRUE(safearray_set_element(array, 1, &value) && safearray_resize(array, 4));
-  void* copy = nullptr;
-  ASSERT_TRUE(safearray_access_element(array, &copy));
-  for (size_t i = 0; i < 4 * sizeof(T); ++i)
-    EXPECT_EQ(static_cast<unsigned char*>(copy)[i], i / sizeof(T) == 1) << vt << ":" << i;
-  std::memset(copy, 0, 4 * sizeof(T));  // a copy: the array keeps its value
-  EXPECT_TRUE(safearray_get_element(array, 1, &back) && std::memcmp(&back, &value, sizeof value) == 0);
-  safearray_destroy(array);  // frees the copy still out
-}
-
-}  // namespace
-
-TEST(SafeArray, EachScalarTypeKeepsItsOwnWidth) {
-#define OSTRELLED_CHECK_SCALAR(name, type, tag, member, format, typeName) expectOnlyTheMiddleElementSet<type>(tag);
-  OSTRELLED_SCALAR_TYPES(OSTRELLED_CHECK_SCALAR)
-#undef OSTRELLED_CHECK_SCALAR
-}
+#include "TestSupport.h"
 
 TEST(SafeArray, BadInputLeavesTheArrayUnchanged) {
   safearray_handle* array = safearray_create(TVT_INT, 3);

@@ -2,10 +2,13 @@
 #define OSTRELLED_TESTS_TESTSUPPORT_H
 
 // What the tests share: deadlines and polling, child processes (held objects,
-// kill loops, containers in PID namespaces of their own), signal storms, the
-// sync manager and its machine-wide names, and the byte layouts of named
-// blocks. The private headers that tests reach into are included here only.
+// kill loops, containers in PID namespaces of their own), signal storms,
+// temporary directories, the sync manager and its machine-wide names, and the
+// byte layouts of named blocks. The private headers that tests reach into are
+// included here only, with the headers that most tests use.
 
+#include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <pthread.h>
@@ -21,9 +24,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -316,6 +323,36 @@ class Container {
   pid_t m_launcher;
   int m_status = -2;
 };
+
+// A fresh directory under /tmp, removed with everything in it.
+// When entered, the directory is also the working directory for its lifetime.
+struct TempDirectory {
+  explicit TempDirectory(bool enter = false) : previous(enter ? std::filesystem::current_path() : "") {
+    char pattern[] = "/tmp/ostrelled_test_XXXXXX";
+    if (mkdtemp(pattern) == nullptr) abort();
+    path = pattern;
+    if (enter) std::filesystem::current_path(path);
+  }
+  ~TempDirectory() {
+    if (!previous.empty()) std::filesystem::current_path(previous);
+    std::filesystem::remove_all(path, error);
+  }
+  std::string operator/(const std::string& name) const { return path + "/" + name; }
+
+  std::filesystem::path previous;
+  std::string path;
+  std::error_code error;
+};
+
+inline void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+inline std::string readFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
 
 // A name no other test process uses: tag, pid and a running number.
 inline std::string uniqueName(const char* tag) {
