@@ -10,9 +10,15 @@ using namespace testsupport;
 
 namespace {
 
-using SyncDaemon = NoManager;
-
 std::string daemonPath() { return toolPath("ostrelled-syncd"); }
+
+class SyncDaemon : public NoManager {
+ protected:
+  void SetUp() override {
+    NoManager::SetUp();
+    if (!IsSkipped() && access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+  }
+};
 
 // Starts the daemon with its output appended to the file log; with a notify
 // socket path, it reports its state there.
@@ -59,7 +65,6 @@ class NotifySocket {
 };
 
 TEST_F(SyncDaemon, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
-  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
   for (int sig : {SIGINT, SIGHUP, SIGQUIT}) {
     NotifySocket notify;
     pid_t daemon = startDaemon("/dev/null", notify.path());
@@ -76,7 +81,6 @@ TEST_F(SyncDaemon, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
 // gets its full 100 ms and keeps a second daemon out; a killed one fails every
 // call at once, and a new daemon starts without --force while the calls go on.
 TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
-  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
   std::string log = "/tmp/" + uniqueName("syncd"), name = uniqueName("outage");
   NotifySocket notify;
   pid_t first = startDaemon(log, notify.path());
@@ -202,8 +206,7 @@ class SyncDaemonWithAGroup : public NoManager {
   void SetUp() override {
     NoManager::SetUp();
     if (IsSkipped()) return;
-    if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
-    const group* users = getgrnam("users");
+      const group* users = getgrnam("users");
     if (users == nullptr) GTEST_SKIP() << "no group 'users' on this machine";
     gid_t g = users->gr_gid;
     service = {61001, g, {}}, member = {61002, 61002, {g}}, other = {61004, 61004, {g}}, outsider = {61003, 61003, {}};
