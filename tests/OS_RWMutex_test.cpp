@@ -29,24 +29,16 @@ TEST_P(RWMutex, AWriterWaitsForTheLastReaderAndIsAloneInside) {
   auto writer = enter(mutex, 1, true);
   watchNothingHappenFor100ms();  // the writer queues up behind the reader
   EXPECT_EQ(writer->finished, 0) << "the writer entered with a reader inside";
-  // The second reader is a thread, or a child process for the mutex for processes.
-  SharedFlags step;  // 1 once the child reads, 2 when it may leave
-  pid_t child = !GetParam() ? -1 : startChild([&] {
-    rw_mutex_handle* mine = os_rw_mutex_create(USE_STD, name.c_str());
-    os_rw_mutex_lock_rd(mine);
-    step[0] = 1;
-    step.reaches(0, 2);
-    os_rw_mutex_unlock(mine);
-    os_rw_mutex_destroy(mine);
-    return 0;
-  });
-  EXPECT_TRUE(GetParam() ? step.reaches(0, 1, 5.0) : enter(mutex, 1, false)->allFinish())
-      << "a second reader was held back by the first";
-  os_rw_mutex_unlock(mutex);
-  watchNothingHappenFor100ms();
-  EXPECT_EQ(writer->finished, 0) << "the writer entered with the second reader inside";
-  step[0] = 2;  // the last reader leaves: the child, or this thread for the reader thread
-  GetParam() ? static_cast<void>(waitChild(child)) : os_rw_mutex_unlock(mutex);
+  {
+    // A second reader: a thread, or another process for the mutex for processes.
+    rw_mutex_handle* mine = GetParam() ? os_rw_mutex_create(USE_STD, name.c_str()) : mutex;
+    Holder second([=] { os_rw_mutex_lock_rd(mine); }, [=] { os_rw_mutex_unlock(mine); }, GetParam());
+    EXPECT_TRUE(second.held()) << "a second reader was held back by the first";
+    os_rw_mutex_unlock(mutex);
+    watchNothingHappenFor100ms();
+    EXPECT_EQ(writer->finished, 0) << "the writer entered with the second reader inside";
+    if (GetParam()) os_rw_mutex_destroy(mine);  // this process's handle: the child has its copy
+  }
   EXPECT_TRUE(writer->allFinish()) << "the writer did not enter within 5 s of the last reader leaving";
 
   os_rw_mutex_lock_wr(mutex);

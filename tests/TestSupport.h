@@ -450,18 +450,6 @@ class HostedManager : public NoManager {
   void TearDown() override { os_sync_environment_uninitialize(); }
 };
 
-// A timed wait of 200 ms that nothing ends early, under a signal every
-// millisecond: it answers false after the whole time.
-inline ::testing::AssertionResult waitsFullTimeUnderSignals(const std::function<bool(timespec)>& wait) {
-  bool result = true;
-  auto start = std::chrono::steady_clock::now();
-  secondsUnderSignals([&] { result = wait(deadlineIn(200)); }, std::chrono::milliseconds(1));
-  std::string late = endedAtDeadline(start, 200);
-  if (result) return ::testing::AssertionFailure() << "the wait succeeded under signals";
-  if (!late.empty()) return ::testing::AssertionFailure() << "under signals, " << late;
-  return ::testing::AssertionSuccess();
-}
-
 }  // namespace testsupport
 
 #endif
