@@ -1,25 +1,23 @@
 // The inspection tool, run as a program of the build tree against objects
 // that this test makes, holds in children and kills.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 
-#include <fstream>
-#include <string>
+#include "TestSupport.h"
 
-#include <ostrelled/OS_Mutex.h>
-
-#include "SyncTestSupport.h"
+namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
 namespace {
+
+using Ctl = HostedManager;
+using CtlWithoutManager = NoManager;
 
 // Runs the tool with the arguments (already quoted for the shell); stderr is
 // kept apart unless the arguments redirect it.
 ToolRun ctl(const std::string& args) { return runTool(toolPath("ostrelled-ctl") + " " + args); }
 
 void writeBlock(const std::string& name, size_t size, unsigned char flags) {
-  int fd = open(("/dev/shm/" + name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  int fd = open(internal::shmPath(name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
   std::string bytes(size, static_cast<char>(flags));
   bytes[0] = 1, bytes[1] = bytes[2] = bytes[3] = 0;  // attach count 1
   ASSERT_EQ(write(fd, bytes.data(), size), static_cast<ssize_t>(size));
@@ -29,10 +27,9 @@ void writeBlock(const std::string& name, size_t size, unsigned char flags) {
 }  // namespace
 
 // A block in use is kept; once its holder is killed it is stale and goes.
-TEST_F(HostedManager, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
+TEST_F(Ctl, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   std::string name = uniqueName("ctl_held");
-  HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
-                     [] {});
+  Holder holder([&] { os_mutex_lock(namedMutex(name)); }, [] {});
   ASSERT_TRUE(holder.held());
   ToolRun listed = ctl("list");
   EXPECT_EQ(listed.status, 0);
@@ -50,23 +47,23 @@ TEST_F(HostedManager, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   EXPECT_EQ(removed.status, 0) << removed.out;
   EXPECT_FALSE(shmExists(name));
   // The manager forgot the block: a new attach starts from a fresh one.
-  mutex_handle* again = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
+  mutex_handle* again = namedMutex(name);
   EXPECT_TRUE(shmExists(name));
   EXPECT_TRUE(contains(ctl("list").out, name + "\tmutex\t1\t"));
   os_mutex_destroy(again);
 }
 
-TEST_F(HostedManager, ListEscapesNamesThatWouldBreakItsLines) {
+TEST_F(Ctl, ListEscapesNamesThatWouldBreakItsLines) {
   std::string pid = std::to_string(getpid());
-  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, ("ctl a\"b\\c\nd\te" + pid).c_str());
+  mutex_handle* mutex = namedMutex("ctl a\"b\\c\nd\te" + pid);
   EXPECT_TRUE(contains(ctl("list").out, "ctl a\"b\\\\c\\nd\\te" + pid + "\tmutex\t1\t-\tstale\n"));
   EXPECT_TRUE(contains(ctl("list --json").out, "\"ctl a\\\"b\\\\c\\u000ad\\u0009e" + pid + "\""));
   os_mutex_destroy(mutex);
 }
 
-TEST_F(NoManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
+TEST_F(CtlWithoutManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
   std::string damaged = uniqueName("ctl_damaged"), foreign = uniqueName("ctl_foreign");
-  writeBlock(damaged, 96, 7);  // an event's size with impossible flags
+  writeBlock(damaged, internal::EventBlock::kCondition.size, 7);  // an event's size with impossible flags
   writeBlock(foreign, 1000, 0);
   ToolRun listed = ctl("list 2>&1");
   EXPECT_TRUE(contains(listed.out, damaged + ": the size of a event/condition but not its content")) << listed.out;
@@ -76,28 +73,28 @@ TEST_F(NoManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
   EXPECT_TRUE(shmExists(damaged) && shmExists(foreign));
   EXPECT_EQ(ctl("remove --force " + damaged).status, 0);
   EXPECT_FALSE(shmExists(damaged));
-  unlink(("/dev/shm/" + foreign).c_str());
+  unlink(internal::shmPath(foreign).c_str());
 }
 
-TEST_F(NoManager, StatusTellsMissingNamesFromASilentManager) {
+TEST_F(CtlWithoutManager, StatusTellsMissingNamesFromASilentManager) {
   ToolRun none = ctl("status");
   EXPECT_EQ(none.status, 1);
   EXPECT_TRUE(contains(none.out, "no manager names on this machine")) << none.out;
-  writeBlock("os_mutex_manage_enabled_sharemomory", 1029, 0);
+  writeBlock(internal::SyncNames::kRequestArea, internal::kRequestAreaSize, 0);
   ToolRun partial = ctl("status");
   EXPECT_EQ(partial.status, 1);
   EXPECT_TRUE(contains(partial.out, "manager: not answering")) << partial.out;
-  unlink("/dev/shm/os_mutex_manage_enabled_sharemomory");
+  unlink(internal::shmPath(internal::SyncNames::kRequestArea).c_str());
 }
 
-TEST_F(HostedManager, StatusReportsTheServingManager) {
+TEST_F(Ctl, StatusReportsTheServingManager) {
   ToolRun serving = ctl("status");
   EXPECT_EQ(serving.status, 0);
   EXPECT_TRUE(contains(serving.out, "manager: serving (process " + std::to_string(getpid()) + ")")) << serving.out;
   EXPECT_TRUE(contains(serving.out, "request lock: free")) << serving.out;
 }
 
-TEST(Ctl, BadUsageExitsWithTwo) {
+TEST_F(CtlWithoutManager, BadUsageExitsWithTwo) {
   for (const char* args : {"", "bogus", "list --bogus", "remove", "status extra", "remove --bogus x"})
     EXPECT_EQ(ctl(std::string(args) + " 2>/dev/null").status, 2) << args;
   for (const char* args : {"--help", "status --help", "list --help", "remove --help", "--version"})
@@ -106,11 +103,10 @@ TEST(Ctl, BadUsageExitsWithTwo) {
 
 // Run in a container with its own /proc, the tool cannot see a user in
 // another PID namespace: the object is unknown, not stale, and stays.
-TEST_F(HostedManager, InAContainerAnObjectUsedElsewhereIsNeitherStaleNorRemoved) {
+TEST_F(Ctl, InAContainerAnObjectUsedElsewhereIsNeitherStaleNorRemoved) {
   if (!Container::permitted()) GTEST_SKIP() << "PID namespaces are not permitted here";
   std::string name = uniqueName("ctl_ns"), report = "/tmp/" + uniqueName("ctl_ns_report");
-  HeldInChild holder([&] { os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str())); },
-                     [] {});
+  Holder holder([&] { os_mutex_lock(namedMutex(name)); }, [] {});
   ASSERT_TRUE(holder.held());
   Container tool(
       [&] {

@@ -1,26 +1,10 @@
 // The manager daemon, run as a program of the build tree.
-#include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <fstream>
-#include <sstream>
-#include <string>
-
-#include <ostrelled/OS_Event.h>
-#include <ostrelled/OS_Mutex.h>
-#include <ostrelled/OS_RWMutex.h>
-#include <ostrelled/OS_Semaphore.h>
-
-#include "OS/internal/EventKinds.h"
-#include "OS/internal/MutexHandle.h"
-#include "OS/internal/SemaphoreKinds.h"
-#include "SyncTestSupport.h"
+#include "SyncKinds.h"
 
 namespace internal = ostrelled::internal;
 
@@ -29,6 +13,14 @@ using namespace testsupport;
 namespace {
 
 std::string daemonPath() { return toolPath("ostrelled-syncd"); }
+
+class SyncDaemon : public NoManager {
+ protected:
+  void SetUp() override {
+    NoManager::SetUp();
+    if (!IsSkipped() && access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+  }
+};
 
 // Starts the daemon with its output appended to the file log; with a notify
 // socket path, it reports its state there.
@@ -45,28 +37,6 @@ pid_t startDaemon(const std::string& log, const std::string& notifySocket = "") 
 }
 
 }  // namespace
-
-TEST_F(NoManager, ASecondDaemonRefusesToStartBesideALiveOne) {
-  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
-  std::string log = "/tmp/" + uniqueName("syncd");
-  pid_t daemon = startDaemon(log);
-  bool serving = waitUntil(liveManagerAnswers, 10.0);
-  int second = waitChild(startDaemon(log));
-  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, uniqueName("daemon").c_str());
-  kill(daemon, SIGTERM);  // always stopped, whatever failed above
-  EXPECT_EQ(waitChild(daemon), 0);
-  EXPECT_TRUE(serving);
-  EXPECT_NE(mutex->m_pMutex, nullptr);
-  EXPECT_EQ(second, 1);
-  std::stringstream output;
-  output << std::ifstream(log).rdbuf();
-  EXPECT_NE(output.str().find("already running"), std::string::npos) << output.str();
-
-  EXPECT_EQ(managerNamesLeft(), 0);
-  EXPECT_FALSE(shmExists(mutex->m_strMutexName));
-  os_mutex_destroy(mutex);  // with no manager left to ask
-  unlink(log.c_str());
-}
 
 // The service manager's side of the readiness protocol: a datagram socket
 // that the daemon reports to, read with a 5 s bound.
@@ -96,8 +66,7 @@ class NotifySocket {
   int m_fd;
 };
 
-TEST_F(NoManager, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
-  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+TEST_F(SyncDaemon, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
   for (int sig : {SIGINT, SIGHUP, SIGQUIT}) {
     NotifySocket notify;
     pid_t daemon = startDaemon("/dev/null", notify.path());
@@ -113,8 +82,7 @@ TEST_F(NoManager, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
 // While three clients keep creating named mutexes: a stopped manager still
 // gets its full 100 ms and keeps a second daemon out; a killed one fails every
 // call at once, and a new daemon starts without --force while the calls go on.
-TEST_F(NoManager, AKilledManagerFailsCallsAtOnceAndIsReplacedWhileClientsCall) {
-  if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
+TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   std::string log = "/tmp/" + uniqueName("syncd"), name = uniqueName("outage");
   NotifySocket notify;
   pid_t first = startDaemon(log, notify.path());
@@ -124,11 +92,14 @@ TEST_F(NoManager, AKilledManagerFailsCallsAtOnceAndIsReplacedWhileClientsCall) {
   int status = 0;
   waitpid(first, &status, WUNTRACED);
   auto start = std::chrono::steady_clock::now();
-  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, name.c_str());
+  mutex_handle* mutex = namedMutex(name);
   EXPECT_GE(secondsSince(start), 0.099) << "a stopped manager did not get its full time";
   EXPECT_FALSE(os_mutex_is_attached(mutex));
   os_mutex_destroy(mutex);
   EXPECT_EQ(waitChild(startDaemon(log)), 1) << "a second daemon started beside a stopped one";
+  std::stringstream output;
+  output << std::ifstream(log).rdbuf();
+  EXPECT_TRUE(contains(output.str(), "already running")) << output.str();
   kill(first, SIGCONT);
 
   SharedFlags flags;  // 0: manager killed, 1: stop; 2..4: calls failed since, 5..7: longest, in us
@@ -139,7 +110,7 @@ TEST_F(NoManager, AKilledManagerFailsCallsAtOnceAndIsReplacedWhileClientsCall) {
       for (std::string mine = name + std::to_string(c); flags[1] == 0;) {
         bool killed = flags[0] != 0;
         auto call = std::chrono::steady_clock::now();
-        mutex_handle* handle = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, mine.c_str());
+        mutex_handle* handle = namedMutex(mine);
         bool attached = os_mutex_is_attached(handle);
         os_mutex_destroy(handle);
         int micros = static_cast<int>(secondsSince(call) * 1e6);
@@ -165,6 +136,7 @@ TEST_F(NoManager, AKilledManagerFailsCallsAtOnceAndIsReplacedWhileClientsCall) {
   }
   kill(second, SIGTERM);
   EXPECT_EQ(waitChild(second), 0);
+  EXPECT_EQ(managerNamesLeft(), 0) << "names left after SIGTERM";
   unlink(log.c_str());
 }
 
@@ -193,71 +165,33 @@ struct Account {
 
 // One named object of every kind under one prefix.
 struct EveryKind {
-  explicit EveryKind(const std::string& prefix)
-      : mutex(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, (prefix + "_m").c_str())),
-        rw(os_rw_mutex_create(USE_STD, (prefix + "_rw").c_str())),
-        sems{internal::createSemaphore(0, USE_STD, (prefix + "_sp").c_str(), false),
-             internal::createSemaphore(0, USE_STD, (prefix + "_sv").c_str(), true)},
-        events{internal::createEvent(false, false, USE_STD, (prefix + "_ec").c_str(), false, true),
-               internal::createEvent(false, false, USE_STD, (prefix + "_ep").c_str(), false, false),
-               internal::createEvent(false, false, USE_STD, (prefix + "_ev").c_str(), true, false)} {}
-  ~EveryKind() {
-    os_mutex_destroy(mutex);
-    os_rw_mutex_destroy(rw);
-    for (semaphore_handle*& sem : sems) os_semaphore_destroy(sem);
-    for (event_handle*& event : events) os_event_destroy(event);
+  explicit EveryKind(const std::string& prefix) {
+    for (const SyncKind& kind : namedKinds()) objects.push_back(kind(prefix + "_" + kind.name));
   }
   int attached() const {
-    int count = os_mutex_is_attached(mutex) + os_rw_mutex_is_attached(rw);
-    for (semaphore_handle* sem : sems) count += os_semaphore_is_attached(sem);
-    for (event_handle* event : events) count += os_event_is_attached(event);
+    int count = 0;
+    for (const auto& object : objects) count += object->attached();
     return count;
   }
-  // Holds both mutexes for a moment and leaves one unit in every semaphore and event.
-  void give() {
-    os_mutex_lock(mutex);
-    os_mutex_unlock(mutex);
-    os_rw_mutex_lock_wr(rw);
-    os_rw_mutex_unlock(rw);
-    for (semaphore_handle* sem : sems) os_semaphore_release(sem);
-    for (event_handle* event : events) os_event_set_event(event);
-  }
-  // How many objects hold exactly what one give() leaves.
-  int taken() {
-    int count = os_mutex_trylock(mutex) + os_rw_mutex_trylock_wr(rw);
-    os_mutex_unlock(mutex);
-    os_rw_mutex_unlock(rw);
-    for (semaphore_handle* sem : sems) count += os_semaphore_wait_timeout(sem, deadlineIn(1000)) && os_semaphore_get_value(sem) == 0;
-    for (event_handle* event : events) count += os_event_wait_timeout(event, deadlineIn(1000));
-    return count;
-  }
-  static constexpr int kKinds = 7;
-  static constexpr const char* kSuffixes[kKinds] = {"_m", "_rw", "_sp", "_sv", "_ec", "_ep", "_ev"};
-
-  mutex_handle* mutex;
-  rw_mutex_handle* rw;
-  semaphore_handle* sems[2];
-  event_handle* events[3];
+  std::vector<std::unique_ptr<SyncObject>> objects;
 };
 
 // Every way an outsider could reach a member's objects or the manager's
 // names: how many of them worked (0 expected).
 int outsiderGetsIn(const std::string& prefix) {
   using namespace internal::SyncNames;
-  EveryKind mine(prefix);
-  int got = mine.attached() + os_mutex_is_attached(mine.mutex);
-  mutex_handle* fresh = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, (prefix + "_new").c_str());
+  int got = EveryKind(prefix).attached();
+  mutex_handle* fresh = namedMutex(prefix + "_new");
   got += os_mutex_is_attached(fresh) + shmExists(prefix + "_new");
   os_mutex_destroy(fresh);
-  for (const char* suffix : EveryKind::kSuffixes) {
-    std::string name = prefix + suffix;
-    got += shm_open(name.c_str(), O_RDONLY, 0) != -1;
-    got += shm_unlink(name.c_str()) == 0;
+  for (const SyncKind& kind : namedKinds()) {
+    std::string name = prefix + "_" + kind.name;
+    got += (shm_open(name.c_str(), O_RDONLY, 0) != -1) + (shm_unlink(name.c_str()) == 0);
+    // Finding a set asks for no permission; reading and posting do.
+    int set = semget(ftok(internal::shmPath(name).c_str(), 0), 1, 0);
+    sembuf post{0, 1, 0};
+    if (kind.sysV) got += (semctl(set, 0, GETVAL) != -1) + (semop(set, &post, 1) == 0);
   }
-  // Finding a set asks for no permission; reading and posting do.
-  int set = semget(ftok(("/dev/shm/" + prefix + "_sv").c_str(), 0), 1, 0);
-  sembuf post{0, 1, 0};
-  got += (semctl(set, 0, GETVAL) != -1) + (semop(set, &post, 1) == 0);
   for (const char* sem : {kEnabledSemaphore, kRequestSemaphore, kFinishSemaphore})
     got += (sem_open(sem, 0) != SEM_FAILED) + (sem_unlink(sem) == 0);
   for (const char* area : {kRequestArea, kRequestLock})
@@ -269,13 +203,12 @@ int outsiderGetsIn(const std::string& prefix) {
 
 // A manager run as the packaged unit runs it: a service account whose group
 // is the one named by --group, umask 0077.
-class GroupManager : public NoManager {
+class SyncDaemonWithAGroup : public NoManager {
  protected:
   void SetUp() override {
     NoManager::SetUp();
     if (IsSkipped()) return;
-    if (access(daemonPath().c_str(), X_OK) != 0) GTEST_SKIP() << "the daemon is not built";
-    const group* users = getgrnam("users");
+      const group* users = getgrnam("users");
     if (users == nullptr) GTEST_SKIP() << "no group 'users' on this machine";
     gid_t g = users->gr_gid;
     service = {61001, g, {}}, member = {61002, 61002, {g}}, other = {61004, 61004, {g}}, outsider = {61003, 61003, {}};
@@ -308,50 +241,54 @@ class GroupManager : public NoManager {
 // A member holds one object of every kind while an outsider tries every way
 // in and another member then uses them; the holder finds exactly the other
 // member's work, and every name and block belongs to the group, mode 0660.
-TEST_F(GroupManager, MembersShareEveryKindAndAnOutsiderReachesNothing) {
+TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
   std::string prefix = uniqueName("group");
-  auto* step = static_cast<volatile int*>(mmap(nullptr, 4, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  *step = 0;
+  const int kinds = static_cast<int>(namedKinds().size());
+  SharedFlags step;  // 1: the holder took everything (-1: not all attached), 2: the other member is done
   pid_t holder = startChild([&] {
     if (!member.become()) return 100;
     EveryKind mine(prefix);
-    *step = mine.attached() == EveryKind::kKinds ? 1 : -1;
-    if (!waitUntil([&] { return *step == 2; }, 8.0)) return 101;
-    return EveryKind::kKinds - mine.taken();
+    for (auto& object : mine.objects) object->take();
+    step[0] = mine.attached() == kinds ? 1 : -1;
+    if (!step.reaches(0, 2, 8.0)) return 101;
+    int wrong = 0;  // a lock still ours, or a unit or set that the other member did not give
+    for (size_t i = 0; i < mine.objects.size(); ++i)
+      namedKinds()[i].owned ? mine.objects[i]->give() : static_cast<void>(wrong += !mine.objects[i]->takeBy(deadlineIn(1000)));
+    return wrong;
   });
-  ASSERT_TRUE(waitUntil([&] { return *step != 0; }));
-  ASSERT_EQ(*step, 1);
-  for (const char* suffix : EveryKind::kSuffixes) {
+  ASSERT_TRUE(waitUntil([&] { return step[0] != 0; })) << "the holder did not take every kind within 5 s";
+  ASSERT_EQ(step[0], 1) << "the holder could not attach every kind";
+  for (const SyncKind& kind : namedKinds()) {
     struct stat st {};
-    EXPECT_EQ(stat(("/dev/shm/" + prefix + suffix).c_str(), &st), 0) << suffix;
-    EXPECT_EQ(st.st_mode & 07777, 0660u) << suffix;
-    EXPECT_EQ(st.st_gid, service.gid) << suffix;
-    EXPECT_EQ(st.st_uid, service.uid) << suffix;
+    std::string name = prefix + "_" + kind.name;
+    EXPECT_EQ(stat(internal::shmPath(name).c_str(), &st), 0) << name;
+    EXPECT_EQ(st.st_mode & 07777, 0660u) << name;
+    EXPECT_EQ(st.st_gid, service.gid) << name;
+    EXPECT_EQ(st.st_uid, service.uid) << name;
   }
-
-  EXPECT_EQ(runChild([&] { return outsider.become() ? outsiderGetsIn(prefix) : 100; }), 0);
+  EXPECT_EQ(runChild([&] { return outsider.become() ? outsiderGetsIn(prefix) : 100; }), 0)
+      << "ways in that worked for an outsider";
   EXPECT_EQ(runChild([&] {
               if (!other.become()) return 100;
               EveryKind theirs(prefix);
-              theirs.give();
-              return EveryKind::kKinds - theirs.attached();
+              int shared = 0;  // attached, and finds what the holder took gone
+              for (size_t i = 0; i < theirs.objects.size(); ++i) {
+                shared += theirs.objects[i]->attached() && !theirs.objects[i]->tryTake();
+                if (!namedKinds()[i].owned) theirs.objects[i]->give();
+              }
+              return kinds - shared;
             }),
-            0);
-  *step = 2;
-  EXPECT_EQ(waitChild(holder), 0);
+            0) << "kinds that the other member did not share with the holder";
+  step[0] = 2;
+  EXPECT_EQ(waitChild(holder), 0) << "kinds whose give by the other member the holder did not find";
   EXPECT_TRUE(liveManagerAnswers());
-  munmap(const_cast<int*>(step), 4);
 }
 
 // The tool tells an outsider which group to join, works for a member, and
 // shows root an object whose mode or group was changed by hand.
-TEST_F(GroupManager, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand) {
+TEST_F(SyncDaemonWithAGroup, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand) {
   std::string ctl = toolPath("ostrelled-ctl"), name = uniqueName("group_ctl");
-  HeldInChild holder(
-      [&] {
-        if (member.become()) os_mutex_lock(os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, name.c_str()));
-      },
-      [] {});
+  Holder holder([&] { if (member.become()) os_mutex_lock(namedMutex(name)); }, [] {});
   ASSERT_TRUE(holder.held());
   for (const std::string& command : {std::string("status"), std::string("list"), "remove --force " + name}) {
     ToolRun refused = runTool(outsider.prefix() + ctl + " " + command + " 2>&1");
@@ -365,8 +302,8 @@ TEST_F(GroupManager, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand
   EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t")) << listed.out;
   EXPECT_TRUE(contains(listed.out, "could not be inspected")) << listed.out;
 
-  chmod(("/dev/shm/" + name).c_str(), 0666);
-  chown("/dev/shm/os_mutex_manage_request_lock", static_cast<uid_t>(-1), 0);
+  chmod(internal::shmPath(name).c_str(), 0666);
+  chown(internal::shmPath(internal::SyncNames::kRequestLock).c_str(), static_cast<uid_t>(-1), 0);
   ToolRun status = runTool(ctl + " status");
   EXPECT_EQ(status.status, 0);
   EXPECT_TRUE(contains(status.out, "access: members of group users")) << status.out;
@@ -379,18 +316,18 @@ TEST_F(GroupManager, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand
 
 // A manager without a group, hosted in a process: semaphores 0755, the
 // request area and blocks 0777, less the umask (none here).
-TEST_F(NoManager, WithoutAGroupTheManagersNamesKeepTheirUsualModes) {
+TEST_F(SyncDaemon, WithoutAGroupTheManagersNamesKeepTheirUsualModes) {
   mode_t saved = umask(0);
   ASSERT_TRUE(os_sync_environment_initialize(false));
   std::string name = uniqueName("modes");
-  mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_STD, name.c_str());
+  mutex_handle* mutex = namedMutex(name);
   using namespace internal::SyncNames;
-  const std::pair<std::string, mode_t> expected[] = {{std::string("sem.") + (kEnabledSemaphore + 1), 0755},
-                                                     {std::string("sem.") + (kRequestSemaphore + 1), 0755},
+  const std::pair<std::string, mode_t> expected[] = {{internal::semaphoreFileName(kEnabledSemaphore), 0755},
+                                                     {internal::semaphoreFileName(kRequestSemaphore), 0755},
                                                      {kRequestArea, 0777}, {kRequestLock, 0777}, {name, 0777}};
   for (const auto& [file, mode] : expected) {
     struct stat st {};
-    EXPECT_EQ(stat(("/dev/shm/" + file).c_str(), &st), 0) << file;
+    EXPECT_EQ(stat(internal::shmPath(file).c_str(), &st), 0) << file;
     EXPECT_EQ(st.st_mode & 07777, mode) << file;
   }
   os_mutex_destroy(mutex);

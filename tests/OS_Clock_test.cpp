@@ -1,10 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <utility>
 
 #include <ostrelled/OS.h>
 #include <ostrelled/OS_Clock.h>
+#include "TestSupport.h"
 
 // The early end of os_clock_nano_sleep on a signal is checked in
 // OS_Thread_test.cpp, next to the sleep that must not end early.

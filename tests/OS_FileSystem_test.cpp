@@ -1,15 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <set>
-#include <vector>
 
 #include <ostrelled/OS_FileSystem.h>
-
-#include "TempDirectory.h"
+#include "TestSupport.h"
 
 using Events = std::multiset<std::string>;
 
@@ -25,15 +19,6 @@ struct Recorder : IWalkThroughCallback {
   }
   Events unordered() const { return {events.begin(), events.end()}; }
 };
-
-// A name part fetched the way callers do: size query, then the buffer, which
-// must take exactly the size given back.
-static std::string namePart(bool (*part)(const char*, char*, const DWORD&), const char* path) {
-  DWORD size = 0;
-  std::string buffer(64, '#');
-  EXPECT_TRUE(part(path, nullptr, size) && part(path, &buffer[0], size));
-  return size == strlen(buffer.c_str()) + 1 ? buffer.c_str() : "<size " + std::to_string(size) + ">";
-}
 
 TEST(OS_FileSystem, WalkVisitsInPreOrderWithinItsDepth) {
   testsupport::TempDirectory dir(true);
@@ -59,18 +44,3 @@ TEST(OS_FileSystem, WalkVisitsInPreOrderWithinItsDepth) {
   os_filesystem_walk_through("top", "", nullptr);  // no callback: walks without reporting
 }
 
-TEST(OS_FileSystem, NamePartsComeFromTheCleanedPath) {
-  // base|dir|suffix
-  for (auto [path, expected] : {std::pair{"/usr/lib//", "lib|/usr/|"}, {"a\\b\\c", "c|a/b/|"}, {"file", "file|.|"},
-                                {"/file", "file|/|"}, {"archive.tar.gz", "archive.tar.gz|.|gz"}, {"name.", "name.|.|"},
-                                {"dir.d/file", "file|dir.d/|"}, {"/u/.profile", ".profile|/u/|profile"}}) {
-    EXPECT_EQ(namePart(os_filesystem_base_name, path) + "|" + namePart(os_filesystem_dir_name, path) + "|" +
-                  namePart(os_filesystem_file_suffix, path), expected);
-  }
-  char buffer[8] = "#######";
-  DWORD size = 3;  // "lib" needs 4
-  EXPECT_FALSE(os_filesystem_base_name("/usr/lib", buffer, size) || os_filesystem_dir_name(nullptr, buffer, size));
-  EXPECT_TRUE(size == 3 && strcmp(buffer, "#######") == 0);
-  size = 5;  // nothing left but separators: length 0, not 1
-  EXPECT_TRUE(os_filesystem_file_suffix("\\//", buffer, size) && size == 0 && buffer[0] == '\0');
-}

@@ -1,14 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <errno.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <stdexcept>
 
 #include <ostrelled/OS_File.h>
-
-#include "TempDirectory.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 

@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <errno.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <ostrelled/OS_MemoryManager.h>
+#include "TestSupport.h"
 
 TEST(OS_MemoryManager, LockAllKeepsOnlyItsTwoFlags) {
   char memory[64];

@@ -1,14 +1,7 @@
-#include <gtest/gtest.h>
 #include <string.h>
-#include <sched.h>
-#include <stdio.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
-#include <ostrelled/OS_Mutex.h>
-#include <ostrelled/OS_ShareMemory.h>
-
-#include "SyncTestSupport.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 
@@ -91,11 +84,11 @@ TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystem) {
     if (!os_sync_environment_initialize(false)) return 2;
     fillShm("/dev/shm/filler");
     std::string name = uniqueName("full");
-    mutex_handle* refused = os_mutex_create(0, USE_STD, name.c_str());
+    mutex_handle* refused = namedMutex(name);
     EXPECT_FALSE(os_mutex_is_attached(refused));
     os_mutex_destroy(refused);
     unlink("/dev/shm/filler");
-    mutex_handle* served = os_mutex_create(0, USE_STD, name.c_str());
+    mutex_handle* served = namedMutex(name);
     EXPECT_TRUE(os_mutex_is_attached(served));
     os_mutex_destroy(served);
     os_sync_environment_uninitialize();

@@ -1,14 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <string>
-#include <thread>
 #include <utility>
 
 #include <ostrelled/OS_Socket.h>

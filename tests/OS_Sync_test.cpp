@@ -1,21 +1,16 @@
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
+// The sync manager and its request protocol, also when something dies: a
+// client holding the machine's request lock, a manager, or clients at random.
 
-#include <string>
-#include <vector>
-
-#include <ostrelled/OS_Mutex.h>
-#include <ostrelled/OS_ShareMemory.h>
-
-#include "OS/internal/MutexHandle.h"
-#include "SyncTestSupport.h"
+#include "TestSupport.h"
 
 namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
 namespace {
+
+using SyncManager = HostedManager;
+using ManagerProcess = NoManager;
 
 unsigned char* bytesOf(sharememory_handle* b) { return static_cast<unsigned char*>(os_sharememory_get_buffer(b)); }
 
@@ -29,20 +24,17 @@ int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char
   sem_wait(raw.enable_mutex_manager_sem);
   sem_post(raw.manage_request_sem);
   int answers = 0;
-  for (timespec d = internal::deadlineAfter(2000000000L); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0;
-       d = internal::deadlineAfter(50000000L))
+  for (timespec d = deadlineIn(2000); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0; d = deadlineIn(50))
     ++answers;
   sem_post(raw.enable_mutex_manager_sem);
   return answers;
 }
 
-constexpr unsigned int kCreate = 1, kDestroy = 2;
-
-mutex_handle* named(const std::string& n) { return os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, n.c_str()); }
+constexpr unsigned int kCreate = internal::MUTEX_CREATE_METHOD, kDestroy = internal::MUTEX_DESTROY_METHOD;
 
 }  // namespace
 
-TEST_F(HostedManager, EveryRequestIsAnsweredOnce) {
+TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   internal::CSyncClient raw;
   ASSERT_TRUE(raw.create());
   std::string name = uniqueName("raw"), other = uniqueName("ignored");
@@ -56,12 +48,12 @@ TEST_F(HostedManager, EveryRequestIsAnsweredOnce) {
       {{kCreate, 128}, name}, {{kCreate, 0}, other}, {{kCreate, 0xFFFFFFFFu}, other}, {{kCreate, 32}, ""},
       {{kCreate, 32}, "a/b"}, {{kDestroy}, ""}, {{kDestroy}, other}, {{0}, ""}, {{0xFFFFFFFFu}, ""}};
   for (const auto& [words, target] : ignored)
-    EXPECT_EQ(send(raw, words, target.c_str()), 1) << words[0] << " " << target;
+    EXPECT_EQ(send(raw, words, target.c_str()), 1) << "request " << words[0] << " for \"" << target << "\"";
   memset(bytesOf(raw.manager_memory_handle) + 4, 'x', 4096 - 4);  // names with no terminator anywhere
-  EXPECT_EQ(send(raw, {kDestroy}), 1);
-  EXPECT_EQ(send(raw, {kCreate, 32}), 1);
+  EXPECT_EQ(send(raw, {kDestroy}), 1) << "a destroy without a terminated name";
+  EXPECT_EQ(send(raw, {kCreate, 32}), 1) << "a create without a terminated name";
   EXPECT_FALSE(shmExists(other));
-  EXPECT_EQ(bytesOf(block)[63], 0x5A) << "a second create left the block alone";
+  EXPECT_EQ(bytesOf(block)[63], 0x5A) << "a second create did not leave the block alone";
   EXPECT_EQ(send(raw, {kDestroy}, name.c_str()), 1);
   EXPECT_FALSE(shmExists(name));
   os_sharememory_destroy(block);
@@ -71,33 +63,71 @@ TEST_F(HostedManager, EveryRequestIsAnsweredOnce) {
   std::string longest(1023, 'a');
   for (const std::string& tooLong : {longest, std::string(1024, 'b')}) {
     EXPECT_EQ(runChild([&] {
-                mutex_handle* mutex = named(tooLong);
-                bool attached = mutex->m_pMutex != nullptr;
+                mutex_handle* mutex = namedMutex(tooLong);
+                bool attached = os_mutex_is_attached(mutex);
                 os_mutex_destroy(mutex);
                 return attached ? 1 : 0;
               }),
-              0);
-    EXPECT_EQ(reinterpret_cast<char*>(bytesOf(raw.manager_memory_handle) + 8), longest) << tooLong.size();
+              0) << "a name of " << tooLong.size() << " characters was attached";
+    EXPECT_EQ(reinterpret_cast<char*>(bytesOf(raw.manager_memory_handle) + internal::kCreateNameOffset), longest)
+        << tooLong.size();
   }
 }
 
-TEST_F(NoManager, AKilledManagerIsReplaced) {
-  pid_t manager = startChild([] {
-    if (os_sync_environment_initialize(false)) pause();
-    return 1;
+TEST_F(SyncManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecondWithNobodyWaiting) {
+  internal::CSyncClient client;
+  ASSERT_TRUE(client.create(true));
+  Holder holder([&] { client.lock(); }, [&] { client.unlock(); });
+  ASSERT_TRUE(holder.held()) << "the holder did not take the request lock in 5 s";
+  EXPECT_FALSE(requestLockFree());
+  holder.kill();
+  EXPECT_TRUE(waitUntil(requestLockFree, 1.0 + kLateSlack)) << "the manager did not give back what the dead holder took";
+  mutex_handle* mutex = namedMutex(uniqueName("after"));
+  EXPECT_TRUE(os_mutex_is_attached(mutex));
+  os_mutex_destroy(mutex);
+}
+
+TEST_F(SyncManager, AWaitingClientTakesOverFromAHolderThatDied) {
+  internal::CSyncClient client;
+  ASSERT_TRUE(client.create(true));
+  Holder holder([&] { client.lock(); }, [&] { client.unlock(); });
+  ASSERT_TRUE(holder.held()) << "the holder did not take the request lock in 5 s";
+  auto waiter = startWaiters(1, [&](int) {
+    mutex_handle* mutex = namedMutex(uniqueName("waiter"));
+    bool attached = os_mutex_is_attached(mutex);
+    os_mutex_destroy(mutex);
+    return attached;
   });
-  bool serving = waitUntil(liveManagerAnswers, 10.0);
+  holder.kill();
+  EXPECT_TRUE(waiter->allFinish(2.0 + kLateSlack) && waiter->succeeded == 1) << "the waiting client was not served";
+}
+
+TEST_F(SyncManager, ClientsKilledAtRandomNeverStopTheOthers) {
+  auto lifeOf = [](std::string name) {
+    return [name] {
+      mutex_handle* mutex = namedMutex(name);
+      os_mutex_destroy(mutex);
+    };
+  };
+  KillLoop loop({lifeOf(uniqueName("a")), lifeOf(uniqueName("b")), lifeOf(uniqueName("c"))});
+  ASSERT_TRUE(loop.allProgress()) << "before any kill";
+  EXPECT_TRUE(loop.killRandomly(12, 7));
+}
+
+TEST_F(ManagerProcess, AKilledManagerIsReplaced) {
+  pid_t manager = startManagerChild();
   std::string name = uniqueName("takeover");
-  mutex_handle* old = named(name);
+  mutex_handle* old = namedMutex(name);
   kill(manager, SIGKILL);
   EXPECT_EQ(waitChild(manager), 128 + SIGKILL);
-  ASSERT_TRUE(serving && old->m_pMutex != nullptr);
+  ASSERT_TRUE(os_mutex_is_attached(old));
 
   // Its names remain and nobody answers: each attach gives up after one request period.
   for (int i = 0; i < 3; ++i) {
     auto start = std::chrono::steady_clock::now();
-    mutex_handle* orphan = named(uniqueName("orphan"));
-    EXPECT_TRUE(orphan->m_pMutex == nullptr && secondsSince(start) < 0.3);
+    mutex_handle* orphan = namedMutex(uniqueName("orphan"));
+    EXPECT_FALSE(os_mutex_is_attached(orphan)) << "attached with the manager dead";
+    EXPECT_LT(secondsSince(start), 0.1 + kLateSlack) << "an attach waited on the dead manager";
     os_mutex_destroy(orphan);
   }
 
@@ -106,12 +136,29 @@ TEST_F(NoManager, AKilledManagerIsReplaced) {
   auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(os_sync_environment_initialize(false));
   EXPECT_TRUE(os_sync_environment_ping(500));
-  EXPECT_LT(secondsSince(start), 0.5);
-  mutex_handle* fresh = named(name);
-  ASSERT_NE(fresh->m_pMutex, nullptr);
+  EXPECT_LT(secondsSince(start), 0.5 + kLateSlack) << "the new manager took long to serve";
+  mutex_handle* fresh = namedMutex(name);
+  ASSERT_TRUE(os_mutex_is_attached(fresh));
   os_mutex_destroy(fresh);
-  EXPECT_FALSE(shmExists(name)) << "its attach count started again from zero";
+  EXPECT_FALSE(shmExists(name)) << "its attach count did not start again from zero";
   os_mutex_destroy(old);  // its count was cleared under it: the name is left alone
   os_sync_environment_uninitialize();
-  EXPECT_FALSE(os_sync_environment_initialize(true)) << "the stop removed every name";
+  EXPECT_FALSE(os_sync_environment_initialize(true)) << "the stop did not remove every name";
+}
+
+TEST_F(ManagerProcess, PingAnswersOnlyForAManagerThatServes) {
+  EXPECT_FALSE(os_sync_environment_ping(100)) << "no manager names";
+  pid_t manager = startManagerChild();
+  EXPECT_TRUE(os_sync_environment_ping(100));
+  kill(manager, SIGSTOP);
+  int status = 0;
+  waitpid(manager, &status, WUNTRACED);  // stopped for sure before the ping
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(os_sync_environment_ping(100)) << "a stopped manager answered";
+  EXPECT_LT(secondsSince(start), 0.1 + kLateSlack) << "the ping of a stopped manager went on";
+  kill(manager, SIGCONT);
+  EXPECT_TRUE(waitUntil([] { return os_sync_environment_ping(100); }, 2.0)) << "no answer within 2 s of SIGCONT";
+  kill(manager, SIGKILL);
+  waitChild(manager);
+  EXPECT_FALSE(os_sync_environment_ping(100)) << "names left behind, nobody answers";
 }

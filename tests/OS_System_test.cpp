@@ -1,14 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <errno.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <ostrelled/OS_Environment.h>
 #include <ostrelled/OS_System.h>
+#include <ostrelled/Version.h>
 
-#include "TempDirectory.h"
 #include "TestSupport.h"
 
 using namespace testsupport;
@@ -43,20 +38,6 @@ TEST(OS_System, StartWithoutWaitingAnswersTrueWheneverTheChildStarted) {
   }
 }
 
-TEST(OS_System, KillEndsAChildStartedWithoutWaitingThatStaysOursToReap) {
-  TempDirectory dir(true);
-  const std::string name = "ostk" + std::to_string(getpid());  // killall matches the name it was started under
-  symlink("/bin/sleep", name.c_str());
-  EXPECT_TRUE(os_system_run_application((dir / name).c_str(), "30", false));
-  EXPECT_TRUE(waitUntil([&] { return os_system_kill_application(name.c_str()); }));
-  // The library never reaps the child: its status is still ours to collect.
-  int status = 0;
-  EXPECT_TRUE(waitUntil([&] { return waitpid(-1, &status, WNOHANG) > 0; }) && WTERMSIG(status) == SIGKILL);
-  EXPECT_FALSE(os_system_kill_application(name.c_str()));
-  EXPECT_FALSE(os_system_kill_application("x\"; touch pwned; \"$(touch pwned2)"));
-  EXPECT_FALSE(access("pwned", F_OK) == 0 || access("pwned2", F_OK) == 0);
-}
-
 TEST(OS_System, EnvironmentAppendModeEmptiesAVariableHoldingTheValue) {
   const char* name = "OSTRELLED_TEST_PATH";
   DWORD size = 0;
@@ -84,3 +65,15 @@ TEST(OS_System, BrokenPipesFailWithEpipe) {
               return current.sa_handler != SIG_IGN && write(fds[1], "x", 1) == -1 && errno == EPIPE ? 0 : 3;
             }), 0);
 }
+
+TEST(OS_Environment, ApplicationPathIsTheRunningProgramWithoutATerminator) {
+  char path[PATH_MAX];
+  memset(path, '#', sizeof path);
+  SSIZE_T length = os_environment_get_application_path(path, sizeof path);
+  ASSERT_GT(length, 0);
+  EXPECT_EQ(std::string(path, length), std::filesystem::read_symlink("/proc/self/exe").string());
+  EXPECT_EQ(path[length], '#');
+}
+
+// The loaded library against the headers this program was built with.
+TEST(Version, TheLibraryIsTheOneOfTheHeaders) { EXPECT_STREQ(ostrelled_version(), OSTRELLED_VERSION_STRING); }

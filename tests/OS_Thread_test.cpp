@@ -1,12 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <pthread.h>
-#include <sched.h>
-#include <signal.h>
-
-#include <atomic>
-#include <chrono>
-#include <thread>
 #include <utility>
 
 #include <ostrelled/OS_Clock.h>

@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <ostrelled/OS_UTF8Helper.h>
+#include "TestSupport.h"
 
 TEST(OS_UTF8Helper, BothDirectionsCopyUnchangedAndDifferOnNull) {
   const char* text = "gr\xc3\xbc\xc3\x9f dich";

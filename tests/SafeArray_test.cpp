@@ -1,63 +1,18 @@
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include <ostrelled/BStr.h>
 #include <ostrelled/SafeArray.h>
 #include <ostrelled/ScalarTypes.h>
+#include "TestSupport.h"
 
-namespace {
-
-// Sets the middle of three elements to all one-bytes (a valid value of every scalar),
-// grows the array by one and checks through an accessed copy that exactly the middle
-// element's bytes are set, so each type stores its own width and new elements are zero.
-template <class T>
-void expectOnlyTheMiddleElementSet(TVARTYPE vt) {
-  safearray_handle* array = safearray_create(vt, 3);
-  T value, back{};
-  std::memset(&value, 1, sizeof value);
-  ASSERT_TRUE(safearray_set_element(array, 1, &value) && safearray_resize(array, 4));
-  void* copy = nullptr;
-  ASSERT_TRUE(safearray_access_element(array, &copy));
-  for (size_t i = 0; i < 4 * sizeof(T); ++i)
-    EXPECT_EQ(static_cast<unsigned char*>(copy)[i], i / sizeof(T) == 1) << vt << ":" << i;
-  std::memset(copy, 0, 4 * sizeof(T));  // a copy: the array keeps its value
-  EXPECT_TRUE(safearray_get_element(array, 1, &back) && std::memcmp(&back, &value, sizeof value) == 0);
-  safearray_destroy(array);  // frees the copy still out
-}
-
-}  // namespace
-
-TEST(SafeArray, EachScalarTypeKeepsItsOwnWidth) {
-#define OSTRELLED_CHECK_SCALAR(name, type, tag, member, format, typeName) expectOnlyTheMiddleElementSet<type>(tag);
-  OSTRELLED_SCALAR_TYPES(OSTRELLED_CHECK_SCALAR)
-#undef OSTRELLED_CHECK_SCALAR
-}
-
-TEST(SafeArray, BadInputLeavesTheArrayUnchanged) {
+// Null handles and null pointers; indexes and element types are checked
+// against a model by fuzz/safearray_fuzz.cpp, whose seeds the suite replays.
+TEST(SafeArray, NullHandlesAndPointersAreRefused) {
   safearray_handle* array = safearray_create(TVT_INT, 3);
-  safearray_handle* untyped = safearray_create(TVT_NULL, 4);
   INT value = 99;
-  const struct {
-    safearray_handle* handle;
-    unsigned int index;
-    void* element;
-  } rows[] = {{nullptr, 0, &value}, {array, 3, &value}, {array, 2, nullptr}, {untyped, 0, &value}};
-  for (const auto& row : rows) {
-    EXPECT_FALSE(safearray_set_element(row.handle, row.index, row.element)) << &row - rows;
-    EXPECT_FALSE(safearray_get_element(row.handle, row.index, row.element)) << &row - rows;
-  }
   void* copy = &value;
-  EXPECT_FALSE(safearray_access_element(nullptr, &copy) || safearray_access_element(array, nullptr) ||
-               safearray_access_element(untyped, &copy));
-  EXPECT_EQ(copy, &value);
-  EXPECT_EQ(value, 99);
-  EXPECT_TRUE(safearray_get_element(array, 2, &value) && safearray_get_element_count(array) == 3);
-  EXPECT_EQ(value, 0);
-  // Without an element type there is no storage, yet a failing resize sets the count (intended).
-  EXPECT_FALSE(safearray_resize(untyped, 7));
-  EXPECT_EQ(safearray_get_element_count(untyped), 7u);
-  safearray_destroy(untyped);
+  EXPECT_FALSE(safearray_set_element(nullptr, 0, &value) || safearray_get_element(nullptr, 0, &value));
+  EXPECT_FALSE(safearray_set_element(array, 2, nullptr) || safearray_get_element(array, 2, nullptr));
+  EXPECT_FALSE(safearray_access_element(nullptr, &copy) || safearray_access_element(array, nullptr));
+  EXPECT_TRUE(copy == &value && value == 99) << "a refused call wrote through its pointer";
   safearray_destroy(array);
 }
 

@@ -1,9 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <list>
-#include <string>
 
 #include <ostrelled/StringAssistant.h>
+#include "TestSupport.h"
 
 using SA = CStringAssistant;
 using Pieces = std::list<std::string>;

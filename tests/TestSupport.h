@@ -1,17 +1,55 @@
 #ifndef OSTRELLED_TESTS_TESTSUPPORT_H
 #define OSTRELLED_TESTS_TESTSUPPORT_H
 
-// Process and timing helpers shared by the tests.
+// What the tests share: deadlines and polling, child processes (held objects,
+// kill loops, containers in PID namespaces of their own), signal storms,
+// temporary directories, the sync manager and its machine-wide names, and the
+// byte layouts of named blocks. The private headers that tests reach into are
+// included here only, with the headers that most tests use.
 
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <limits.h>
 #include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
 #include <thread>
+#include <vector>
+
+#include <ostrelled/OS_Event.h>
+#include <ostrelled/OS_Mutex.h>
+#include <ostrelled/OS_RWMutex.h>
+#include <ostrelled/OS_Semaphore.h>
+#include <ostrelled/OS_ShareMemory.h>
+#include <ostrelled/OS_Sync.h>
+
+#include "OS/internal/BlockLayouts.h"
+#include "OS/internal/EventKinds.h"
+#include "OS/internal/MutexHandle.h"
+#include "OS/internal/SemaphoreKinds.h"
+#include "OS/internal/SyncProtocol.h"
+#include "OS/internal/Private.h"
+
+namespace internal = ostrelled::internal;
 
 namespace testsupport {
 
@@ -20,14 +58,14 @@ namespace testsupport {
 #if defined(__SANITIZE_THREAD__)
 constexpr bool kThreadSanitizer = true;
 #elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool kThreadSanitizer = true;
+constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
 #else
 constexpr bool kThreadSanitizer = false;
 #endif
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
+
+// How much later than its deadline a wait may end on a loaded machine of two
+// cores; a wait must not end before it (a millisecond is allowed for clocks).
+constexpr double kLateSlack = 1.5;
 
 inline double secondsSince(const std::chrono::steady_clock::time_point& start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -40,6 +78,25 @@ inline bool waitUntil(const std::function<bool()>& pred, double seconds = 5.0) {
     if (secondsSince(start) > seconds) return pred();
   return true;
 }
+
+// The CLOCK_MONOTONIC time millis from now (negative: in the past).
+inline timespec deadlineIn(long millis) {
+  timespec t = internal::monotonicNow();
+  t.tv_nsec += millis * 1000000L;
+  os_clock_adjust_clock_time(&t);
+  return t;
+}
+
+// Empty when a wait that started at start and was to end millis later did so
+// within the slack; else how long it took.
+inline std::string endedAtDeadline(const std::chrono::steady_clock::time_point& start, long millis) {
+  double seconds = secondsSince(start);
+  bool inTime = seconds >= millis / 1000.0 - 0.001 && seconds < millis / 1000.0 + kLateSlack;
+  return inTime ? "" : "a wait of " + std::to_string(millis) + " ms took " + std::to_string(seconds) + " s";
+}
+
+// A fixed sleep, for tests that check that nothing happens within a time.
+inline void watchNothingHappenFor100ms() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
 
 // Forks a child that runs body and _exits with its result.
 inline pid_t startChild(const std::function<int()>& body) {
@@ -89,6 +146,305 @@ inline double secondsUnderSignals(const std::function<void()>& wait, std::chrono
   if (signals != nullptr) *signals = seen;
   return seconds;
 }
+
+// Flags that a test and its children (in any namespace) share: one page.
+struct SharedFlags {
+  SharedFlags() = default;
+  SharedFlags(const SharedFlags&) = delete;
+  std::atomic<int>* at = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ~SharedFlags() { munmap(at, 4096); }
+  std::atomic<int>& operator[](int i) { return at[i]; }
+  bool reaches(int i, int value, double seconds = 10.0) { return waitUntil([&] { return at[i] >= value; }, seconds); }
+};
+
+// Threads that each run one wait(i), counted when it returns. They are
+// detached, so that a wait that never returns fails its test instead of hanging it.
+struct Waiters {
+  std::atomic<int> finished{0}, succeeded{0};
+  int count = 0;
+  bool allFinish(double seconds = 5.0) const { return waitUntil([&] { return finished == count; }, seconds); }
+};
+inline std::shared_ptr<Waiters> startWaiters(int count, const std::function<bool(int)>& wait) {
+  auto waiters = std::make_shared<Waiters>();
+  waiters->count = count;
+  for (int i = 0; i < count; ++i)
+    std::thread([waiters, wait, i] {
+      waiters->succeeded += wait(i);
+      ++waiters->finished;
+    }).detach();
+  return waiters;
+}
+
+// A holder that takes an object with lock() and holds it until it is told to
+// let go (then it runs unlock()) or, in a child process, is killed. In a
+// thread it uses the test's own handle; in a child, its copy from the fork.
+class Holder {
+ public:
+  Holder(const std::function<void()>& lock, const std::function<void()>& unlock, bool inChild = true) {
+    auto body = [this, lock, unlock] {
+      lock();
+      int before = 0;  // 2 already: told to let go before it held
+      if (m_step[0].compare_exchange_strong(before, 1))
+        while (m_step[0] != 2) sched_yield();  // bounded by the test, which kills an overstaying child
+      unlock();
+      return 0;
+    };
+    if (inChild) m_pid = startChild(body);
+    else m_thread = std::thread(body);
+  }
+  ~Holder() {
+    letGo();
+    if (m_thread.joinable()) m_thread.join();
+    if (m_pid > 0) waitChild(m_pid);
+  }
+  bool held() { return m_flags.reaches(0, 1, 5.0); }
+  void letGo() { m_step[0] = 2; }
+  // Killed and reaped: a zombie would still count as a holder.
+  void kill() {
+    ::kill(m_pid, SIGKILL);
+    waitChild(m_pid);
+    m_pid = -1;
+  }
+
+ private:
+  SharedFlags m_flags;
+  std::atomic<int>* m_step = m_flags.at;
+  pid_t m_pid = -1;
+  std::thread m_thread;
+};
+
+// Processes that keep using one object while some of them are killed with
+// SIGKILL at random moments. Each child runs its role's round in a loop and
+// counts the rounds on a shared page; a killed child is replaced by a new one
+// of the same role. The children use the handles the parent made before it
+// forked, so no attach is ever cut short.
+class KillLoop {
+ public:
+  explicit KillLoop(std::vector<std::function<void()>> roles) : m_roles(std::move(roles)) {
+    for (size_t slot = 0; slot < m_roles.size(); ++slot) m_pids.push_back(start(slot));
+  }
+  ~KillLoop() {
+    for (pid_t pid : m_pids) waitChild(pid, 0.0);  // kills each child, which never ends by itself
+  }
+
+  // Every child completes a round within `seconds` from now. The request lock
+  // is not fair: a child just started may wait behind the others' tight loops,
+  // the longer the busier the machine.
+  ::testing::AssertionResult allProgress(double seconds = 10.0) {
+    for (size_t slot = 0; slot < m_roles.size(); ++slot)
+      if (!m_rounds.reaches(int(slot), m_rounds[int(slot)] + 1, seconds))
+        return ::testing::AssertionFailure() << "role " << slot << " made no progress in " << seconds << " s";
+    return ::testing::AssertionSuccess();
+  }
+
+  // Kills a random child at a random moment, `kills` times, replacing it and
+  // checking after each kill that every child, old and new, makes progress.
+  ::testing::AssertionResult killRandomly(int kills, unsigned int seed = 1) {
+    std::mt19937 random(seed);
+    for (int kill = 0; kill < kills; ++kill) {
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+      size_t slot = random() % m_roles.size();
+      ::kill(m_pids[slot], SIGKILL);
+      waitChild(m_pids[slot]);  // reaped at once: a zombie would still count as a holder
+      m_pids[slot] = start(slot);
+      ::testing::AssertionResult progress = allProgress();
+      if (!progress) return progress << " after kill " << kill + 1 << " (role " << slot << ")";
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+ private:
+  pid_t start(size_t slot) {
+    return startChild([this, slot] {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that failed
+      for (;;) {
+        m_roles[slot]();
+        ++m_rounds[int(slot)];
+      }
+      return 0;
+    });
+  }
+
+  std::vector<std::function<void()>> m_roles;
+  std::vector<pid_t> m_pids;
+  SharedFlags m_rounds;
+};
+
+// A process in a PID namespace of its own, as in a container that shares
+// /dev/shm and the IPC namespace with the host: body runs there as pid 1. With
+// ownProc it also gets a mount namespace with its own /proc, which then shows
+// only its namespace. Killing it ends the whole namespace.
+class Container {
+ public:
+  static constexpr int kRefused = 77;  // unshare was not permitted
+
+  explicit Container(const std::function<int()>& body, bool ownProc = false) {
+    m_launcher = startChild([&] {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (unshare(CLONE_NEWPID | (ownProc ? CLONE_NEWNS : 0)) != 0) return kRefused;
+      pid_t inner = startChild([&] {
+        if (ownProc && (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                        mount("proc", "/proc", "proc", 0, nullptr) != 0))
+          return kRefused;
+        return body();
+      });
+      m_inner[0] = inner;
+      return waitChild(inner, 60.0);
+    });
+  }
+  ~Container() { kill(); }
+  // Its exit status (kRefused when namespaces are refused), 128 + signal when killed.
+  int wait(double seconds = 20.0) {
+    if (m_status == -2) m_status = waitChild(m_launcher, seconds);
+    return m_status;
+  }
+  // Ends everything in the namespace and reaps it.
+  void kill() {
+    if (m_status != -2) return;
+    int status = 0;
+    if (waitpid(m_launcher, &status, WNOHANG) == m_launcher) {
+      m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      return;
+    }
+    if (m_inner.reaches(0, 1, 5.0)) ::kill(m_inner[0], SIGKILL);
+    wait();
+  }
+
+  // Whether this machine gives a process a PID namespace of its own.
+  static bool permitted() { return Container([] { return 0; }).wait() == 0; }
+
+ private:
+  SharedFlags m_inner;
+  pid_t m_launcher;
+  int m_status = -2;
+};
+
+// A fresh directory under /tmp, removed with everything in it.
+// When entered, the directory is also the working directory for its lifetime.
+struct TempDirectory {
+  explicit TempDirectory(bool enter = false) : previous(enter ? std::filesystem::current_path() : "") {
+    char pattern[] = "/tmp/ostrelled_test_XXXXXX";
+    if (mkdtemp(pattern) == nullptr) abort();
+    path = pattern;
+    if (enter) std::filesystem::current_path(path);
+  }
+  ~TempDirectory() {
+    if (!previous.empty()) std::filesystem::current_path(previous);
+    std::filesystem::remove_all(path, error);
+  }
+  std::string operator/(const std::string& name) const { return path + "/" + name; }
+
+  std::filesystem::path previous;
+  std::string path;
+  std::error_code error;
+};
+
+inline void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+inline std::string readFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
+
+// A name no other test process uses: tag, pid and a running number.
+inline std::string uniqueName(const char* tag) {
+  static int next = 0;
+  return "ostrelled_test_" + std::string(tag) + "_" + std::to_string(getpid()) + "_" + std::to_string(next++);
+}
+
+// The size of a shared-memory object in /dev/shm; -1 when it is not there.
+inline off_t shmSize(const std::string& name) {
+  struct stat st;
+  return stat(internal::shmPath(name).c_str(), &st) == 0 ? st.st_size : -1;
+}
+inline bool shmExists(const std::string& name) { return shmSize(name) >= 0; }
+
+// How many of the manager's four machine-wide names exist.
+inline int managerNamesLeft() {
+  using namespace internal::SyncNames;
+  int left = shmExists(kRequestArea);
+  for (const char* sem : {kEnabledSemaphore, kRequestSemaphore, kFinishSemaphore})
+    left += shmExists(internal::semaphoreFileName(sem));
+  return left;
+}
+
+// A program of the build tree's tools/ folder.
+inline std::string toolPath(const char* tool) {
+  char self[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  std::string dir(self, static_cast<size_t>(length > 0 ? length : 0));
+  return dir.substr(0, dir.rfind('/')) + "/../tools/" + tool;
+}
+
+struct ToolRun {
+  int status;
+  std::string out;
+};
+
+// Runs a shell command line and collects its standard output.
+inline ToolRun runTool(const std::string& command) {
+  FILE* pipe = popen(command.c_str(), "r");
+  ToolRun run{-1, ""};
+  char buffer[4096];
+  for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, got);
+  int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// A named mutex of the default kind, the object most tests about the manager use.
+inline mutex_handle* namedMutex(const std::string& name, unsigned int flags = DEFAULT_MUTEX_ATTRIBUTE) {
+  return os_mutex_create(flags, USE_STD, name.c_str());
+}
+
+// True when a manager somewhere answers a request within half a second.
+inline bool liveManagerAnswers() { return os_sync_environment_ping(500); }
+
+// Whether the request lock is free: the enabled semaphore given back and no holder recorded.
+inline bool requestLockFree() {
+  internal::CSyncClient client;
+  sharememory_handle* block = os_sharememory_open(internal::SyncNames::kRequestLock, USE_STD);
+  int value = 0;
+  bool free = client.create(true) && block != nullptr && sem_getvalue(client.enable_mutex_manager_sem, &value) == 0 &&
+              value == 1 && static_cast<internal::RequestLockRecord*>(os_sharememory_get_buffer(block))->holder == 0;
+  os_sharememory_destroy(block);
+  return free;
+}
+
+// A manager in a child process, so that it can be stopped or killed.
+inline pid_t startManagerChild() {
+  pid_t manager = startChild([] {
+    if (os_sync_environment_initialize(false)) pause();
+    return 1;
+  });
+  EXPECT_TRUE(waitUntil(liveManagerAnswers, 10.0)) << "the manager in a child did not answer within 10 s";
+  return manager;
+}
+
+// No manager serving the machine; a live one run by somebody else skips the test.
+class NoManager : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (liveManagerAnswers()) GTEST_SKIP() << "a sync manager is already running on this machine";
+  }
+};
+
+// Hosts the manager in the test process for the length of one test; forked
+// children are plain clients.
+class HostedManager : public NoManager {
+ protected:
+  void SetUp() override {
+    NoManager::SetUp();
+    ASSERT_TRUE(IsSkipped() || os_sync_environment_initialize(false));
+  }
+  void TearDown() override { os_sync_environment_uninitialize(); }
+};
 
 }  // namespace testsupport
 

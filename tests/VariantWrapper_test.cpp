@@ -1,11 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-#include <vector>
-
 #include <ostrelled/Variant.h>
 #include <ostrelled/VariantWrapper.h>
+#include "TestSupport.h"
 
 namespace {
 

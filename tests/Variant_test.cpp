@@ -1,16 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <new>
-#include <string>
 
 #include <ostrelled/StringAssistant.h>
 #include <ostrelled/Variant.h>
 
 #include "ReplacedAllocator.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -120,30 +117,6 @@ TEST(VariantValue, EqualityKeepsItsDeliberateGaps) {
       {CVariant(LPBSTRUNIT()), CVariant(""), false},
   };
   for (const auto& row : rows) EXPECT_EQ(row.a == row.b, row.equal) << (&row - rows);
-}
-
-TEST(VariantTypeName, NamesMatchTheTableBothWays) {
-  const char* names[] = {nullptr, "char", "unsigned char", "short", "unsigned short", "int",
-                         "unsigned int", "long", "unsigned long", "long long", "unsigned long long",
-                         "float", "double", "string", "bool"};
-  for (int tag = TVT_I1; tag <= TVT_BOOL; ++tag) {
-    std::string name;
-    TVARTYPE back = TVT_NULL;
-    EXPECT_TRUE(CVariant::resolveDataType(TVARTYPE(tag), name) && variant_resolve_type(names[tag], back));
-    EXPECT_EQ(name, names[tag]);
-    EXPECT_EQ(back, tag);
-  }
-  DWORD len = 0;
-  EXPECT_TRUE(variant_resolve_display_type(TVT_R8, nullptr, len));  // size query
-  EXPECT_EQ(len, 7u);
-  char buffer[32] = "untouched";
-  len = 6;  // one short: nothing written, length kept
-  EXPECT_FALSE(variant_resolve_display_type(TVT_R8, buffer, len));
-  EXPECT_EQ(len, 6u);
-  EXPECT_STREQ(buffer, "untouched");
-  len = 7;  // exact fit
-  EXPECT_TRUE(variant_resolve_display_type(TVT_R8, buffer, len));
-  EXPECT_STREQ(buffer, "double");
 }
 
 TEST(VariantRead, SetFromReadInterfaceUsesTheOverloadOfItsType) {

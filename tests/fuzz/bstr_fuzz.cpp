@@ -40,7 +40,7 @@ Value setFrom(fuzz::Input& in, bstr_handle* handle, int how) {
 
 // One operation on handles a and b (perhaps the same one).
 void step(fuzz::Input& in, bstr_handle* handles[], Value values[]) {
-  const int op = in.byte() % 7, a = in.byte() % 3, b = in.byte() % 3;
+  const int op = in.byte() % 9, a = in.byte() % 3, b = in.byte() % 3;
   switch (op) {
     case 0:
     case 1:
@@ -58,12 +58,27 @@ void step(fuzz::Input& in, bstr_handle* handles[], Value values[]) {
     case 5: {
       LPBSTRUNIT block = bstr_detach_bstrunit(handles[a]);
       bstr_attach_bstrunit(handles[b], block);
+      if (block != nullptr && (in.byte() & 1)) bstr_attach_bstrunit(handles[b], block);  // its own block: kept
       const Value moved = values[a];
       values[a].reset();
       values[b] = moved;
       break;
     }
+    case 6: {  // refused, the value kept: a negative length, a block whose length word is negative
+      fuzz::check(!bstr_set_data(handles[a], "x", -1 - in.byte()), "negative length");
+      const int negative = -1 - in.byte();
+      LPBSTRUNIT bad = fuzz::newUnit(in.text());
+      memcpy(bad, &negative, 4);
+      fuzz::check(!bstr_set_bstrunit(handles[a], bad), "negative length word");
+      fuzz::freeUnit(bad);
+      break;
+    }
+    case 7:  // a text value set again from its own bytes
+      if (values[a] && !values[a]->empty() && values[a]->find('\0') == values[a]->size() - 1)
+        fuzz::check(bstr_set_text(handles[a], bstr_get_data(handles[a])), "set text from its own bytes");
+      break;
     default: {
+      fuzz::check(bstr_equal_bstr(nullptr, nullptr) && !bstr_equal_bstr(nullptr, handles[a]), "equal null");
       fuzz::check(bstr_equal_bstr(handles[a], handles[b]) == (values[a] == values[b]), "equal bstr");
       const std::string text = in.text();
       LPBSTRUNIT block = fuzz::newUnit(text);
