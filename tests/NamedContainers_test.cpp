@@ -1,6 +1,4 @@
-// Named objects between containers: processes in PID namespaces of their own
-// that share /dev/shm and the IPC namespace with the manager's, and process
-// ids that are reused at once.
+// Named objects between PID namespaces that share /dev/shm and IPC, and reused process ids.
 #include "SyncKinds.h"
 
 using namespace testsupport;
@@ -19,10 +17,7 @@ bool priorityInheriting(const SyncKind& kind) { return std::string(kind.name).fi
 
 }  // namespace
 
-// Each kind that a holder owns excludes between namespaces, also between two
-// holders that are both pid 1 in theirs, and comes back within a second when
-// the holder's namespace is killed. A priority-inheriting mutex is refused in
-// another namespace, never aborted.
+// Also between two pid 1s; a priority-inheriting mutex is refused in another namespace, never aborted.
 TEST_F(Containers, OwnedKindsExcludeBetweenPidNamespacesAndComeBackFromAKilledOne) {
   for (const SyncKind& kind : namedKinds()) {
     if (!kind.owned) continue;

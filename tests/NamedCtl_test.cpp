@@ -1,9 +1,6 @@
-// The inspection tool, run as a program of the build tree against objects
-// that this test makes, holds in children and kills.
+// The inspection tool of the build tree.
 
 #include "TestSupport.h"
-
-namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -12,8 +9,6 @@ namespace {
 using Ctl = HostedManager;
 using CtlWithoutManager = NoManager;
 
-// Runs the tool with the arguments (already quoted for the shell); stderr is
-// kept apart unless the arguments redirect it.
 ToolRun ctl(const std::string& args) { return runTool(toolPath("ostrelled-ctl") + " " + args); }
 
 void writeBlock(const std::string& name, size_t size, unsigned char flags) {
@@ -101,8 +96,7 @@ TEST_F(CtlWithoutManager, BadUsageExitsWithTwo) {
     EXPECT_EQ(ctl(args).status, 0) << args;
 }
 
-// Run in a container with its own /proc, the tool cannot see a user in
-// another PID namespace: the object is unknown, not stale, and stays.
+// A user in another PID namespace is invisible: the object is unknown, not stale, and stays.
 TEST_F(Ctl, InAContainerAnObjectUsedElsewhereIsNeitherStaleNorRemoved) {
   if (!Container::permitted()) GTEST_SKIP() << "PID namespaces are not permitted here";
   std::string name = uniqueName("ctl_ns"), report = "/tmp/" + uniqueName("ctl_ns_report");

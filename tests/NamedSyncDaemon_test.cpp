@@ -6,8 +6,6 @@
 
 #include "SyncKinds.h"
 
-namespace internal = ostrelled::internal;
-
 using namespace testsupport;
 
 namespace {
@@ -22,8 +20,7 @@ class SyncDaemon : public NoManager {
   }
 };
 
-// Starts the daemon with its output appended to the file log; with a notify
-// socket path, it reports its state there.
+// The daemon, its output appended to log, reporting its state to notifySocket if given.
 pid_t startDaemon(const std::string& log, const std::string& notifySocket = "") {
   std::string path = daemonPath();
   return startChild([&] {
@@ -38,8 +35,7 @@ pid_t startDaemon(const std::string& log, const std::string& notifySocket = "") 
 
 }  // namespace
 
-// The service manager's side of the readiness protocol: a datagram socket
-// that the daemon reports to, read with a 5 s bound.
+// The service manager's end of the readiness reports, read with a 5 s bound.
 class NotifySocket {
  public:
   NotifySocket() : m_path("/tmp/" + uniqueName("notify")), m_fd(socket(AF_UNIX, SOCK_DGRAM, 0)) {
@@ -79,9 +75,8 @@ TEST_F(SyncDaemon, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
   }
 }
 
-// While three clients keep creating named mutexes: a stopped manager still
-// gets its full 100 ms and keeps a second daemon out; a killed one fails every
-// call at once, and a new daemon starts without --force while the calls go on.
+// A stopped manager gets its full 100 ms and keeps a second daemon out; while three clients
+// keep creating, a killed one fails every call at once and a new daemon starts without --force.
 TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   std::string log = "/tmp/" + uniqueName("syncd"), name = uniqueName("outage");
   NotifySocket notify;
@@ -97,9 +92,7 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   EXPECT_FALSE(os_mutex_is_attached(mutex));
   os_mutex_destroy(mutex);
   EXPECT_EQ(waitChild(startDaemon(log)), 1) << "a second daemon started beside a stopped one";
-  std::stringstream output;
-  output << std::ifstream(log).rdbuf();
-  EXPECT_TRUE(contains(output.str(), "already running")) << output.str();
+  EXPECT_TRUE(contains(readFile(log), "already running")) << readFile(log);
   kill(first, SIGCONT);
 
   SharedFlags flags;  // 0: manager killed, 1: stop; 2..4: calls failed since, 5..7: longest, in us
@@ -142,19 +135,16 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
 
 namespace {
 
-// The accounts of a machine that shares named objects with a group: numeric
-// ids that no real account uses, and the group "users".
+// Accounts by numeric ids that no real account uses; the group is "users".
 struct Account {
   uid_t uid;
   gid_t gid;
   std::vector<gid_t> groups;
 
-  // For a forked child: supplementary groups, group, then user.
   bool become() const {
     return setgroups(groups.size(), groups.data()) == 0 && setresgid(gid, gid, gid) == 0 &&
            setresuid(uid, uid, uid) == 0;
   }
-  // The same as a command prefix.
   std::string prefix() const {
     std::string list;
     for (gid_t each : groups) list += (list.empty() ? "" : ",") + std::to_string(each);
@@ -176,8 +166,7 @@ struct EveryKind {
   std::vector<std::unique_ptr<SyncObject>> objects;
 };
 
-// Every way an outsider could reach a member's objects or the manager's
-// names: how many of them worked (0 expected).
+// How many ways in to a member's objects or the manager's names worked for an outsider.
 int outsiderGetsIn(const std::string& prefix) {
   using namespace internal::SyncNames;
   int got = EveryKind(prefix).attached();
@@ -201,14 +190,13 @@ int outsiderGetsIn(const std::string& prefix) {
 
 }  // namespace
 
-// A manager run as the packaged unit runs it: a service account whose group
-// is the one named by --group, umask 0077.
+// A manager run as the packaged unit runs it: --group users, a service account, umask 0077.
 class SyncDaemonWithAGroup : public NoManager {
  protected:
   void SetUp() override {
     NoManager::SetUp();
     if (IsSkipped()) return;
-      const group* users = getgrnam("users");
+    const group* users = getgrnam("users");
     if (users == nullptr) GTEST_SKIP() << "no group 'users' on this machine";
     gid_t g = users->gr_gid;
     service = {61001, g, {}}, member = {61002, 61002, {g}}, other = {61004, 61004, {g}}, outsider = {61003, 61003, {}};
@@ -238,9 +226,8 @@ class SyncDaemonWithAGroup : public NoManager {
   pid_t m_daemon = 0;
 };
 
-// A member holds one object of every kind while an outsider tries every way
-// in and another member then uses them; the holder finds exactly the other
-// member's work, and every name and block belongs to the group, mode 0660.
+// An outsider reaches nothing that a member holds; another member's work reaches the
+// holder; every name belongs to the group, mode 0660.
 TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
   std::string prefix = uniqueName("group");
   const int kinds = static_cast<int>(namedKinds().size());
@@ -284,8 +271,7 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
   EXPECT_TRUE(liveManagerAnswers());
 }
 
-// The tool tells an outsider which group to join, works for a member, and
-// shows root an object whose mode or group was changed by hand.
+// The tool tells an outsider which group to join and shows root access changed by hand.
 TEST_F(SyncDaemonWithAGroup, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand) {
   std::string ctl = toolPath("ostrelled-ctl"), name = uniqueName("group_ctl");
   Holder holder([&] { if (member.become()) os_mutex_lock(namedMutex(name)); }, [] {});
@@ -312,25 +298,4 @@ TEST_F(SyncDaemonWithAGroup, TheToolRefusesOutsidersPlainlyAndReportsAccessChang
   ToolRun memberStatus = runTool(member.prefix() + ctl + " status 2>&1");
   EXPECT_EQ(memberStatus.status, 1);
   EXPECT_TRUE(contains(memberStatus.out, "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand")) << memberStatus.out;
-}
-
-// A manager without a group, hosted in a process: semaphores 0755, the
-// request area and blocks 0777, less the umask (none here).
-TEST_F(SyncDaemon, WithoutAGroupTheManagersNamesKeepTheirUsualModes) {
-  mode_t saved = umask(0);
-  ASSERT_TRUE(os_sync_environment_initialize(false));
-  std::string name = uniqueName("modes");
-  mutex_handle* mutex = namedMutex(name);
-  using namespace internal::SyncNames;
-  const std::pair<std::string, mode_t> expected[] = {{internal::semaphoreFileName(kEnabledSemaphore), 0755},
-                                                     {internal::semaphoreFileName(kRequestSemaphore), 0755},
-                                                     {kRequestArea, 0777}, {kRequestLock, 0777}, {name, 0777}};
-  for (const auto& [file, mode] : expected) {
-    struct stat st {};
-    EXPECT_EQ(stat(internal::shmPath(file).c_str(), &st), 0) << file;
-    EXPECT_EQ(st.st_mode & 07777, mode) << file;
-  }
-  os_mutex_destroy(mutex);
-  os_sync_environment_uninitialize();
-  umask(saved);
 }

@@ -1,8 +1,5 @@
-// What sets the event apart; what it shares with every kind is in
-// SyncContract_test.cpp.
+// What sets the event apart; the rest is in SyncContract_test.cpp.
 #include "TestSupport.h"
-
-namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -20,7 +17,6 @@ class Event : public HostedManager, public ::testing::WithParamInterface<Kind> {
   }
   std::string m_name = uniqueName("event");
 };
-class NamedEvent : public Event {};
 using ConditionEvent = HostedManager;
 
 std::string nameOf(const ::testing::TestParamInfo<Kind>& info) { return kKindNames[info.param]; }
@@ -53,36 +49,7 @@ TEST_P(Event, ManualResetReleasesEveryWaiterUntilReset) {
   os_event_destroy(event);
 }
 
-TEST_P(Event, PastDeadlinesAnswerFromTheInitialState) {
-  // manual, initial, then what two waits with past deadlines answer
-  const bool rows[][4] = {{false, false, false, false}, {false, true, true, false}, {true, false, false, false},
-                          {true, true, true, true}};
-  for (const auto& row : rows) {
-    m_name = uniqueName("event");
-    event_handle* event = make(row[0], row[1]);
-    EXPECT_EQ(os_event_wait_timeout(event, deadlineIn(-1000)), row[2]) << "manual " << row[0] << ", initial " << row[1];
-    EXPECT_EQ(os_event_wait_timeout(event, deadlineIn(-1)), row[3]) << "manual " << row[0] << ", initial " << row[1];
-    os_event_destroy(event);
-  }
-}
-
-TEST_P(NamedEvent, SetInOneProcessWakesAWaiterInAnother) {
-  event_handle* event = make(false, false);
-  pid_t pid = startChild([&] {
-    event_handle* mine = make(true, true);  // its reset kind and state are ignored: the first creator's stand
-    bool woken = os_event_wait(mine) && !os_event_wait_timeout(mine, deadlineIn(-1000));
-    os_event_destroy(mine);
-    return woken ? 0 : 1;
-  });
-  os_event_set_event(event);  // before or after the child waits: the set stays until consumed
-  EXPECT_EQ(waitChild(pid), 0) << "the child was not woken exactly once";
-  EXPECT_FALSE(os_event_wait_timeout(event, deadlineIn(-1000))) << "the child's wait did not consume the set";
-  os_event_destroy(event);
-  EXPECT_FALSE(shmExists(m_name)) << "the last detach left the block";
-}
-
 INSTANTIATE_TEST_SUITE_P(All, Event, ::testing::Values(Anonymous, NamedCondition, NamedPosix, NamedSysV), nameOf);
-INSTANTIATE_TEST_SUITE_P(Named, NamedEvent, ::testing::Values(NamedCondition, NamedPosix, NamedSysV), nameOf);
 
 TEST_F(ConditionEvent, ADamagedSetFlagIsTakenAsSet) {
   std::string name = uniqueName("event");

@@ -1,6 +1,9 @@
+#include <glob.h>
+
 #include <stdexcept>
 
 #include <ostrelled/OS_Folder.h>
+#include <ostrelled/OS_System.h>
 #include "TestSupport.h"
 
 using namespace testsupport;
@@ -38,4 +41,102 @@ TEST_F(OS_Folder, CreateMakesEveryParentWithFullMode) {
   EXPECT_FALSE(os_folder_create("a/file/sub") || os_folder_create("~/made"));
   mkdir("~", 0755);
   EXPECT_TRUE(os_folder_create("~/made") && exists("~/made"));
+}
+
+namespace {
+
+// Names that a shell would read as code, quoting or patterns. Every command
+// they could start would leave a file whose name begins with "pwned".
+const char* const kHostileNames[] = {
+    "with space",  "dq\"uote",        "sq'uote",         "dollar$HOME",   "$(touch pwned1)", "`touch pwned2`",
+    "back\\slash", "semi;touch pwned3", "pipe|touch pwned4", "amp&touch pwned5", "star*",     "new\nline",
+    "it's \"$(touch pwned6)\"", "'\\''$(touch pwned7)'\\''", "\\\"; touch pwned8; \\\""};
+
+// Names that rm, mv and cp would take as options.
+const char* const kDashNames[] = {"-rf", "-i", "--help", "-v x", "-"};
+
+bool anythingRan() {
+  glob_t found{};
+  const bool any = glob("pwned*", 0, nullptr, &found) == 0;
+  globfree(&found);
+  return any;
+}
+
+// The commands that the folder and system functions hand to the shell.
+using OS_Shell = OS_Folder;
+
+// Its result races (awk answering cp's question may meet a broken pipe): only what it did is checked.
+void keepingCopy(const char* source, const char* target) { os_folder_copy(source, target, true); }
+
+}  // namespace
+
+// Copy into a missing and an existing target, move and remove, on hostile names.
+TEST_F(OS_Shell, FolderCommandsActOnTheLiteralPath) {
+  for (const char* name : kHostileNames) {
+    SCOPED_TRACE(name);
+    const std::string source = m_dir / ("s " + std::string(name)), target = std::string("t ") + name;
+    ASSERT_TRUE(os_folder_create((source + "/sub").c_str()));
+    writeFile(source + "/f", "new");
+    writeFile(source + "/.hidden", "");  // the shell's "/*" skips dot entries
+    ASSERT_TRUE(os_folder_copy(source.c_str(), target.c_str(), false));
+    EXPECT_TRUE(readFile(target + "/f") == "new" && exists(target + "/sub") && !exists(target + "/.hidden"));
+    // Nested under the last component ("\\" separates too); cp's question
+    // about the existing f is answered "n".
+    const std::string nested = target + "/" + source.substr(source.find_last_of("/\\") + 1);
+    ASSERT_TRUE(os_folder_create(nested.c_str()));
+    writeFile(nested + "/f", "kept");
+    writeFile(source + "/g", "y");
+    keepingCopy((source + "/").c_str(), target.c_str());
+    EXPECT_EQ(readFile(nested + "/f") + readFile(nested + "/g"), "kepty");
+    EXPECT_FALSE(os_folder_remove(target.c_str(), false));  // not empty
+    EXPECT_TRUE(os_folder_move((target + "/").c_str(), source.c_str()) && exists(source + "/" + target + "/f"));
+    EXPECT_TRUE(os_folder_remove((source + "//").c_str(), true));
+    EXPECT_FALSE(exists(source) || exists(target));
+  }
+  EXPECT_FALSE(anythingRan());
+}
+
+// A name that ends in a backslash reaches the copy commands as it is, where an
+// unprotected backslash would swallow the closing quote.
+TEST_F(OS_Shell, CopyTakesANameEndingInABackslashLiterally) {
+  ASSERT_TRUE(os_folder_create("src\\/sub"));
+  writeFile("src\\/f", "x");
+  ASSERT_TRUE(os_folder_copy("src\\", "dst\\", false));
+  EXPECT_TRUE(readFile("dst\\/f") == "x" && exists("dst\\/sub"));
+  // Into the existing target, read with "\\" as a separator: the nested folder is "dst\\c".
+  writeFile("src\\/g", "y");
+  keepingCopy("src\\", "dst\\");
+  EXPECT_TRUE(readFile("dst\\c/g") == "y" && readFile("dst\\c/f") == "x");
+  EXPECT_FALSE(anythingRan());
+}
+
+TEST_F(OS_Shell, FolderCommandsTakeNamesBeginningWithADashAsFolders) {
+  for (const char* name : kDashNames) {
+    SCOPED_TRACE(name);
+    const std::string source(name), copy = std::string("-c") + name, moved = std::string("-m") + name;
+    ASSERT_TRUE(os_folder_create((source + "/sub").c_str()));
+    writeFile(source + "/data", "d");
+    ASSERT_TRUE(os_folder_copy(name, copy.c_str(), false));
+    EXPECT_TRUE(readFile(copy + "/data") == "d" && exists(copy + "/sub"));
+    // Without a separator the nested folder is named by the last character: intended.
+    keepingCopy(name, copy.c_str());
+    EXPECT_EQ(readFile(copy + "/" + source.back() + "/data"), "d");
+    ASSERT_TRUE(os_folder_move(copy.c_str(), moved.c_str()));
+    EXPECT_TRUE(!exists(copy) && readFile(moved + "/data") == "d");
+    EXPECT_TRUE(os_folder_remove(name, true) && os_folder_remove(moved.c_str(), true));
+    EXPECT_FALSE(exists(source) || exists(moved));
+  }
+}
+
+// A program named with shell syntax is found by its name; its status stays ours.
+TEST_F(OS_Shell, KillMatchesTheLiteralNameAndLeavesTheChildToItsParent) {
+  for (const char* name : kHostileNames) EXPECT_FALSE(os_system_kill_application(name)) << name;
+  EXPECT_FALSE(os_system_kill_application("trailing\\") || anythingRan());
+  const std::string name = "k\"'$;|&*`\\" + std::to_string(getpid() % 1000);
+  ASSERT_EQ(symlink("/bin/sleep", name.c_str()), 0);
+  EXPECT_TRUE(os_system_run_application((m_dir / name).c_str(), "30", false));
+  EXPECT_TRUE(waitUntil([&] { return os_system_kill_application(name.c_str()); })) << "not found by its name in 5 s";
+  int status = 0;
+  EXPECT_TRUE(waitUntil([&] { return waitpid(-1, &status, WNOHANG) > 0; }) && WTERMSIG(status) == SIGKILL);
+  EXPECT_FALSE(os_system_kill_application(name.c_str())) << "killed twice";
 }

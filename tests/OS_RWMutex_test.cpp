@@ -1,5 +1,4 @@
-// What sets the reader/writer mutex apart; what it shares with every kind is
-// in SyncContract_test.cpp.
+// What sets the reader/writer mutex apart; the rest is in SyncContract_test.cpp.
 
 #include "TestSupport.h"
 
@@ -57,9 +56,8 @@ TEST_P(RWMutex, AWriterWaitsForTheLastReaderAndIsAloneInside) {
 INSTANTIATE_TEST_SUITE_P(Both, RWMutex, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Process" : "Thread"; });
 
-// Counts that no live holder accounts for: a reader entry of the dead, one
-// with a negative token, untracked readers beyond the count, a writer flag
-// without a writer, and the other way round.
+// Counts that no live holder accounts for: a dead reader, a negative token, untracked
+// readers beyond the count, a writer flag without a writer, and the other way round.
 TEST_F(NamedRWMutex, ADamagedBlockIsRepairedNotFollowedIntoAHang) {
   using Block = internal::RWMutexBlock;
   std::string name = uniqueName("rw");

@@ -16,8 +16,7 @@ extern "C" void __lsan_enable() __attribute__((weak));
 
 static termios g_asked;
 
-// The pseudo-terminal driver forces 8 data bits and drops PARENB whatever it
-// is asked, so the settings asked for are also recorded on their way to it.
+// A pseudo-terminal forces 8 data bits and drops PARENB: what was asked is recorded.
 extern "C" int tcsetattr(int fd, int action, const termios* settings) noexcept {
   static const auto real = reinterpret_cast<int (*)(int, int, const termios*)>(dlsym(RTLD_NEXT, "tcsetattr"));
   g_asked = *settings;
@@ -28,8 +27,7 @@ namespace {
 
 using Bytes = std::basic_string<unsigned char>;
 
-// A pseudo-terminal pair: the test holds the master, the library opens the
-// slave by its path as it would a serial device.
+// The library opens a pseudo-terminal's slave as a serial device; the test holds the master.
 class SerialLine : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(grantpt(m_master) | unlockpt(m_master), 0); }
@@ -51,9 +49,7 @@ class SerialLine : public ::testing::Test {
 }  // namespace
 
 TEST_F(SerialLine, OpenConfiguresTheLine) {
-  // Each row starts from what the row before left on the line (a fresh line is
-  // cooked), so every bit that one row sets the next must clear. The expected
-  // cflag covers PARENB, CSTOPB and, with PARENB, PARODD.
+  // Each row starts from what the row before left, so it must clear what that one set.
   const std::tuple<BYTE, BYTE, tcflag_t, bool, const char*> cases[] = {
       {ODDPARITY, TWOSTOPBITS, PARENB | PARODD | CSTOPB, true, ""}, {EVENPARITY, ONESTOPBIT, PARENB, true, ""},
       {NOPARITY, TWOSTOPBITS, CSTOPB, false, ""}, {SPACEPARITY, ONESTOPBIT, 0, true, ""},
@@ -96,9 +92,7 @@ TEST_F(SerialLine, WriteDeliversRawBytes) {
   ASSERT_EQ(poll(&p, 1, 2000), 1);
   EXPECT_EQ(Bytes(buf, read(m_master, buf, sizeof(buf))), frame);  // and nothing of the refused writes
 
-  // The line still holds all eight bytes, and no header turns up among the
-  // first six: the read keeps its one-frame buffer allocated (intended). The
-  // pointer never reaches the caller, so LeakSanitizer is told to ignore it.
+  // No header among the first six bytes: the read keeps its buffer (intended), unseen by LeakSanitizer.
   if (__lsan_disable != nullptr) __lsan_disable();
   EXPECT_EQ(os_serial_read(m_fd, buf, 6, header, 2, 100, 500), -1);
   if (__lsan_enable != nullptr) __lsan_enable();
@@ -124,8 +118,7 @@ TEST_F(SerialLine, ReadDeliversTheFrameAfterItsHeader) {
 
   feed({5, 6});
   close(std::exchange(m_master, -1));
-  // Read aside so that a read spinning on the dead line cannot hang the test:
-  // closing the descriptor sets it free.
+  // Aside, so that a read spinning on the dead line cannot hang the test.
   std::atomic<int> got{-2};
   std::thread reader([&] { got = os_serial_read(m_fd, buf, 10, nullptr, 0, 5000, 500); });
   const bool ended = testsupport::waitUntil([&] { return got != -2; }, 3.0);

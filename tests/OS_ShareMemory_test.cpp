@@ -53,15 +53,6 @@ static int onSmallShm(const std::function<int()>& body) {
   });
 }
 
-// Takes every free block of /dev/shm into one file; removing it frees them.
-static void fillShm(const char* path) {
-  FILE* filler = fopen(path, "w");
-  static char page[4096];
-  while (filler != nullptr && fwrite(page, 1, sizeof page, filler) == sizeof page && fflush(filler) == 0) {
-  }
-  if (filler != nullptr) fclose(filler);
-}
-
 TEST(OS_ShareMemory, AFullFileSystemRefusesABlockWithEnospcInsteadOfABusError) {
   int result = onSmallShm([] {
     std::string name = uniqueName("big");
@@ -82,7 +73,9 @@ TEST(OS_ShareMemory, AFullFileSystemRefusesABlockWithEnospcInsteadOfABusError) {
 TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystem) {
   int result = onSmallShm([] {
     if (!os_sync_environment_initialize(false)) return 2;
-    fillShm("/dev/shm/filler");
+    static char page[4096];  // every free block of /dev/shm into one file
+    for (FILE* filler = fopen("/dev/shm/filler", "w"); filler != nullptr;)
+      if (fwrite(page, 1, sizeof page, filler) != sizeof page || fflush(filler) != 0) filler = (fclose(filler), nullptr);
     std::string name = uniqueName("full");
     mutex_handle* refused = namedMutex(name);
     EXPECT_FALSE(os_mutex_is_attached(refused));

@@ -1,9 +1,6 @@
-// The sync manager and its request protocol, also when something dies: a
-// client holding the machine's request lock, a manager, or clients at random.
+// The sync manager and its request protocol, also when a client or the manager dies.
 
 #include "TestSupport.h"
-
-namespace internal = ostrelled::internal;
 
 using namespace testsupport;
 
@@ -14,9 +11,7 @@ using ManagerProcess = NoManager;
 
 unsigned char* bytesOf(sharememory_handle* b) { return static_cast<unsigned char*>(os_sharememory_get_buffer(b)); }
 
-// Writes a request record by hand (the name, if any, after the words) and
-// posts it with bare semaphore calls; the client only opens the names.
-// Returns the finish posts seen: the first within 2 s, any further one within 50 ms.
+// Posts a request record written by hand; the finish posts seen (the first within 2 s).
 int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char* name = nullptr) {
   unsigned char* area = bytesOf(raw.manager_memory_handle);
   if (name != nullptr) memcpy(area + 4 * words.size(), name, strlen(name) + 1);
@@ -58,8 +53,7 @@ TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   EXPECT_FALSE(shmExists(name));
   os_sharememory_destroy(block);
 
-  // A name of 1023 characters is sent in full (and then refused by /dev/shm); one of 1024 is never sent.
-  // Sent by another process: the manager's own process is served without the area.
+  // 1023 characters are sent in full (/dev/shm refuses them), 1024 never; from another process.
   std::string longest(1023, 'a');
   for (const std::string& tooLong : {longest, std::string(1024, 'b')}) {
     EXPECT_EQ(runChild([&] {
@@ -74,32 +68,25 @@ TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   }
 }
 
-TEST_F(SyncManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecondWithNobodyWaiting) {
+// Given back by the manager with nobody waiting, and taken over by a client that waits.
+TEST_F(SyncManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecond) {
   internal::CSyncClient client;
   ASSERT_TRUE(client.create(true));
-  Holder holder([&] { client.lock(); }, [&] { client.unlock(); });
-  ASSERT_TRUE(holder.held()) << "the holder did not take the request lock in 5 s";
-  EXPECT_FALSE(requestLockFree());
-  holder.kill();
-  EXPECT_TRUE(waitUntil(requestLockFree, 1.0 + kLateSlack)) << "the manager did not give back what the dead holder took";
-  mutex_handle* mutex = namedMutex(uniqueName("after"));
-  EXPECT_TRUE(os_mutex_is_attached(mutex));
-  os_mutex_destroy(mutex);
-}
-
-TEST_F(SyncManager, AWaitingClientTakesOverFromAHolderThatDied) {
-  internal::CSyncClient client;
-  ASSERT_TRUE(client.create(true));
-  Holder holder([&] { client.lock(); }, [&] { client.unlock(); });
-  ASSERT_TRUE(holder.held()) << "the holder did not take the request lock in 5 s";
-  auto waiter = startWaiters(1, [&](int) {
-    mutex_handle* mutex = namedMutex(uniqueName("waiter"));
-    bool attached = os_mutex_is_attached(mutex);
-    os_mutex_destroy(mutex);
-    return attached;
-  });
-  holder.kill();
-  EXPECT_TRUE(waiter->allFinish(2.0 + kLateSlack) && waiter->succeeded == 1) << "the waiting client was not served";
+  for (bool waiting : {false, true}) {
+    const char* who = waiting ? "with a client waiting" : "with nobody waiting";
+    Holder holder([&] { client.lock(); }, [&] { client.unlock(); });
+    ASSERT_TRUE(holder.held()) << who << ": the holder did not take the request lock in 5 s";
+    EXPECT_FALSE(requestLockFree()) << who;
+    auto waiter = startWaiters(waiting, [&](int) {
+      mutex_handle* mutex = namedMutex(uniqueName("waiter"));
+      bool attached = os_mutex_is_attached(mutex);
+      os_mutex_destroy(mutex);
+      return attached;
+    });
+    holder.kill();
+    EXPECT_TRUE(waitUntil(requestLockFree, 1.0 + kLateSlack)) << who << ": what the dead holder took was not given back";
+    EXPECT_TRUE(waiter->allFinish(2.0 + kLateSlack) && waiter->succeeded == waiting) << who << ": the client was not served";
+  }
 }
 
 TEST_F(SyncManager, ClientsKilledAtRandomNeverStopTheOthers) {
@@ -114,13 +101,14 @@ TEST_F(SyncManager, ClientsKilledAtRandomNeverStopTheOthers) {
   EXPECT_TRUE(loop.killRandomly(12, 7));
 }
 
-TEST_F(ManagerProcess, AKilledManagerIsReplaced) {
+TEST_F(ManagerProcess, AKilledManagerIsReplacedAndAnswersNoPingMeanwhile) {
   pid_t manager = startManagerChild();
   std::string name = uniqueName("takeover");
   mutex_handle* old = namedMutex(name);
   kill(manager, SIGKILL);
   EXPECT_EQ(waitChild(manager), 128 + SIGKILL);
   ASSERT_TRUE(os_mutex_is_attached(old));
+  EXPECT_FALSE(os_sync_environment_ping(100)) << "the dead manager's names answered a ping";
 
   // Its names remain and nobody answers: each attach gives up after one request period.
   for (int i = 0; i < 3; ++i) {
@@ -131,8 +119,7 @@ TEST_F(ManagerProcess, AKilledManagerIsReplaced) {
     os_mutex_destroy(orphan);
   }
 
-  // A new manager serves at once and recreates the dead one's block cleared:
-  // the newcomer initialises it.
+  // A new manager serves at once and recreates the dead one's block cleared.
   auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(os_sync_environment_initialize(false));
   EXPECT_TRUE(os_sync_environment_ping(500));
@@ -144,21 +131,4 @@ TEST_F(ManagerProcess, AKilledManagerIsReplaced) {
   os_mutex_destroy(old);  // its count was cleared under it: the name is left alone
   os_sync_environment_uninitialize();
   EXPECT_FALSE(os_sync_environment_initialize(true)) << "the stop did not remove every name";
-}
-
-TEST_F(ManagerProcess, PingAnswersOnlyForAManagerThatServes) {
-  EXPECT_FALSE(os_sync_environment_ping(100)) << "no manager names";
-  pid_t manager = startManagerChild();
-  EXPECT_TRUE(os_sync_environment_ping(100));
-  kill(manager, SIGSTOP);
-  int status = 0;
-  waitpid(manager, &status, WUNTRACED);  // stopped for sure before the ping
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(os_sync_environment_ping(100)) << "a stopped manager answered";
-  EXPECT_LT(secondsSince(start), 0.1 + kLateSlack) << "the ping of a stopped manager went on";
-  kill(manager, SIGCONT);
-  EXPECT_TRUE(waitUntil([] { return os_sync_environment_ping(100); }, 2.0)) << "no answer within 2 s of SIGCONT";
-  kill(manager, SIGKILL);
-  waitChild(manager);
-  EXPECT_FALSE(os_sync_environment_ping(100)) << "names left behind, nobody answers";
 }

@@ -1,11 +1,8 @@
 #ifndef OSTRELLED_TESTS_REPLACEDALLOCATOR_H
 #define OSTRELLED_TESTS_REPLACEDALLOCATOR_H
 
-// Replaces the global allocator of the one test program that includes it:
-// every allocation of the process is counted, the library's included, and the
-// calling thread's allocations fail once gAllowedAllocations reaches 0 (-1:
-// none fail). Left out of ThreadSanitizer builds, whose own allocator it would
-// displace.
+// Counts every allocation of the process; the calling thread's fail once
+// gAllowedAllocations reaches 0 (-1: none fail).
 
 #include <cstdlib>
 #include <new>

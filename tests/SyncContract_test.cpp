@@ -1,6 +1,4 @@
-// What every synchronisation kind promises, one body per behaviour over the
-// table of kinds in SyncKinds.h: anonymous kinds are held by another thread,
-// named ones by another process.
+// What every synchronisation kind promises, over the table in SyncKinds.h.
 #include "SyncKinds.h"
 
 using namespace testsupport;
@@ -88,8 +86,6 @@ TEST_P(SyncContract, UntimedTakeUnderASignalStormLastsUntilTheHolderLetsGo) {
   m_object->give();
 }
 
-// A destroyed (null) handle, a name of 1024 characters, a System V set asked
-// for in real-time mode, and a name with no manager to serve it.
 TEST_P(SyncContract, UnusableHandlesRefuseEverything) {
   std::vector<std::pair<std::string, std::unique_ptr<SyncObject>>> unusable;
   unusable.emplace_back("null", GetParam()(m_name));
@@ -139,8 +135,7 @@ TEST_P(OwnedSyncContract, AHolderKilledWhileHoldingIsRecoveredByTheNextTaker) {
   }
 }
 
-// Two processes start together after the holder was killed; the first to take
-// it repairs it, and neither loses an update of the other after that.
+// The first of two takers repairs it; neither loses an update of the other after that.
 TEST_P(OwnedSyncContract, TakersAfterAKilledHolderStillExcludeEachOther) {
   SyncObject* object = m_object.get();
   {

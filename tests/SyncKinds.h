@@ -1,19 +1,13 @@
 #ifndef OSTRELLED_TESTS_SYNCKINDS_H
 #define OSTRELLED_TESTS_SYNCKINDS_H
 
-// Every synchronisation kind behind one face, for the tests that hold for all
-// of them: a token that one holder takes and gives back. A mutex is locked and
-// unlocked; a reader/writer mutex is taken by a writer (a holder may take it
-// as a reader); a semaphore starts with one unit that a wait takes and a
-// release gives back; an event starts set, a wait consumes the set (a manual
-// one is reset by its taker) and a set gives it back.
+// Every synchronisation kind as a token that one holder takes and gives back:
+// a semaphore of one unit; an event that starts set, consumed by a wait.
 
 #include <memory>
 #include <vector>
 
 #include "TestSupport.h"
-
-namespace internal = ostrelled::internal;
 
 namespace testsupport {
 

@@ -1,11 +1,8 @@
 #ifndef OSTRELLED_TESTS_TESTSUPPORT_H
 #define OSTRELLED_TESTS_TESTSUPPORT_H
 
-// What the tests share: deadlines and polling, child processes (held objects,
-// kill loops, containers in PID namespaces of their own), signal storms,
-// temporary directories, the sync manager and its machine-wide names, and the
-// byte layouts of named blocks. The private headers that tests reach into are
-// included here only, with the headers that most tests use.
+// What the tests share: deadlines, child processes, holders, kill loops,
+// containers, signal storms, temporary directories and the sync manager.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -35,6 +32,7 @@
 #include <thread>
 #include <vector>
 
+#include <ostrelled/OS_Clock.h>
 #include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_RWMutex.h>
@@ -47,24 +45,12 @@
 #include "OS/internal/MutexHandle.h"
 #include "OS/internal/SemaphoreKinds.h"
 #include "OS/internal/SyncProtocol.h"
-#include "OS/internal/Private.h"
 
 namespace internal = ostrelled::internal;
 
 namespace testsupport {
 
-// Whether this build runs under ThreadSanitizer, whose own stacks and
-// interceptors some tests have to allow for.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-
-// How much later than its deadline a wait may end on a loaded machine of two
-// cores; a wait must not end before it (a millisecond is allowed for clocks).
+// How much later than its deadline a wait may end on a loaded 2-core machine.
 constexpr double kLateSlack = 1.5;
 
 inline double secondsSince(const std::chrono::steady_clock::time_point& start) {
@@ -81,32 +67,29 @@ inline bool waitUntil(const std::function<bool()>& pred, double seconds = 5.0) {
 
 // The CLOCK_MONOTONIC time millis from now (negative: in the past).
 inline timespec deadlineIn(long millis) {
-  timespec t = internal::monotonicNow();
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
   t.tv_nsec += millis * 1000000L;
   os_clock_adjust_clock_time(&t);
   return t;
 }
 
-// Empty when a wait that started at start and was to end millis later did so
-// within the slack; else how long it took.
+// Empty when a wait of millis from start ended within the slack; else how long it took.
 inline std::string endedAtDeadline(const std::chrono::steady_clock::time_point& start, long millis) {
   double seconds = secondsSince(start);
   bool inTime = seconds >= millis / 1000.0 - 0.001 && seconds < millis / 1000.0 + kLateSlack;
   return inTime ? "" : "a wait of " + std::to_string(millis) + " ms took " + std::to_string(seconds) + " s";
 }
 
-// A fixed sleep, for tests that check that nothing happens within a time.
 inline void watchNothingHappenFor100ms() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
 
-// Forks a child that runs body and _exits with its result.
 inline pid_t startChild(const std::function<int()>& body) {
   pid_t pid = fork();
   if (pid == 0) _exit(body());
   return pid;
 }
 
-// Waits for a child with a deadline; a child that overstays is killed with
-// SIGKILL. Returns its exit code, 128 + signal when killed, or -1 on error.
+// Its exit code, or 128 + signal; a child that overstays is killed.
 inline int waitChild(pid_t pid, double seconds = 10.0) {
   int status = -1;  // neither exited nor signalled: what an error leaves
   if (!waitUntil([&] { return waitpid(pid, &status, WNOHANG) != 0; }, seconds)) {
@@ -120,9 +103,7 @@ inline int runChild(const std::function<int()>& body, double seconds = 10.0) {
   return waitChild(startChild(body), seconds);
 }
 
-// Runs wait() while another thread sends the waiting thread SIGUSR1 every
-// period (handled without SA_RESTART, so a call in progress sees EINTR),
-// for 20 s at most. Returns how long wait() took; *signals gets how many came.
+// How long wait() took while its thread got SIGUSR1 (no SA_RESTART) every period.
 inline double secondsUnderSignals(const std::function<void()>& wait, std::chrono::milliseconds period,
                                   int* signals = nullptr) {
   static std::atomic<int> seen{0};
@@ -158,8 +139,7 @@ struct SharedFlags {
   bool reaches(int i, int value, double seconds = 10.0) { return waitUntil([&] { return at[i] >= value; }, seconds); }
 };
 
-// Threads that each run one wait(i), counted when it returns. They are
-// detached, so that a wait that never returns fails its test instead of hanging it.
+// Detached threads running wait(i): one that never returns fails its test, not hangs it.
 struct Waiters {
   std::atomic<int> finished{0}, succeeded{0};
   int count = 0;
@@ -176,9 +156,7 @@ inline std::shared_ptr<Waiters> startWaiters(int count, const std::function<bool
   return waiters;
 }
 
-// A holder that takes an object with lock() and holds it until it is told to
-// let go (then it runs unlock()) or, in a child process, is killed. In a
-// thread it uses the test's own handle; in a child, its copy from the fork.
+// Holds an object (lock()) in a child or thread until told to let go (unlock()) or killed.
 class Holder {
  public:
   Holder(const std::function<void()>& lock, const std::function<void()>& unlock, bool inChild = true) {
@@ -214,11 +192,7 @@ class Holder {
   std::thread m_thread;
 };
 
-// Processes that keep using one object while some of them are killed with
-// SIGKILL at random moments. Each child runs its role's round in a loop and
-// counts the rounds on a shared page; a killed child is replaced by a new one
-// of the same role. The children use the handles the parent made before it
-// forked, so no attach is ever cut short.
+// Children running their roles in loops, counting rounds, killed at random and replaced.
 class KillLoop {
  public:
   explicit KillLoop(std::vector<std::function<void()>> roles) : m_roles(std::move(roles)) {
@@ -228,9 +202,7 @@ class KillLoop {
     for (pid_t pid : m_pids) waitChild(pid, 0.0);  // kills each child, which never ends by itself
   }
 
-  // Every child completes a round within `seconds` from now. The request lock
-  // is not fair: a child just started may wait behind the others' tight loops,
-  // the longer the busier the machine.
+  // The request lock is not fair: a new child may wait long behind the others.
   ::testing::AssertionResult allProgress(double seconds = 10.0) {
     for (size_t slot = 0; slot < m_roles.size(); ++slot)
       if (!m_rounds.reaches(int(slot), m_rounds[int(slot)] + 1, seconds))
@@ -238,8 +210,6 @@ class KillLoop {
     return ::testing::AssertionSuccess();
   }
 
-  // Kills a random child at a random moment, `kills` times, replacing it and
-  // checking after each kill that every child, old and new, makes progress.
   ::testing::AssertionResult killRandomly(int kills, unsigned int seed = 1) {
     std::mt19937 random(seed);
     for (int kill = 0; kill < kills; ++kill) {
@@ -271,10 +241,7 @@ class KillLoop {
   SharedFlags m_rounds;
 };
 
-// A process in a PID namespace of its own, as in a container that shares
-// /dev/shm and the IPC namespace with the host: body runs there as pid 1. With
-// ownProc it also gets a mount namespace with its own /proc, which then shows
-// only its namespace. Killing it ends the whole namespace.
+// body as pid 1 of its own PID namespace (sharing /dev/shm and IPC), with ownProc its own /proc.
 class Container {
  public:
   static constexpr int kRefused = 77;  // unshare was not permitted
@@ -294,12 +261,10 @@ class Container {
     });
   }
   ~Container() { kill(); }
-  // Its exit status (kRefused when namespaces are refused), 128 + signal when killed.
   int wait(double seconds = 20.0) {
     if (m_status == -2) m_status = waitChild(m_launcher, seconds);
     return m_status;
   }
-  // Ends everything in the namespace and reaps it.
   void kill() {
     if (m_status != -2) return;
     int status = 0;
@@ -311,7 +276,6 @@ class Container {
     wait();
   }
 
-  // Whether this machine gives a process a PID namespace of its own.
   static bool permitted() { return Container([] { return 0; }).wait() == 0; }
 
  private:
@@ -320,8 +284,7 @@ class Container {
   int m_status = -2;
 };
 
-// A fresh directory under /tmp, removed with everything in it.
-// When entered, the directory is also the working directory for its lifetime.
+// A fresh directory under /tmp, removed with its contents; entered, the working directory.
 struct TempDirectory {
   explicit TempDirectory(bool enter = false) : previous(enter ? std::filesystem::current_path() : "") {
     char pattern[] = "/tmp/ostrelled_test_XXXXXX";
@@ -350,13 +313,11 @@ inline std::string readFile(const std::string& path) {
   return content.str();
 }
 
-// A name no other test process uses: tag, pid and a running number.
 inline std::string uniqueName(const char* tag) {
   static int next = 0;
   return "ostrelled_test_" + std::string(tag) + "_" + std::to_string(getpid()) + "_" + std::to_string(next++);
 }
 
-// The size of a shared-memory object in /dev/shm; -1 when it is not there.
 inline off_t shmSize(const std::string& name) {
   struct stat st;
   return stat(internal::shmPath(name).c_str(), &st) == 0 ? st.st_size : -1;
@@ -372,7 +333,6 @@ inline int managerNamesLeft() {
   return left;
 }
 
-// A program of the build tree's tools/ folder.
 inline std::string toolPath(const char* tool) {
   char self[PATH_MAX];
   ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
@@ -385,7 +345,6 @@ struct ToolRun {
   std::string out;
 };
 
-// Runs a shell command line and collects its standard output.
 inline ToolRun runTool(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   ToolRun run{-1, ""};
@@ -398,12 +357,10 @@ inline ToolRun runTool(const std::string& command) {
 
 inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-// A named mutex of the default kind, the object most tests about the manager use.
 inline mutex_handle* namedMutex(const std::string& name, unsigned int flags = DEFAULT_MUTEX_ATTRIBUTE) {
   return os_mutex_create(flags, USE_STD, name.c_str());
 }
 
-// True when a manager somewhere answers a request within half a second.
 inline bool liveManagerAnswers() { return os_sync_environment_ping(500); }
 
 // Whether the request lock is free: the enabled semaphore given back and no holder recorded.
@@ -417,7 +374,6 @@ inline bool requestLockFree() {
   return free;
 }
 
-// A manager in a child process, so that it can be stopped or killed.
 inline pid_t startManagerChild() {
   pid_t manager = startChild([] {
     if (os_sync_environment_initialize(false)) pause();
@@ -435,8 +391,7 @@ class NoManager : public ::testing::Test {
   }
 };
 
-// Hosts the manager in the test process for the length of one test; forked
-// children are plain clients.
+// The manager hosted in the test process for one test.
 class HostedManager : public NoManager {
  protected:
   void SetUp() override {

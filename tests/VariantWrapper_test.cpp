@@ -4,8 +4,7 @@
 
 namespace {
 
-// A handle over a borrowed value with both interfaces taken out before the value is set
-// (so they must follow it) and before any test narrows the mode.
+// Both interfaces taken out before the value is set (they must follow it) and the mode narrowed.
 struct Wrapped {
   explicit Wrapped(TVARIANT* value) {
     variant_wrapper_set_mode(handle, true, true);

@@ -58,14 +58,7 @@ TEST(VariantConversion, MatrixIncludingItsDeliberateFailures) {
       {CVariant(5L), TVT_BOOL, CVariant(true)},
       {CVariant(5LL), TVT_BOOL, {}},
       {CVariant(5ULL), TVT_BOOL, {}},
-      // text: the length word counts the terminator
-      {CVariant(LONG_MIN), TVT_BSTR, CVariant("-9223372036854775808")},
-      // parsing: base 0, leading space and sign accepted, trailing text ignored
-      {CVariant(" 12abc"), TVT_INT, CVariant(12)},
-      {CVariant("0x1f"), TVT_INT, CVariant(31)},
-      {CVariant("017"), TVT_I2, CVariant(short(15))},
-      {CVariant("-1"), TVT_UI4, CVariant(ULONG_MAX)},
-      {CVariant("true"), TVT_BOOL, CVariant(false)},
+      // text in both directions: the fuzz target variant_text_fuzz, against the C library
       // nothing converts to TVT_NULL; TVT_NULL only changes its tag
       {CVariant("x"), TVT_NULL, {}},
       {CVariant(), TVT_BSTR, CVariant(LPBSTRUNIT())},

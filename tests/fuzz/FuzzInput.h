@@ -1,8 +1,7 @@
 #ifndef OSTRELLED_TESTS_FUZZ_FUZZINPUT_H
 #define OSTRELLED_TESTS_FUZZ_FUZZINPUT_H
 
-// What every fuzz target shares: reading values out of the fuzzer's bytes, and
-// the check that turns a wrong result into a crash the fuzzer reports.
+// Reading values out of the fuzzer's bytes, and the check that crashes on a wrong result.
 
 #include <stdint.h>
 #include <stdio.h>
@@ -16,8 +15,6 @@
 
 namespace fuzz {
 
-// A wrong result: printed with the input's own words, then abort(), which
-// libFuzzer reports and keeps as a crash input.
 inline void check(bool holds, const char* what, const std::string& detail = std::string()) {
   if (holds) return;
   fprintf(stderr, "mismatch: %s [%s]\n", what, detail.c_str());
@@ -68,8 +65,7 @@ class Input {
   size_t m_size;
 };
 
-// A caller's own counted-string block of the given bytes, made as the library
-// makes them (a 32-bit length word, then the bytes); freed with freeUnit.
+// A caller's counted-string block (a 32-bit length word, then the bytes); freed with freeUnit.
 inline LPBSTRUNIT newUnit(const std::string& bytes) {
   char* unit = new char[bytes.size() + 4];
   const int length = static_cast<int>(bytes.size());

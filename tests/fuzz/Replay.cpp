@@ -1,5 +1,4 @@
-// Runs a fuzz target over the inputs in one directory, without libFuzzer: the
-// plain suite's check that every committed seed still agrees with the oracle.
+// Runs a fuzz target over the seeds in one directory, without libFuzzer.
 #include <stdint.h>
 #include <stdio.h>
 

@@ -19,8 +19,7 @@ void checkHolds(bstr_handle* handle, const Value& expected) {
               "value bytes", *expected);
 }
 
-// Sets a handle from text, from data or from a caller's block (perhaps none);
-// returns what it must then hold.
+// Sets a handle from text, data or a caller's block (perhaps none); returns what it then holds.
 Value setFrom(fuzz::Input& in, bstr_handle* handle, int how) {
   const std::string bytes = in.text();
   if (how == 0) {

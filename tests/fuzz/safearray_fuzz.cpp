@@ -1,6 +1,5 @@
-// Sequences of safe-array operations, string elements included, checked after
-// every step against a model of the elements. Copies of string arrays are not
-// taken: the units inside a released copy are kept on purpose, and would leak.
+// Safe-array operations checked after every step against a model. No copies of
+// string arrays: the units in a released copy are kept on purpose, and would leak.
 
 #include <optional>
 #include <vector>
