@@ -5,8 +5,6 @@
 
 #include "ReplacedAllocator.h"
 
-using namespace testsupport;
-
 using NamedCreate = NoManager;
 
 TEST_F(NamedCreate, ACreateThatFailsToAllocateLeavesNothingBehind) {

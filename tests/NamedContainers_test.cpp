@@ -1,8 +1,6 @@
 // Named objects between PID namespaces that share /dev/shm and IPC, and reused process ids.
 #include "SyncKinds.h"
 
-using namespace testsupport;
-
 namespace {
 
 class Containers : public HostedManager {

@@ -2,8 +2,6 @@
 
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 namespace {
 
 using Ctl = HostedManager;

@@ -6,8 +6,6 @@
 
 #include "SyncKinds.h"
 
-using namespace testsupport;
-
 namespace {
 
 std::string daemonPath() { return toolPath("ostrelled-syncd"); }
@@ -20,15 +18,36 @@ class SyncDaemon : public NoManager {
   }
 };
 
-// The daemon, its output appended to log, reporting its state to notifySocket if given.
-pid_t startDaemon(const std::string& log, const std::string& notifySocket = "") {
+// Accounts by numeric ids that no real account uses; the group is "users".
+struct Account {
+  uid_t uid;
+  gid_t gid;
+  std::vector<gid_t> groups;
+
+  bool become() const {
+    return setgroups(groups.size(), groups.data()) == 0 && setresgid(gid, gid, gid) == 0 &&
+           setresuid(uid, uid, uid) == 0;
+  }
+  std::string prefix() const {
+    std::string list;
+    for (gid_t each : groups) list += (list.empty() ? "" : ",") + std::to_string(each);
+    return "setpriv --reuid=" + std::to_string(uid) + " --regid=" + std::to_string(gid) +
+           (list.empty() ? " --clear-groups " : " --groups=" + list + " ");
+  }
+};
+
+// The daemon, its output appended to log, reporting its state to notifySocket if given; with an
+// account, run as the packaged unit runs it: that account, --group users, umask 0077.
+pid_t startDaemon(const std::string& log, const std::string& notifySocket = "", const Account* as = nullptr) {
   std::string path = daemonPath();
   return startChild([&] {
     if (!notifySocket.empty()) setenv("NOTIFY_SOCKET", notifySocket.c_str(), 1);
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     dup2(fd, 1);
     dup2(fd, 2);
-    execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
+    if (as != nullptr) umask(0077);
+    if (as != nullptr && !as->become()) return 126;
+    execl(path.c_str(), path.c_str(), as != nullptr ? "--group" : nullptr, "users", static_cast<char*>(nullptr));
     return 127;
   });
 }
@@ -87,10 +106,8 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   int status = 0;
   waitpid(first, &status, WUNTRACED);
   auto start = std::chrono::steady_clock::now();
-  mutex_handle* mutex = namedMutex(name);
+  EXPECT_FALSE(attaches(name)) << "attached with the manager stopped";
   EXPECT_GE(secondsSince(start), 0.099) << "a stopped manager did not get its full time";
-  EXPECT_FALSE(os_mutex_is_attached(mutex));
-  os_mutex_destroy(mutex);
   EXPECT_EQ(waitChild(startDaemon(log)), 1) << "a second daemon started beside a stopped one";
   EXPECT_TRUE(contains(readFile(log), "already running")) << readFile(log);
   kill(first, SIGCONT);
@@ -103,9 +120,7 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
       for (std::string mine = name + std::to_string(c); flags[1] == 0;) {
         bool killed = flags[0] != 0;
         auto call = std::chrono::steady_clock::now();
-        mutex_handle* handle = namedMutex(mine);
-        bool attached = os_mutex_is_attached(handle);
-        os_mutex_destroy(handle);
+        bool attached = attaches(mine);
         int micros = static_cast<int>(secondsSince(call) * 1e6);
         if (killed && !attached) {
           ++flags[2 + c];
@@ -134,24 +149,6 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
 }
 
 namespace {
-
-// Accounts by numeric ids that no real account uses; the group is "users".
-struct Account {
-  uid_t uid;
-  gid_t gid;
-  std::vector<gid_t> groups;
-
-  bool become() const {
-    return setgroups(groups.size(), groups.data()) == 0 && setresgid(gid, gid, gid) == 0 &&
-           setresuid(uid, uid, uid) == 0;
-  }
-  std::string prefix() const {
-    std::string list;
-    for (gid_t each : groups) list += (list.empty() ? "" : ",") + std::to_string(each);
-    return "setpriv --reuid=" + std::to_string(uid) + " --regid=" + std::to_string(gid) +
-           (list.empty() ? " --clear-groups " : " --groups=" + list + " ");
-  }
-};
 
 // One named object of every kind under one prefix.
 struct EveryKind {
@@ -190,7 +187,6 @@ int outsiderGetsIn(const std::string& prefix) {
 
 }  // namespace
 
-// A manager run as the packaged unit runs it: --group users, a service account, umask 0077.
 class SyncDaemonWithAGroup : public NoManager {
  protected:
   void SetUp() override {
@@ -202,15 +198,7 @@ class SyncDaemonWithAGroup : public NoManager {
     service = {61001, g, {}}, member = {61002, 61002, {g}}, other = {61004, 61004, {g}}, outsider = {61003, 61003, {}};
     if (runChild([&] { return outsider.become() ? 0 : 1; }) != 0 || system("setpriv --version >/dev/null 2>&1") != 0)
       GTEST_SKIP() << "accounts cannot be switched here (needs root and setpriv)";
-    std::string path = daemonPath();
-    m_daemon = startChild([&] {
-      int fd = open("/dev/null", O_WRONLY);
-      dup2(fd, 1);
-      if (!service.become()) return 126;
-      umask(0077);
-      execl(path.c_str(), path.c_str(), "--group", "users", static_cast<char*>(nullptr));
-      return 127;
-    });
+    m_daemon = startDaemon("/dev/null", "", &service);
     ASSERT_TRUE(waitUntil(liveManagerAnswers, 10.0));
   }
   void TearDown() override {

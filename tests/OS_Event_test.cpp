@@ -1,8 +1,6 @@
 // What sets the event apart; the rest is in SyncContract_test.cpp.
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 namespace {
 
 // Every wake-up primitive: anonymous events always use a condition variable.

@@ -21,10 +21,10 @@ struct Recorder : IWalkThroughCallback {
 };
 
 TEST(OS_FileSystem, WalkVisitsInPreOrderWithinItsDepth) {
-  testsupport::TempDirectory dir(true);
+  TempDirectory dir(true);
   // top/{a, sub/{b, deeper/c}, link -> sub, fifo}
   for (const char* folder : {"top", "top/sub", "top/sub/deeper"}) mkdir(folder, 0755);
-  for (const char* file : {"top/a", "top/sub/b", "top/sub/deeper/c"}) testsupport::writeFile(file, "");
+  for (const char* file : {"top/a", "top/sub/b", "top/sub/deeper/c"}) writeFile(file, "");
   symlink("sub", "top/link");
   mkfifo("top/fifo", 0600);
   Recorder all, none, one;

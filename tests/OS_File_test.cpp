@@ -3,8 +3,6 @@
 #include <ostrelled/OS_File.h>
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 TEST(OS_File, BadPathsAreRefusedWithoutSystemCalls) {
   OS_FILE_TIME times{};
   for (const char* bad : {static_cast<const char*>(nullptr), ""}) {

@@ -6,8 +6,6 @@
 #include <ostrelled/OS_System.h>
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 // Each test works inside its own directory, so relative paths and anything a
 // broken command might create stay there.
 struct OS_Folder : ::testing::Test {

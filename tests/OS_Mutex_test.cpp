@@ -1,8 +1,6 @@
 // What sets the mutex apart; what it shares with every kind is in SyncContract_test.cpp.
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 using Mutex = HostedManager;
 
 TEST_F(Mutex, ANamedMutexKeepsItsFirstCreatorsFlags) {

@@ -2,8 +2,6 @@
 
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 namespace {
 
 // Threads that enter as readers and stay inside, or as writers that leave at once.

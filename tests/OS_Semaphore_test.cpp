@@ -3,8 +3,6 @@
 
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 namespace {
 
 enum Kind { Anonymous, NamedPosix, NamedSysV };

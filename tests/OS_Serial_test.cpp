@@ -113,7 +113,7 @@ TEST_F(SerialLine, ReadDeliversTheFrameAfterItsHeader) {
     const int got = os_serial_read(m_fd, buf, 10, header, withHeader ? 2 : 0, 120, 500);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), printed);
     EXPECT_EQ(Bytes(buf, got > 0 ? got : 0), frame);
-    EXPECT_TRUE(got == 10 || testsupport::secondsSince(start) >= 0.11);  // a short frame ends at the gap
+    EXPECT_TRUE(got == 10 || secondsSince(start) >= 0.11);  // a short frame ends at the gap
   }
 
   feed({5, 6});
@@ -121,7 +121,7 @@ TEST_F(SerialLine, ReadDeliversTheFrameAfterItsHeader) {
   // Aside, so that a read spinning on the dead line cannot hang the test.
   std::atomic<int> got{-2};
   std::thread reader([&] { got = os_serial_read(m_fd, buf, 10, nullptr, 0, 5000, 500); });
-  const bool ended = testsupport::waitUntil([&] { return got != -2; }, 3.0);
+  const bool ended = waitUntil([&] { return got != -2; }, 3.0);
   if (!ended) os_serial_close(m_fd);
   reader.join();
   EXPECT_TRUE(ended);

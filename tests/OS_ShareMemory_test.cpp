@@ -3,8 +3,6 @@
 
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 static unsigned char* bytes(sharememory_handle* h) { return static_cast<unsigned char*>(os_sharememory_get_buffer(h)); }
 
 // Run in a child that may not lock memory, so that every mapping has to do without.
@@ -77,13 +75,9 @@ TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystem) {
     for (FILE* filler = fopen("/dev/shm/filler", "w"); filler != nullptr;)
       if (fwrite(page, 1, sizeof page, filler) != sizeof page || fflush(filler) != 0) filler = (fclose(filler), nullptr);
     std::string name = uniqueName("full");
-    mutex_handle* refused = namedMutex(name);
-    EXPECT_FALSE(os_mutex_is_attached(refused));
-    os_mutex_destroy(refused);
+    EXPECT_FALSE(attaches(name)) << "attached with /dev/shm full";
     unlink("/dev/shm/filler");
-    mutex_handle* served = namedMutex(name);
-    EXPECT_TRUE(os_mutex_is_attached(served));
-    os_mutex_destroy(served);
+    EXPECT_TRUE(attaches(name)) << "not attached once /dev/shm had room again";
     os_sync_environment_uninitialize();
     return ::testing::Test::HasFailure() ? 1 : 0;
   });

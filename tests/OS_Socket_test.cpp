@@ -83,13 +83,13 @@ TEST_F(LoopbackTcp, ReceiveTimeoutBeyondASecondHolds) {
   auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(os_socket_recv(server, &value, sizeof(value), 0, USE_DEFAULT), -1);
   EXPECT_EQ(os_socket_get_errno_code(), EAGAIN);
-  EXPECT_GE(testsupport::secondsSince(start), 1.25);
-  EXPECT_LT(testsupport::secondsSince(start), 5.0);
+  EXPECT_GE(secondsSince(start), 1.25);
+  EXPECT_LT(secondsSince(start), 5.0);
 }
 
 TEST_F(LoopbackTcp, ASignalDoesNotShortenTheWait) {
   int code = 777, signals = 0;
-  double waited = testsupport::secondsUnderSignals(
+  double waited = secondsUnderSignals(
       [&] { EXPECT_FALSE(os_socket_readable(server, 400, &code, USE_DEFAULT)); }, std::chrono::milliseconds(100),
       &signals);
   EXPECT_GE(waited, 0.38);

@@ -2,8 +2,6 @@
 
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 namespace {
 
 using SyncManager = HostedManager;
@@ -56,13 +54,7 @@ TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   // 1023 characters are sent in full (/dev/shm refuses them), 1024 never; from another process.
   std::string longest(1023, 'a');
   for (const std::string& tooLong : {longest, std::string(1024, 'b')}) {
-    EXPECT_EQ(runChild([&] {
-                mutex_handle* mutex = namedMutex(tooLong);
-                bool attached = os_mutex_is_attached(mutex);
-                os_mutex_destroy(mutex);
-                return attached ? 1 : 0;
-              }),
-              0) << "a name of " << tooLong.size() << " characters was attached";
+    EXPECT_EQ(runChild([&] { return int(attaches(tooLong)); }), 0) << "a name of " << tooLong.size() << " characters was attached";
     EXPECT_EQ(reinterpret_cast<char*>(bytesOf(raw.manager_memory_handle) + internal::kCreateNameOffset), longest)
         << tooLong.size();
   }
@@ -77,12 +69,7 @@ TEST_F(SyncManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecond) {
     Holder holder([&] { client.lock(); }, [&] { client.unlock(); });
     ASSERT_TRUE(holder.held()) << who << ": the holder did not take the request lock in 5 s";
     EXPECT_FALSE(requestLockFree()) << who;
-    auto waiter = startWaiters(waiting, [&](int) {
-      mutex_handle* mutex = namedMutex(uniqueName("waiter"));
-      bool attached = os_mutex_is_attached(mutex);
-      os_mutex_destroy(mutex);
-      return attached;
-    });
+    auto waiter = startWaiters(waiting, [&](int) { return attaches(uniqueName("waiter")); });
     holder.kill();
     EXPECT_TRUE(waitUntil(requestLockFree, 1.0 + kLateSlack)) << who << ": what the dead holder took was not given back";
     EXPECT_TRUE(waiter->allFinish(2.0 + kLateSlack) && waiter->succeeded == waiting) << who << ": the client was not served";
@@ -113,10 +100,8 @@ TEST_F(ManagerProcess, AKilledManagerIsReplacedAndAnswersNoPingMeanwhile) {
   // Its names remain and nobody answers: each attach gives up after one request period.
   for (int i = 0; i < 3; ++i) {
     auto start = std::chrono::steady_clock::now();
-    mutex_handle* orphan = namedMutex(uniqueName("orphan"));
-    EXPECT_FALSE(os_mutex_is_attached(orphan)) << "attached with the manager dead";
+    EXPECT_FALSE(attaches(uniqueName("orphan"))) << "attached with the manager dead";
     EXPECT_LT(secondsSince(start), 0.1 + kLateSlack) << "an attach waited on the dead manager";
-    os_mutex_destroy(orphan);
   }
 
   // A new manager serves at once and recreates the dead one's block cleared.
@@ -124,9 +109,7 @@ TEST_F(ManagerProcess, AKilledManagerIsReplacedAndAnswersNoPingMeanwhile) {
   ASSERT_TRUE(os_sync_environment_initialize(false));
   EXPECT_TRUE(os_sync_environment_ping(500));
   EXPECT_LT(secondsSince(start), 0.5 + kLateSlack) << "the new manager took long to serve";
-  mutex_handle* fresh = namedMutex(name);
-  ASSERT_TRUE(os_mutex_is_attached(fresh));
-  os_mutex_destroy(fresh);
+  ASSERT_TRUE(attaches(name));
   EXPECT_FALSE(shmExists(name)) << "its attach count did not start again from zero";
   os_mutex_destroy(old);  // its count was cleared under it: the name is left alone
   os_sync_environment_uninitialize();

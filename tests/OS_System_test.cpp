@@ -6,8 +6,6 @@
 
 #include "TestSupport.h"
 
-using namespace testsupport;
-
 TEST(OS_System, RunCountsEveryExitButSignalsAnd255WhileInvokeWantsZero) {
   TempDirectory dir(true);
   const struct { const char *program, *body; bool run, invoke; } rows[] = {

@@ -80,7 +80,6 @@ TEST(OS_Thread, AffinityPinsToOneProcessor) {
 // The signals keep coming until the sleeper is back, so one lands mid-sleep
 // however late the sleeper gets going.
 TEST(OS_Sleep, MillisecondSleepLastsDespiteSignalsWhileAbsoluteSleepEndsOnOne) {
-  using testsupport::secondsUnderSignals;
   int signals = 0;
   double slept =
       secondsUnderSignals([] { os_thread_sleep_milliseconds(1100, USE_DEFAULT); }, std::chrono::milliseconds(40), &signals);

@@ -9,8 +9,6 @@
 
 #include "TestSupport.h"
 
-namespace testsupport {
-
 class SyncObject {
  public:
   virtual ~SyncObject() = default;
@@ -132,7 +130,5 @@ inline const std::vector<SyncKind>& namedKinds() {
   };
   return kinds;
 }
-
-}  // namespace testsupport
 
 #endif

@@ -27,7 +27,7 @@
 #include <functional>
 #include <memory>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,8 +47,6 @@
 #include "OS/internal/SyncProtocol.h"
 
 namespace internal = ostrelled::internal;
-
-namespace testsupport {
 
 // How much later than its deadline a wait may end on a loaded 2-core machine.
 constexpr double kLateSlack = 1.5;
@@ -303,14 +301,9 @@ struct TempDirectory {
   std::error_code error;
 };
 
-inline void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
+inline void writeFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
 inline std::string readFile(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
+  return std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
 }
 
 inline std::string uniqueName(const char* tag) {
@@ -334,17 +327,11 @@ inline int managerNamesLeft() {
 }
 
 inline std::string toolPath(const char* tool) {
-  char self[PATH_MAX];
-  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-  std::string dir(self, static_cast<size_t>(length > 0 ? length : 0));
-  return dir.substr(0, dir.rfind('/')) + "/../tools/" + tool;
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/../tools/" + tool;
 }
 
-struct ToolRun {
-  int status;
-  std::string out;
-};
-
+// A shell command line's exit code and standard output.
+struct ToolRun { int status; std::string out; };
 inline ToolRun runTool(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   ToolRun run{-1, ""};
@@ -359,6 +346,14 @@ inline bool contains(const std::string& text, const std::string& part) { return 
 
 inline mutex_handle* namedMutex(const std::string& name, unsigned int flags = DEFAULT_MUTEX_ATTRIBUTE) {
   return os_mutex_create(flags, USE_STD, name.c_str());
+}
+
+// Whether a named mutex of that name attaches (it is destroyed again).
+inline bool attaches(const std::string& name) {
+  mutex_handle* mutex = namedMutex(name);
+  bool attached = os_mutex_is_attached(mutex);
+  os_mutex_destroy(mutex);
+  return attached;
 }
 
 inline bool liveManagerAnswers() { return os_sync_environment_ping(500); }
@@ -400,7 +395,5 @@ class HostedManager : public NoManager {
   }
   void TearDown() override { os_sync_environment_uninitialize(); }
 };
-
-}  // namespace testsupport
 
 #endif

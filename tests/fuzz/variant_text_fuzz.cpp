@@ -40,57 +40,41 @@ bool sameValue(T a, T b) {
   return memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-// Empty when text converts to tag as the C library parses it, errno included.
-inline std::string parseMismatch(const std::string& text, TVARTYPE tag) {
-  std::string why;
-  internal::visitScalar(tag, [&](auto target) {
-    using D = typename decltype(target)::type;
-    errno = 0;
-    const D expected = libraryParse<D>(text.c_str());
-    const int expectedErrno = errno;
-    CVariant var(text.c_str());
-    errno = 0;
-    const bool converted = variant_change_type(var, tag) && var.vt == tag;
-    if (!converted || errno != expectedErrno || !sameValue(internal::scalarValue<D>(var), expected))
-      why = '"' + text + "\" to " + internal::Scalar<D>::kTypeName;
-    return true;
-  });
-  return why;
-}
-
-// Empty when the text of value is what its printf format prints, the terminator counted.
-template <class S>
-std::string printMismatch(S value) {
-  char expected[512];
-  const int length = internal::Scalar<S>::print(expected, sizeof expected, value);
-  TVARIANT var;
-  variant_init(var);
-  internal::Scalar<S>::ref(var) = value;
-  var.vt = internal::Scalar<S>::kTag;
-  std::string why;
-  int word = 0;
-  if (!variant_change_type(var, TVT_BSTR) || var.bstrVal == nullptr)
-    why = "no text";
-  else if (memcpy(&word, var.bstrVal, sizeof word), word != length + 1 ||
-           strcmp(reinterpret_cast<const char*>(var.bstrVal) + sizeof word, expected) != 0)
-    why = std::string("text of ") + expected;
-  variant_clear(var);
-  return why;
-}
-
+// Text to every scalar tag as the C library parses it, errno included.
 void checkParsing(const std::string& text) {
-  for (int tag = TVT_I1; tag <= TVT_BOOL; ++tag) {
-    const std::string why = parseMismatch(text, static_cast<TVARTYPE>(tag));
-    fuzz::check(why.empty(), "parse", why);
-  }
+  for (int tag = TVT_I1; tag <= TVT_BOOL; ++tag)
+    internal::visitScalar(static_cast<TVARTYPE>(tag), [&](auto target) {
+      using D = typename decltype(target)::type;
+      errno = 0;
+      const D expected = libraryParse<D>(text.c_str());
+      const int expectedErrno = errno;
+      CVariant var(text.c_str());
+      errno = 0;
+      const bool converted = variant_change_type(var, static_cast<TVARTYPE>(tag)) && var.vt == tag;
+      fuzz::check(converted && errno == expectedErrno && sameValue(internal::scalarValue<D>(var), expected), "parse",
+                  '"' + text + "\" to " + internal::Scalar<D>::kTypeName);
+      return true;
+    });
 }
 
+// The text of a value of any scalar tag is what its printf format prints, the terminator counted.
 void checkFormatting(fuzz::Input& in) {
-  // Every scalar tag; the text tag is no scalar and checks nothing.
   const auto tag = static_cast<TVARTYPE>(TVT_I1 + in.byte() % (TVT_BOOL - TVT_I1 + 1));
   internal::visitScalar(tag, [&](auto source) {
-    const std::string why = printMismatch(in.take<typename decltype(source)::type>());
-    fuzz::check(why.empty(), "format", why);
+    using S = typename decltype(source)::type;
+    const S value = in.take<S>();
+    char expected[512];
+    const int length = internal::Scalar<S>::print(expected, sizeof expected, value);
+    TVARIANT var;
+    variant_init(var);
+    internal::Scalar<S>::ref(var) = value;
+    var.vt = internal::Scalar<S>::kTag;
+    int word = 0;
+    const bool text = variant_change_type(var, TVT_BSTR) && var.bstrVal != nullptr;
+    if (text) memcpy(&word, var.bstrVal, sizeof word);
+    fuzz::check(text && word == length + 1 && strcmp(reinterpret_cast<const char*>(var.bstrVal) + sizeof word, expected) == 0,
+                "format", expected);
+    variant_clear(var);
     return true;
   });
 }
