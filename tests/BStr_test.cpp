@@ -1,5 +1,4 @@
-// The CBStr class over the flat functions; the flat functions themselves are
-// checked against a model by fuzz/bstr_fuzz.cpp, whose seeds the suite replays.
+// The CBStr class; the flat functions are checked against a model by fuzz/bstr_fuzz.cpp.
 #include <ostrelled/BStr.h>
 #include "TestSupport.h"
 

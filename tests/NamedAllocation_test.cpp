@@ -1,6 +1,4 @@
-// Creating named objects when the allocator fails from its Nth call on: every
-// create succeeds or throws std::bad_alloc, and one that throws leaves nothing
-// behind, in the block, the request lock or the manager.
+// Named creates whose allocations fail from the Nth on: one that throws leaves nothing behind.
 #include "SyncKinds.h"
 
 #include "ReplacedAllocator.h"

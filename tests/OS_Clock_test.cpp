@@ -5,8 +5,7 @@
 #include <ostrelled/OS_Clock.h>
 #include "TestSupport.h"
 
-// The early end of os_clock_nano_sleep on a signal is checked in
-// OS_Thread_test.cpp, next to the sleep that must not end early.
+// The early end of os_clock_nano_sleep on a signal is checked in OS_Thread_test.cpp.
 
 static long long toNanos(const timespec& t) { return t.tv_sec * 1000000000LL + t.tv_nsec; }
 

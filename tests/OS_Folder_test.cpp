@@ -6,8 +6,7 @@
 #include <ostrelled/OS_System.h>
 #include "TestSupport.h"
 
-// Each test works inside its own directory, so relative paths and anything a
-// broken command might create stay there.
+// Each test in its own directory: relative paths and whatever a broken command makes stay there.
 struct OS_Folder : ::testing::Test {
   TempDirectory m_dir{true};
 };
@@ -43,8 +42,7 @@ TEST_F(OS_Folder, CreateMakesEveryParentWithFullMode) {
 
 namespace {
 
-// Names that a shell would read as code, quoting or patterns. Every command
-// they could start would leave a file whose name begins with "pwned".
+// Names that a shell would read as code, quoting or patterns; any command run leaves "pwned*".
 const char* const kHostileNames[] = {
     "with space",  "dq\"uote",        "sq'uote",         "dollar$HOME",   "$(touch pwned1)", "`touch pwned2`",
     "back\\slash", "semi;touch pwned3", "pipe|touch pwned4", "amp&touch pwned5", "star*",     "new\nline",
@@ -94,8 +92,7 @@ TEST_F(OS_Shell, FolderCommandsActOnTheLiteralPath) {
   EXPECT_FALSE(anythingRan());
 }
 
-// A name that ends in a backslash reaches the copy commands as it is, where an
-// unprotected backslash would swallow the closing quote.
+// An unprotected trailing backslash would swallow the closing quote.
 TEST_F(OS_Shell, CopyTakesANameEndingInABackslashLiterally) {
   ASSERT_TRUE(os_folder_create("src\\/sub"));
   writeFile("src\\/f", "x");

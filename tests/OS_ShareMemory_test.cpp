@@ -5,8 +5,7 @@
 
 static unsigned char* bytes(sharememory_handle* h) { return static_cast<unsigned char*>(os_sharememory_get_buffer(h)); }
 
-// Run in a child that may not lock memory, so that every mapping has to do without.
-// A handle that fails to come shows as the child's crash.
+// In a child that may not lock memory; a handle that fails to come shows as its crash.
 TEST(OS_ShareMemory, CreateClearsTheObjectForEveryone) {
   std::string name = "/" + uniqueName("shm");  // a leading slash reaches /dev/shm as well
   EXPECT_EQ(runChild([&] {
@@ -40,8 +39,7 @@ TEST(OS_ShareMemory, MissingOrInvalidNamesGiveNull) {
   os_sharememory_close(nullptr, true);
 }
 
-// Runs body in a child with its own mount namespace and a /dev/shm of 128 KiB;
-// 77 when the machine refuses that, so the test can say why it skips.
+// Runs body in a child with its own /dev/shm of 128 KiB; 77 when the machine refuses that.
 static int onSmallShm(const std::function<int()>& body) {
   return runChild([&] {
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||

@@ -77,8 +77,7 @@ TEST(OS_Thread, AffinityPinsToOneProcessor) {
   }).join();
 }
 
-// The signals keep coming until the sleeper is back, so one lands mid-sleep
-// however late the sleeper gets going.
+// The signals keep coming until the sleeper is back, so one lands mid-sleep.
 TEST(OS_Sleep, MillisecondSleepLastsDespiteSignalsWhileAbsoluteSleepEndsOnOne) {
   int signals = 0;
   double slept =

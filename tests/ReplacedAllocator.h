@@ -1,8 +1,7 @@
 #ifndef OSTRELLED_TESTS_REPLACEDALLOCATOR_H
 #define OSTRELLED_TESTS_REPLACEDALLOCATOR_H
 
-// Counts every allocation of the process; the calling thread's fail once
-// gAllowedAllocations reaches 0 (-1: none fail).
+// Counts every allocation; the thread's fail once gAllowedAllocations reaches 0 (-1: never).
 
 #include <cstdlib>
 #include <new>

@@ -1,8 +1,7 @@
 #ifndef OSTRELLED_TESTS_TESTSUPPORT_H
 #define OSTRELLED_TESTS_TESTSUPPORT_H
 
-// What the tests share: deadlines, child processes, holders, kill loops,
-// containers, signal storms, temporary directories and the sync manager.
+// What the tests share: deadlines, children, holders, kill loops, containers, signals, the manager.
 
 #include <errno.h>
 #include <fcntl.h>

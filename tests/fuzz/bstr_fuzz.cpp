@@ -1,5 +1,4 @@
-// Sequences of counted-string operations on three handles, checked after every
-// step against a model of what each handle holds (no value, or its L bytes).
+// Counted-string operations on three handles, checked after every step against a model.
 
 #include <optional>
 

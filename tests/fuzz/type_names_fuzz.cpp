@@ -1,5 +1,4 @@
-// Type names both ways: any text is a name of the table exactly or none, and
-// any tag's name comes through the size-query protocol of text results.
+// Any text is a type name of the table or none; any tag's name comes through the size query.
 
 #include <ostrelled/Variant.h>
 
