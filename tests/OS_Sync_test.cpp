@@ -29,8 +29,9 @@ int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char
   sem_wait(raw.enable_mutex_manager_sem);
   sem_post(raw.manage_request_sem);
   int answers = 0;
-  for (timespec d = internal::deadlineAfter(2000000000L); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0;
-       d = internal::deadlineAfter(50000000L))
+  for (internal::Deadline d = internal::Deadline::after(std::chrono::seconds(2));
+       sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d.time()) == 0;
+       d = internal::Deadline::after(std::chrono::milliseconds(50)))
     ++answers;
   sem_post(raw.enable_mutex_manager_sem);
   return answers;

@@ -39,12 +39,7 @@ inline std::string uniqueName(const char* tag) {
 }
 
 // The CLOCK_MONOTONIC time millis from now (negative: in the past).
-inline timespec deadlineIn(long millis) {
-  timespec t = internal::monotonicNow();
-  t.tv_nsec += millis * 1000000L;
-  os_clock_adjust_clock_time(&t);
-  return t;
-}
+inline timespec deadlineIn(long millis) { return internal::Deadline::after(std::chrono::milliseconds(millis)).time(); }
 
 inline void watchNothingHappenFor100ms() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
 
