@@ -5,6 +5,8 @@
 #include <ostrelled/OS_Clock.h>
 #include "TestSupport.h"
 
+#include "OS/internal/Deadline.h"
+
 // The early end of os_clock_nano_sleep on a signal is checked in OS_Thread_test.cpp.
 
 static long long toNanos(const timespec& t) { return t.tv_sec * 1000000000LL + t.tv_nsec; }
@@ -51,4 +53,35 @@ TEST(OS_Clock, AbsoluteSleepEndsAtItsDeadlineInEveryMode) {
     clock_gettime(CLOCK_MONOTONIC, &woke);
     EXPECT_GE(toNanos(woke), toNanos(deadline));
   }
+}
+
+// The library's one time type: a caller's time normalised when it is taken,
+// times too far off for a span (either way) kept on their side of now, and
+// pollUntil asking once more after its deadline.
+TEST(OS_Clock, DeadlinesTellPassedFromComing) {
+  using internal::Deadline;
+  using internal::Span;
+  const std::pair<Deadline, bool> passed[] = {
+      {Deadline::at({0, 0}), true},
+      {Deadline::at({LONG_MIN / 2, 0}), true},
+      {Deadline::after(std::chrono::milliseconds(-1)), true},
+      {Deadline::after(std::chrono::hours(1)), false},
+      {Deadline::at({0, LONG_MAX}), false},
+      {Deadline::at({LONG_MAX - 1, 0}), false},
+      {Deadline::never(), false},
+  };
+  for (const auto& [deadline, expected] : passed) {
+    EXPECT_EQ(deadline.passed(), expected) << deadline.time().tv_sec;
+    EXPECT_EQ(deadline.left() > Span::zero(), !expected) << deadline.time().tv_sec;
+  }
+  const timespec normal = Deadline::at({5, -1}).time();
+  EXPECT_EQ(std::make_pair(normal.tv_sec, normal.tv_nsec), std::make_pair(time_t(4), 999999999L));
+  EXPECT_EQ(Deadline::never().timeOrNull(), nullptr);
+
+  int asks = 0;
+  EXPECT_FALSE(
+      internal::pollUntil(Deadline::at({0, 0}), std::chrono::milliseconds(1), [&] { return ++asks < 0; }));
+  EXPECT_EQ(asks, 1);
+  EXPECT_TRUE(internal::pollUntil(Deadline::after(std::chrono::seconds(5)), std::chrono::milliseconds(1),
+                                             [&] { return ++asks == 4; }));
 }

@@ -45,9 +45,10 @@ const char kUsage[] =
     "With NOTIFY_SOCKET set (systemd Type=notify) it reports READY=1 once it\n"
     "answers requests and STOPPING=1 when it stops.\n";
 
-constexpr long kNanosPerMilli = 1000000L;
-// How long a start waits for its own manager to answer before it gives up.
-constexpr int kReadinessTries = 20;
+// How long a start waits for its own manager to answer before it gives up,
+// and how often it asks meanwhile.
+constexpr internal::Span kReadinessWait = std::chrono::seconds(2);
+constexpr internal::Span kReadinessStep = std::chrono::milliseconds(10);
 
 enum class Start { Serve, Exit0, Usage };
 
@@ -130,7 +131,7 @@ internal::ManagerState judgeManager() {
     case internal::Presence::Unknown:
       break;
   }
-  return internal::probeManager(internal::deadlineAfter(200 * kNanosPerMilli)).state;
+  return internal::probeManager(internal::Deadline::after(internal::kLiveHolderWait)).state;
 }
 
 bool mayStart() {
@@ -155,13 +156,12 @@ bool mayStart() {
 // Under a supervisor's watchdog (WATCHDOG_USEC set, by systemd WatchdogSec=),
 // the serving loop proves that it still serves: WATCHDOG=1 four times per
 // period, sent from the loop itself, so a loop that hangs is restarted.
-long gWatchdogNanos = 0;
+internal::Span gWatchdogPeriod{};
 void watchdogBeat() {
-  static timespec next{};
-  timespec now = internal::monotonicNow();
-  if (internal::isEarlier(now, next)) return;
+  static internal::Deadline next = internal::Deadline::at(timespec{0, 0});
+  if (!next.passed()) return;
   notifyService("WATCHDOG=1");
-  next = internal::deadlineAfter(gWatchdogNanos / 4);
+  next = internal::Deadline::after(gWatchdogPeriod / 4);
 }
 
 void armWatchdog() {
@@ -170,15 +170,14 @@ void armWatchdog() {
   if (usec == nullptr || (pid != nullptr && atol(pid) != static_cast<long>(getpid()))) return;
   long micros = atol(usec);
   if (micros <= 0) return;
-  gWatchdogNanos = micros * 1000L;
+  gWatchdogPeriod = std::chrono::microseconds(micros);
   internal::setServingHeartbeat(watchdogBeat);
 }
 
 // Ready means answering: the manager's own request goes through.
 bool answersRequests() {
-  for (int i = 0; i < kReadinessTries; ++i)
-    if (os_sync_environment_ping(100)) return true;
-  return false;
+  return internal::pollUntil(internal::Deadline::after(kReadinessWait), kReadinessStep,
+                             [] { return os_sync_environment_ping(100); });
 }
 
 // The stop signals are taken by sigwait; blocked before the manager's thread

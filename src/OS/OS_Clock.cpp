@@ -6,12 +6,8 @@
 
 namespace internal = ostrelled::internal;
 
-using internal::isRealTime;
+using internal::inMode;
 using internal::kNanosPerSecond;
-
-// Every function taking a mode resolves it on each call. The real-time and the
-// standard branch make the same clock calls, so the resolution is the whole
-// branch point: a real-time variant would be selected right there.
 
 namespace {
 
@@ -33,15 +29,15 @@ void readBothClocks(timespec* realNow, timespec* monotonicNow, RT_MODE mode) {
 }  // namespace
 
 int os_clock_get_time(clockid_t clock_id, timespec* tp, RT_MODE mode) {
-  isRealTime(mode);
-  return clock_gettime(clock_id, tp);
+  return inMode(mode, [&] { return clock_gettime(clock_id, tp); });
 }
 
 void os_clock_nano_sleep(const timespec* req, RT_MODE mode) {
-  isRealTime(mode);
   // clock_nanosleep reports EINTR as its result, never -1, so the retry never
   // repeats it: a signal ends the sleep early, which callers rely on.
-  internal::retryOnEintr([req] { return clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, req, nullptr); });
+  inMode(mode, [req] {
+    return internal::retryOnEintr([req] { return clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, req, nullptr); });
+  });
 }
 
 void os_clock_get_clock_span(const timespec* startTime, const timespec* endTime, timespec* timeSpan) {

@@ -72,6 +72,8 @@ int os_condition_wait(condition_handle* handle) {
 int os_condition_wait_timeout(condition_handle* handle, timespec timeout) {
   if (handle == nullptr) return -1;
   if (handle->mutex() == nullptr) return WAIT_CONDITION_FAILED;
-  // The condition counts on CLOCK_MONOTONIC, the clock of the deadline.
+  // The condition counts on CLOCK_MONOTONIC, the clock of the deadline. The
+  // time goes to the call as given, not through a Deadline: intended, an
+  // out-of-range tv_nsec fails this wait (EINVAL) as it always has.
   return waitResult(pthread_cond_timedwait(&handle->m_Cond, handle->mutex(), &timeout));
 }

@@ -57,7 +57,7 @@ class event_handle {
   void setEvent();
   void resetEvent();
   // Both waits: no deadline waits as long as needed.
-  bool wait(const timespec* deadline);
+  bool wait(const internal::Deadline& deadline);
 
  private:
   class NamedSteps;
@@ -249,10 +249,8 @@ void event_handle::resetEvent() {
 }
 
 // One loop for both waits; the wake-up's sleep tells whether to look at the flag again.
-bool event_handle::wait(const timespec* deadline) {
+bool event_handle::wait(const internal::Deadline& deadline) {
   if (!usable() || !lockMutex()) return false;
-  timespec normalised{};
-  deadline = internal::normalisedDeadline(deadline, normalised);
   while (!*m_pIsSetEvent) {
     internal::Slept slept = m_pWakeup->sleep(m_pMutex, deadline);
     if (slept == internal::Slept::LockLost) return false;
@@ -287,10 +285,10 @@ void os_event_reset_event(event_handle* handle) {
   if (handle != nullptr) handle->resetEvent();
 }
 
-bool os_event_wait(event_handle* handle) { return handle != nullptr && handle->wait(nullptr); }
+bool os_event_wait(event_handle* handle) { return handle != nullptr && handle->wait(internal::Deadline::never()); }
 
 bool os_event_wait_timeout(event_handle* handle, timespec timeout) {
-  return handle != nullptr && handle->wait(&timeout);
+  return handle != nullptr && handle->wait(internal::Deadline::at(timeout));
 }
 
 bool os_event_is_attached(const event_handle* handle) { return handle != nullptr && handle->usable(); }

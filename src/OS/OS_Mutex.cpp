@@ -231,10 +231,8 @@ void os_mutex_lock(mutex_handle* handle) {
     if (handle->m_pRecursion != nullptr) lockCounting(handle);
     return;
   }
-  // Both modes make the same calls; the mode is only consulted.
-  (void)internal::isRealTime(handle->m_RtMode);
   // The uncontended path stays one call deep; recovery and errors go out of line.
-  int result = pthread_mutex_lock(handle->m_pMutex);
+  int result = internal::inMode(handle->m_RtMode, [handle] { return pthread_mutex_lock(handle->m_pMutex); });
   if (__builtin_expect(result != 0, 0)) internal::repairThenRelock(handle->m_pMutex, result);
 }
 
@@ -256,10 +254,10 @@ bool os_mutex_trylock(mutex_handle* handle) {
 // clock to the kernel's FUTEX_LOCK_PI2 (Linux 5.14 on).
 bool os_mutex_lock_timeout(mutex_handle* handle, timespec deadline) {
   if (handle == nullptr) return false;
-  // Out of range, the deadline would be refused as EINVAL instead of meaning its time.
-  if (__builtin_expect(deadline.tv_nsec < 0 || deadline.tv_nsec >= internal::kNanosPerSecond, 0))
-    os_clock_adjust_clock_time(&deadline);
-  return takeMutex(handle, [&](pthread_mutex_t* mutex) { return internal::lockBefore(mutex, deadline); });
+  // Made a Deadline, so normalised: out of range, the time would be refused
+  // as EINVAL instead of meaning its time.
+  const internal::Deadline until = internal::Deadline::at(deadline);
+  return takeMutex(handle, [&](pthread_mutex_t* mutex) { return internal::lockBefore(mutex, until); });
 }
 
 bool os_mutex_is_attached(const mutex_handle* handle) {

@@ -102,9 +102,9 @@ class rw_mutex_handle {
   rw_mutex_handle& operator=(const rw_mutex_handle&) = delete;
 
   bool attached() const { return m_pRefMutex != nullptr; }
-  // deadline: absolute CLOCK_MONOTONIC, null to wait as long as needed, a
-  // passed one to try once. A locker that gives up has changed nothing.
-  bool lock(bool asWriter, const timespec* deadline);
+  // deadline: never() to wait as long as needed, a passed one to try once. A
+  // locker that gives up has changed nothing.
+  bool lock(bool asWriter, const internal::Deadline& deadline);
   void unlockOnPosix();
 
  private:
@@ -119,7 +119,7 @@ class rw_mutex_handle {
   unsigned int& writeFlag() { return *m_RefWrite.m_pCount; }
   bool blocked(bool asWriter) { return writeFlag() != 0 || (asWriter && readCount() != 0); }
   bool lockRef();
-  bool waitAllowed(const timespec* deadline);
+  bool waitAllowed(const internal::Deadline& deadline);
   void enter(bool asWriter);
   void leaveAsReader();
   bool sweepDead();
@@ -259,26 +259,20 @@ bool rw_mutex_handle::sweepDead() {
 
 // Sleeps until a broadcast, the deadline or (named) the next sweep. False
 // when the ref mutex could not be retaken.
-bool rw_mutex_handle::waitAllowed(const timespec* deadline) {
-  timespec slice{};
-  if (m_pHolders != nullptr) {
-    slice = internal::sliceDeadline(deadline);
-    deadline = &slice;
-  }
-  internal::Locked locked = m_allow.wait(m_pRefMutex, deadline);
+bool rw_mutex_handle::waitAllowed(const internal::Deadline& deadline) {
+  internal::Locked locked =
+      m_allow.wait(m_pRefMutex, m_pHolders != nullptr ? internal::sliceDeadline(deadline) : deadline);
   if (locked == internal::Locked::Repaired) repair();
   return locked != internal::Locked::Failed;
 }
 
-bool rw_mutex_handle::lock(bool asWriter, const timespec* deadline) {
+bool rw_mutex_handle::lock(bool asWriter, const internal::Deadline& deadline) {
   if (!attached() || !lockRef()) return false;
-  timespec normalised{};
-  deadline = internal::normalisedDeadline(deadline, normalised);
   // A waiting writer is recorded nowhere, so it never holds readers back,
   // and one that gives up leaves nothing to undo.
   while (blocked(asWriter)) {
     if (sweepDead()) continue;
-    if (deadline != nullptr && internal::hasPassed(*deadline)) {
+    if (deadline.passed()) {
       pthread_mutex_unlock(m_pRefMutex);
       return false;
     }
@@ -350,11 +344,11 @@ rw_mutex_handle* os_rw_mutex_create(RT_MODE mode, const char* strMutexName) {
 void os_rw_mutex_destroy(rw_mutex_handle*& handle) { internal::destroyHandle(handle); }
 
 void os_rw_mutex_lock_rd(rw_mutex_handle* handle) {
-  if (handle != nullptr) handle->lock(false, nullptr);
+  if (handle != nullptr) handle->lock(false, internal::Deadline::never());
 }
 
 void os_rw_mutex_lock_wr(rw_mutex_handle* handle) {
-  if (handle != nullptr) handle->lock(true, nullptr);
+  if (handle != nullptr) handle->lock(true, internal::Deadline::never());
 }
 
 void os_rw_mutex_unlock(rw_mutex_handle* handle) {
@@ -362,19 +356,20 @@ void os_rw_mutex_unlock(rw_mutex_handle* handle) {
 }
 
 namespace {
-const timespec kTryOnce{0, 0};  // a deadline long past
+// A try is a lock until a deadline long past.
+internal::Deadline tryOnce() { return internal::Deadline::at(timespec{0, 0}); }
 }  // namespace
 
-bool os_rw_mutex_trylock_rd(rw_mutex_handle* handle) { return handle != nullptr && handle->lock(false, &kTryOnce); }
+bool os_rw_mutex_trylock_rd(rw_mutex_handle* handle) { return handle != nullptr && handle->lock(false, tryOnce()); }
 
-bool os_rw_mutex_trylock_wr(rw_mutex_handle* handle) { return handle != nullptr && handle->lock(true, &kTryOnce); }
+bool os_rw_mutex_trylock_wr(rw_mutex_handle* handle) { return handle != nullptr && handle->lock(true, tryOnce()); }
 
 bool os_rw_mutex_lock_rd_timeout(rw_mutex_handle* handle, timespec deadline) {
-  return handle != nullptr && handle->lock(false, &deadline);
+  return handle != nullptr && handle->lock(false, internal::Deadline::at(deadline));
 }
 
 bool os_rw_mutex_lock_wr_timeout(rw_mutex_handle* handle, timespec deadline) {
-  return handle != nullptr && handle->lock(true, &deadline);
+  return handle != nullptr && handle->lock(true, internal::Deadline::at(deadline));
 }
 
 bool os_rw_mutex_is_attached(const rw_mutex_handle* handle) { return handle != nullptr && handle->attached(); }

@@ -52,7 +52,7 @@ class semaphore_handle {
   bool attached() const { return m_pKind != nullptr; }
   // A POSIX semaphore's unit that is there, and every release, go straight to
   // the sem_t: the uncontended path stays one call deep.
-  bool wait(const timespec* deadline) {
+  bool wait(const internal::Deadline& deadline) {
     if (m_pPosix != nullptr && sem_trywait(m_pPosix) == 0) return true;
     return attached() && m_pKind->take(deadline);
   }
@@ -190,10 +190,12 @@ bool os_semaphore_set_undo_track(semaphore_handle* handle, bool bUndoTrack) {
   return true;
 }
 
-bool os_semaphore_wait(semaphore_handle* handle) { return handle != nullptr && handle->wait(nullptr); }
+bool os_semaphore_wait(semaphore_handle* handle) {
+  return handle != nullptr && handle->wait(internal::Deadline::never());
+}
 
 bool os_semaphore_wait_timeout(semaphore_handle* handle, timespec timeout) {
-  return handle != nullptr && handle->wait(&timeout);
+  return handle != nullptr && handle->wait(internal::Deadline::at(timeout));
 }
 
 void os_semaphore_release(semaphore_handle* handle) {

@@ -32,7 +32,7 @@ sharememory_handle::sharememory_handle(RT_MODE mode)
 sharememory_handle::~sharememory_handle() { sharememory_close(); }
 
 // Locked mapping first; where the process may not lock memory, the same
-// mapping unlocked. Both modes take this path.
+// mapping unlocked.
 bool sharememory_handle::mapDescriptor(size_t size) {
   m_uintMemorySize = size;
   void* buffer = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_LOCKED | MAP_POPULATE,
@@ -85,11 +85,10 @@ bool sharememory_handle::backDescriptor(unsigned int size, bool created) {
 // the object stays in /dev/shm unless this call made it and could not back it.
 bool sharememory_handle::prepareObject(const char* strShmName, unsigned int uintMemorySize, bool& created,
                                        bool managed) {
-  (void)internal::isRealTime(m_RtMode);  // both modes take the same path
   // A handle that maps something already lets go of it first: recreating never leaks a mapping.
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
-  if (!openForCreate(name, created, managed)) return false;
+  if (!internal::inMode(m_RtMode, [&] { return openForCreate(name, created, managed); })) return false;
   m_strShareMemoryName = name;
   bool ready = retryOnEintr([&] { return ftruncate(m_hShareMemoryHandle, uintMemorySize); }) == 0 &&
                backDescriptor(uintMemorySize, created);
@@ -141,10 +140,10 @@ bool sharememory_handle::sharememory_create_unmapped(const char* strShmName, uns
 }
 
 bool sharememory_handle::sharememory_open(const char* strShmName) {
-  (void)internal::isRealTime(m_RtMode);
   sharememory_close();
   const char* name = strShmName != nullptr ? strShmName : "";
-  m_hShareMemoryHandle = retryOnEintr([&] { return shm_open(name, O_RDWR, 0777); });
+  m_hShareMemoryHandle =
+      internal::inMode(m_RtMode, [&] { return retryOnEintr([&] { return shm_open(name, O_RDWR, 0777); }); });
   if (m_hShareMemoryHandle == -1) return false;
   m_strShareMemoryName = name;
   // No zero fill here: an opener joins whatever state the object holds.

@@ -89,8 +89,8 @@ class os_sync_manager_handle {
   sharememory_handle* createMemory(const char* strMemoryName, unsigned int uintMemorySize);
   void destroyMemory(const char* strMemoryName);
   static LPVOID manager_thread(void* lpData);
-  // Waits, at most `millis`, until the thread has made its two semaphores.
-  void waitUntilServing(long millis) const;
+  // Waits, at most `patience`, until the thread has made its two semaphores.
+  void waitUntilServing(internal::Span patience) const;
   // Whether a client's record is the one this manager made, for a client of
   // this very process (a forked child has another token).
   bool madeRecord(const internal::RequestLockRecord* rec) const;
@@ -275,16 +275,15 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
   while (!m_bRequestExitThread) {
     if (request == nullptr || finish == nullptr) {
       // Nothing can arrive; still leave within one request period when asked.
-      timespec pause{0, internal::kRequestTimeoutNanos};
-      nanosleep(&pause, nullptr);
+      internal::sleepUntil(internal::Deadline::after(internal::kRequestTimeout));
       continue;
     }
     // Proof of life only from a loop that can serve.
     if (void (*beat)() = gHeartbeat.load(std::memory_order_relaxed)) beat();
-    timespec deadline = internal::deadlineAfter(internal::kRequestTimeoutNanos);
+    const internal::Deadline deadline = internal::Deadline::after(internal::kRequestTimeout);
     // Requests come in runs (an attach, then soon the next one): right after
     // serving one, the next is tried for a moment before the thread sleeps.
-    long spin = busy ? internal::kRequestSpinNanos : 0;
+    internal::Span spin = busy ? internal::kRequestSpin : internal::Span::zero();
     if (internal::takeSoon(request, deadline, spin) != 0) {
       busy = false;
       // Idle: a client that died holding the request lock is released here
@@ -342,13 +341,9 @@ bool os_sync_manager_handle::madeRecord(const internal::RequestLockRecord* rec) 
          rec->managerToken == registry->own();
 }
 
-void os_sync_manager_handle::waitUntilServing(long millis) const {
-  timespec deadline = internal::deadlineAfter(millis * 1000000L);
-  while (!m_bServing) {
-    if (internal::hasPassed(deadline)) return;
-    timespec pause{0, 1000000L};
-    nanosleep(&pause, nullptr);
-  }
+void os_sync_manager_handle::waitUntilServing(internal::Span patience) const {
+  internal::pollUntil(internal::Deadline::after(patience), std::chrono::milliseconds(1),
+                      [this] { return m_bServing.load(); });
 }
 
 namespace ostrelled {
@@ -396,12 +391,12 @@ bool os_sync_environment_initialize(bool bAsClient) {
   }
   // Named objects created right after this call must find the request and
   // finish semaphores, which the thread makes once it runs.
-  manager->waitUntilServing(1000);
+  manager->waitUntilServing(std::chrono::seconds(1));
   return true;
 }
 
 bool os_sync_environment_ping(unsigned int uintMilliseconds) {
-  timespec deadline = internal::deadlineAfter(internal::spanOf(uintMilliseconds, 1000u));
+  const internal::Deadline deadline = internal::Deadline::after(std::chrono::milliseconds(uintMilliseconds));
   return internal::probeManager(deadline, &deadline).state == internal::ManagerState::Serving;
 }
 

@@ -94,34 +94,34 @@ RequestLockRecord* CSyncClient::record() const {
   return static_cast<RequestLockRecord*>(os_sharememory_get_buffer(request_lock_handle));
 }
 
-// The enabled semaphore, without a deadline or until one (CLOCK_MONOTONIC).
-bool CSyncClient::takeEnabled(const timespec* deadline) {
+// The enabled semaphore, without a deadline (never()) or until one.
+bool CSyncClient::takeEnabled(const Deadline& deadline) {
   sem_t* sem = enable_mutex_manager_sem;
-  if (deadline == nullptr) return retryOnEintr([&] { return sem_wait(sem); }) == 0;
-  return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, deadline); }) == 0;
+  if (deadline.isNever()) return retryOnEintr([&] { return sem_wait(sem); }) == 0;
+  return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline.time()); }) == 0;
 }
 
 void CSyncClient::lock() {
   RequestLockRecord* rec = record();
   if (rec == nullptr) {
-    takeEnabled(nullptr);
+    takeEnabled(Deadline::never());
     return;
   }
   if (pthread_mutex_lock(&rec->mutex) == EOWNERDEAD) return takeOverFromDeadHolder();
-  takeEnabled(nullptr);
+  takeEnabled(Deadline::never());
   noteHolder(rec);
 }
 
-bool CSyncClient::lockUntil(const timespec& deadline) {
+bool CSyncClient::lockUntil(const Deadline& deadline) {
   RequestLockRecord* rec = record();
-  if (rec == nullptr) return takeEnabled(&deadline);
+  if (rec == nullptr) return takeEnabled(deadline);
   int result = lockBefore(&rec->mutex, deadline);
   if (result == EOWNERDEAD) {
     takeOverFromDeadHolder();
     return true;
   }
   if (result != 0) return false;
-  if (!takeEnabled(&deadline)) {
+  if (!takeEnabled(deadline)) {
     pthread_mutex_unlock(&rec->mutex);
     return false;
   }
@@ -156,12 +156,10 @@ void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) 
 void CSyncClient::takeOverFromDeadHolder() {
   RequestLockRecord* rec = record();
   repairAfterDeadHolder(rec, enable_mutex_manager_sem, true);
-  timespec deadline = deadlineAfter(kRequestTimeoutNanos);
-  while (__atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) != __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) &&
-         !hasPassed(deadline) && !managerGone()) {
-    timespec pause{0, 1000000L};
-    nanosleep(&pause, nullptr);
-  }
+  pollUntil(Deadline::after(kRequestTimeout), std::chrono::milliseconds(1), [&] {
+    return __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == __atomic_load_n(&rec->posted, __ATOMIC_ACQUIRE) ||
+           managerGone();
+  });
 }
 
 void releaseDeadHolder(RequestLockRecord* rec, sem_t* enabled) {
@@ -189,25 +187,25 @@ unsigned char* CSyncClient::area() const {
 // earlier request that timed out; left there it would answer this one. With
 // the record, a finish counts only when the manager says it answered this
 // request's number.
-bool CSyncClient::postAndWait(const timespec& deadline) {
+bool CSyncClient::postAndWait(const Deadline& deadline) {
   while (sem_trywait(manage_finish_sem) == 0) {
   }
   RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
-  long spin = kRequestSpinNanos;
+  Span spin = kRequestSpin;
   for (;;) {
     // In slices, so that a manager that died is noticed within one; a live
     // one, however slow, has until the deadline. A request answered within
     // the first slice, as nearly all are, never asks.
-    timespec slice = deadlineAfter(kManagerCheckNanos);
-    bool last = !isEarlier(slice, deadline);
+    Deadline slice = Deadline::after(kManagerCheck);
+    bool last = !(slice < deadline);
     if (takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {
       if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
       continue;
     }
     if (last || managerGone()) return false;
-    spin = 0;
+    spin = Span::zero();
   }
 }
 
@@ -231,7 +229,7 @@ bool CSyncClient::requestCreate(const char* strName, unsigned int uintSize) {
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kCreateSizeOffset, &uintSize, sizeof uintSize);
   memcpy(area() + kCreateNameOffset, strName, length + 1);
-  return postAndWait(deadlineAfter(kRequestTimeoutNanos));
+  return postAndWait(Deadline::after(kRequestTimeout));
 }
 
 bool CSyncClient::requestDestroy(const char* strName) {
@@ -241,10 +239,10 @@ bool CSyncClient::requestDestroy(const char* strName) {
   if (serveInProcess(record(), method, strName, 0)) return true;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   memcpy(area() + kDestroyNameOffset, strName, length + 1);
-  return postAndWait(deadlineAfter(kRequestTimeoutNanos));
+  return postAndWait(Deadline::after(kRequestTimeout));
 }
 
-bool CSyncClient::requestNothing(const timespec& deadline) {
+bool CSyncClient::requestNothing(const Deadline& deadline) {
   unsigned int method = 0;
   memcpy(area() + kRequestMethodOffset, &method, sizeof method);
   return postAndWait(deadline);
@@ -268,17 +266,15 @@ Presence managerPresence(pid_t* pid) {
 
 // A lock held past its deadline is held by a live client or manager: one
 // that a dead client held is released by the next taker or the manager.
-ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline) {
+ManagerProbe probeManager(const Deadline& lockDeadline, const Deadline* replyDeadline) {
   CSyncClient client;
-  if (!client.create(true)) return {ManagerState::NoNames, 0};
-  timespec start = monotonicNow();
-  if (!client.lockUntil(lockDeadline)) return {ManagerState::LockStuck, 0};
-  bool answered =
-      client.requestNothing(replyDeadline != nullptr ? *replyDeadline : deadlineAfter(kRequestTimeoutNanos));
+  if (!client.create(true)) return {ManagerState::NoNames, Span::zero()};
+  const Deadline start = Deadline::after(Span::zero());  // how far it has passed is the round trip
+  if (!client.lockUntil(lockDeadline)) return {ManagerState::LockStuck, Span::zero()};
+  bool answered = client.requestNothing(replyDeadline != nullptr ? *replyDeadline : Deadline::after(kRequestTimeout));
   client.unlock();
-  if (!answered) return {ManagerState::Silent, 0};
-  timespec took = timeLeftUntil(start);
-  return {ManagerState::Serving, -(took.tv_sec * kNanosPerSecond + took.tv_nsec)};
+  if (!answered) return {ManagerState::Silent, Span::zero()};
+  return {ManagerState::Serving, -start.left()};
 }
 
 }  // namespace internal

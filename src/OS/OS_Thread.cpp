@@ -16,11 +16,7 @@
 
 namespace internal = ostrelled::internal;
 
-using internal::isRealTime;
-
-// Functions taking a mode resolve it on every call. Both branches make the
-// same pthread and scheduler calls, so the resolution itself is the branch
-// point where a real-time variant would be chosen.
+using internal::inMode;
 
 namespace {
 
@@ -57,22 +53,19 @@ void os_thread_create(pthread_t* hHandle, OS_THREAD_FUNCTION func, void* lpParam
                       size_t uintStackSize) {
   if (hHandle == nullptr) return;
   OS_THREAD_DATA* data = new OS_THREAD_DATA{lpParameter, func};
-  isRealTime(mode);
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   if (uintStackSize == 0) pthread_attr_getstacksize(&attr, &uintStackSize);
   if (uintStackSize < kMinimumStackSize) uintStackSize = kMinimumStackSize;
   pthread_attr_setstacksize(&attr, uintStackSize);
-  isRealTime(mode);
   // Nothing is reported to the caller; a thread that never started only gets
   // its start block back so that it is not lost.
-  if (pthread_create(hHandle, &attr, os_thread_func, data) != 0) delete data;
+  if (inMode(mode, [&] { return pthread_create(hHandle, &attr, os_thread_func, data); }) != 0) delete data;
   pthread_attr_destroy(&attr);
 }
 
 void os_thread_join(pthread_t hHandle, RT_MODE mode) {
-  isRealTime(mode);
-  pthread_join(hHandle, nullptr);
+  inMode(mode, [&] { return pthread_join(hHandle, nullptr); });
 }
 
 bool os_thread_sched_set_thread_affinity(pthread_t hHandle, int iCpuIndex) {
@@ -105,10 +98,9 @@ bool os_thread_sync_compare_and_swap_64(volatile long long* var, long long compa
 }
 
 bool os_thread_init_rt_schedule(int iPriority, RT_MODE mode) {
-  isRealTime(mode);
   sched_param param{};
   param.sched_priority = iPriority;
-  return sched_setscheduler(0, SCHED_FIFO, &param) != -1;
+  return inMode(mode, [&] { return sched_setscheduler(0, SCHED_FIFO, &param); }) != -1;
 }
 
 // Empty on purpose: the policy set by os_thread_init_rt_schedule is kept.
@@ -144,16 +136,14 @@ void os_thread_uninstall_latency(int intLatencyTargetFd) {
 }
 
 void os_thread_sleep_milliseconds(DWORD dwMilliseconds, RT_MODE mode) {
-  timespec ts = internal::spanOf<DWORD>(dwMilliseconds, 1000);
-  isRealTime(mode);
+  timespec ts = internal::relativeTime(std::chrono::milliseconds(dwMilliseconds));
   // nanosleep writes the time left back into ts, so each retry after a signal
   // sleeps only the remainder and the total is the full request.
-  internal::retryOnEintr([&ts] { return nanosleep(&ts, &ts); });
+  inMode(mode, [&ts] { return internal::retryOnEintr([&ts] { return nanosleep(&ts, &ts); }); });
 }
 
 void os_thread_yield(RT_MODE mode) {
-  isRealTime(mode);
-  sched_yield();
+  inMode(mode, [] { return sched_yield(); });
 }
 
 void os_thread_barrier() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }

@@ -19,11 +19,6 @@ namespace ctl {
 
 namespace {
 
-constexpr long kNanosPerMilli = 1000000L;
-// The request lock is waited for this long: one that a dead client held is
-// given back within 100 ms, so a lock taken longer is held by a live process.
-constexpr long kLockWaitNanos = 200 * kNanosPerMilli;
-
 // An account that may not open the manager's names is told so instead of
 // being shown a manager that seems absent or a list that seems empty.
 bool refuses(const ManagerAccess& access) {
@@ -42,7 +37,7 @@ void printManager(const internal::ManagerProbe& probe, bool anyNamePresent) {
   switch (probe.state) {
     case internal::ManagerState::Serving:
       printf("manager: serving (process %d)\n", static_cast<int>(managerPid()));
-      printf("round trip: %.3f ms\n", static_cast<double>(probe.roundTripNanos) / kNanosPerMilli);
+      printf("round trip: %.3f ms\n", std::chrono::duration<double, std::milli>(probe.roundTrip).count());
       return;
     case internal::ManagerState::Silent:
       puts("manager: not answering (its names are present, but no answer came within 100 ms)");
@@ -78,7 +73,7 @@ int runStatus() {
   bool present = access.anyPresent();
   bool alive = false;
   pid_t holder = present ? requestLockHolder(alive) : 0;
-  internal::ManagerProbe probe = internal::probeManager(internal::deadlineAfter(kLockWaitNanos));
+  internal::ManagerProbe probe = internal::probeManager(internal::Deadline::after(internal::kLiveHolderWait));
   printManager(probe, present);
   if (present) printLock(holder, alive);
   printAccess(access);
@@ -119,8 +114,8 @@ namespace {
 class Remover {
  public:
   explicit Remover(bool force) : m_force(force) {
-    m_managed = internal::probeManager(internal::deadlineAfter(kLockWaitNanos)).state == internal::ManagerState::Serving &&
-                m_client.create(true);
+    internal::ManagerProbe probe = internal::probeManager(internal::Deadline::after(internal::kLiveHolderWait));
+    m_managed = probe.state == internal::ManagerState::Serving && m_client.create(true);
   }
 
   bool remove(const std::string& given) {
@@ -128,7 +123,7 @@ class Remover {
     if (name.empty() || name.size() > 255 || name.find('/') != std::string::npos)
       return refuse(given, "is not the name of a named object");
     if (isManagerName(name)) return refuse(given, "belongs to the sync manager itself; stop the manager instead");
-    if (m_managed && !m_client.lockUntil(internal::deadlineAfter(kLockWaitNanos)))
+    if (m_managed && !m_client.lockUntil(internal::Deadline::after(internal::kLiveHolderWait)))
       return refuse(given, "was left alone: another process has held the request lock for 200 ms");
     bool removed = removeLocked(name, given);
     if (m_managed) m_client.unlock();

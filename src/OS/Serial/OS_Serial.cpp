@@ -37,7 +37,7 @@ bool timeoutInRange(int milliseconds) { return milliseconds >= 0 && milliseconds
 // field, which is why time-outs stop at 1000 ms.
 timespec suspendPatience(int milliseconds) {
   timespec patience{};
-  patience.tv_nsec = static_cast<long>(milliseconds) * 1000000L;
+  patience.tv_nsec = static_cast<long>(internal::Span(std::chrono::milliseconds(milliseconds)).count());
   return patience;
 }
 
@@ -236,7 +236,7 @@ void os_serial_purge(int hHandle, int iFlag) {
 bool os_serial_select(int hHandle, int dwMillionTimeout) {
   if (hHandle == -1) return false;
   return internal::waitOnce(hHandle, internal::Readiness::Readable,
-                               internal::spanOf<int>(dwMillionTimeout, 1000)) == 1;
+                            internal::relativeTime(std::chrono::milliseconds(dwMillionTimeout))) == 1;
 }
 
 int os_serial_write(int hHandle, const unsigned char* buf, int len, int dwTimeoutMillisecond) {

@@ -11,36 +11,26 @@
 
 namespace internal = ostrelled::internal;
 
+using internal::inMode;
 using internal::Readiness;
-using internal::spanOf;
 
 namespace {
-
-// Every call resolves its mode first. Both branches make the same system
-// call, so a real-time variant would be put here and nowhere else.
-template <class Call>
-inline auto inMode(RT_MODE mode, Call call) -> decltype(call()) {
-  (void)internal::isRealTime(mode);
-  return call();
-}
 
 // The one wait behind the four readiness functions. A signal does not end it:
 // the wait resumes for the time left until the deadline fixed at the start.
 // select() would carry the time left in its timeval; the poll-based wait
 // (which has no FD_SETSIZE ceiling) does not, so the rest is recomputed.
-bool waitFor(int s, timespec span, Readiness what, int* intErrorCode, RT_MODE mode) {
+bool waitFor(int s, internal::Span span, Readiness what, int* intErrorCode, RT_MODE mode) {
   if (s == -1) return false;
   // A poll (zero span) has no deadline to keep, so it reads no clock.
-  const bool timed = span.tv_sec > 0 || span.tv_nsec > 0;
-  const timespec deadline = timed ? internal::deadlineAfter(span, mode) : timespec{};
+  const bool timed = span > internal::Span::zero();
+  const internal::Deadline deadline = timed ? internal::Deadline::after(span, mode) : internal::Deadline::never();
+  timespec wait = internal::relativeTime(span);
   int result;
   for (;;) {
-    result = inMode(mode, [&] { return internal::waitOnce(s, what, span); });
+    result = inMode(mode, [&] { return internal::waitOnce(s, what, wait); });
     if (result != -1 || errno != EINTR) break;
-    if (timed) {
-      span = internal::timeLeftUntil(deadline, mode);
-      if (span.tv_sec < 0) span = timespec{};  // overdue: one last look without waiting
-    }
+    if (timed) wait = deadline.leftTime(mode);  // overdue: one last look without waiting
   }
   if (result == -1) {
     if (intErrorCode != nullptr) *intErrorCode = os_socket_get_errno_code();
@@ -152,19 +142,19 @@ int os_socket_set_recv_timeout(int s, DWORD dwMillionSecond, RT_MODE mode) {
 
 // Milliseconds and microseconds both become one span; the rest is shared.
 bool os_socket_readable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, spanOf<DWORD>(dwMillionSecond, 1000), Readiness::Readable, intErrorCode, mode);
+  return waitFor(s, std::chrono::milliseconds(dwMillionSecond), Readiness::Readable, intErrorCode, mode);
 }
 
 bool os_socket_writable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, spanOf<DWORD>(dwMillionSecond, 1000), Readiness::Writable, intErrorCode, mode);
+  return waitFor(s, std::chrono::milliseconds(dwMillionSecond), Readiness::Writable, intErrorCode, mode);
 }
 
 bool os_socket_precision_readable(int s, DWORD dwMicroSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, spanOf<DWORD>(dwMicroSecond, 1000000), Readiness::Readable, intErrorCode, mode);
+  return waitFor(s, std::chrono::microseconds(dwMicroSecond), Readiness::Readable, intErrorCode, mode);
 }
 
 bool os_socket_precision_writable(int s, DWORD dwMicroSecond, int* intErrorCode, RT_MODE mode) {
-  return waitFor(s, spanOf<DWORD>(dwMicroSecond, 1000000), Readiness::Writable, intErrorCode, mode);
+  return waitFor(s, std::chrono::microseconds(dwMicroSecond), Readiness::Writable, intErrorCode, mode);
 }
 
 bool os_socket_is_link_broken(int s, RT_MODE mode) {

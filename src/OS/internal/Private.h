@@ -2,7 +2,7 @@
 #define OSTRELLED_SRC_OS_INTERNAL_PRIVATE_H
 
 // Small helpers of every operating-system source: modes, EINTR, errno, pid (a
-// label, never evidence of life) and deadlines; header-only.
+// label, never evidence of life), timed locks and takes; header-only.
 //
 // The index of the library's private layer. Everything here lives in the
 // namespace ostrelled::internal (sources call it internal::); nothing of it is
@@ -14,9 +14,9 @@
 //   DataType/internal/NumberText.h  integer text both ways, as printf and strtol
 //   DataType/internal/ScalarDispatch.h  the scalar list and the tag-to-type switch
 //   DataType/internal/SafeArrayHeader.h the safe array's header (SafeArray.cpp)
-//   OS/internal/Private.h         real-time mode resolution, retryOnEintr, ErrnoGuard,
-//                                 ownPid, deadlines (deadlineAfter, timeLeftUntil,
-//                                 hasPassed), lockBefore, takeSoon, text delivery
+//   OS/internal/Private.h         real-time mode (inMode), retryOnEintr, ErrnoGuard,
+//                                 ownPid, lockBefore, takeSoon, text delivery
+//   OS/internal/Deadline.h        Deadline, the one time type, and pollUntil
 //   OS/internal/RobustMutex.h     pthread mutex set-up, and locking that repairs a
 //                                 dead owner's mutex (each name says what it then does)
 //   OS/internal/BlockLayouts.h    every named kind's block layout, and the /dev/shm
@@ -55,19 +55,26 @@
 #include <ostrelled/StringAssistant.h>
 #include <ostrelled/Types.h>
 
+#include "OS/internal/Deadline.h"
 #include "internal/Handle.h"
 
 namespace ostrelled {
 namespace internal {
 
-// Resolution of a real-time mode, evaluated on every call: USE_RT, or
-// USE_DEFAULT while the process default is USE_RT. Everything else is standard.
+// Real-time mode. A function that takes a mode resolves it on every call
+// (USE_RT, or USE_DEFAULT while the process default is USE_RT; anything else is
+// standard); a handle resolves USE_DEFAULT once, when it is made (storedMode).
+// Both modes make the same system calls, so the resolution is the whole branch
+// point: a real-time variant of a call would be chosen in inMode and nowhere else.
 inline bool isRealTime(RT_MODE mode) {
   return mode == USE_RT || (mode == USE_DEFAULT && get_default_rt_mode() == USE_RT);
 }
-
-// The mode a handle stores at construction: USE_DEFAULT becomes the default.
 inline RT_MODE storedMode(RT_MODE mode) { return mode == USE_DEFAULT ? get_default_rt_mode() : mode; }
+template <class Call>
+inline auto inMode(RT_MODE mode, Call call) -> decltype(call()) {
+  (void)isRealTime(mode);
+  return call();
+}
 
 // Repeats call() while it returns failValue with errno EINTR; errno is left as
 // the last call set it. Calls that report errors by value (clock_nanosleep,
@@ -104,80 +111,13 @@ class ErrnoGuard {
   int m_saved;
 };
 
-constexpr long kNanosPerSecond = 1000000000L;
-
-// Now on CLOCK_MONOTONIC.
-inline timespec monotonicNow(RT_MODE mode = USE_STD) {
-  timespec now{};
-  os_clock_get_time(CLOCK_MONOTONIC, &now, mode);
-  return now;
-}
-
-// Time left until an absolute CLOCK_MONOTONIC deadline, normalised; negative
-// or zero once it has passed. semtimedop takes such a relative span.
-inline timespec timeLeftUntil(const timespec& deadline, RT_MODE mode = USE_STD) {
-  timespec now = monotonicNow(mode);
-  timespec left{};
-  os_clock_get_clock_span(&now, &deadline, &left);
-  os_clock_adjust_clock_time(&left);
-  return left;
-}
-
-// A count of 1/perSecond units as a timespec, split as select() callers do:
-// whole seconds, then the rest. A negative count gives negative fields, which
-// a readiness wait rejects with EINVAL just as select() does.
-template <class Count>
-inline timespec spanOf(Count count, Count perSecond) {
-  timespec span{};
-  span.tv_sec = static_cast<time_t>(count / perSecond);
-  span.tv_nsec = static_cast<long>(count % perSecond) * (1000000000L / static_cast<long>(perSecond));
-  return span;
-}
-
-// An absolute CLOCK_MONOTONIC deadline a span from now.
-inline timespec deadlineAfter(const timespec& span, RT_MODE mode = USE_STD) {
-  timespec deadline = monotonicNow(mode);
-  deadline.tv_sec += span.tv_sec;
-  deadline.tv_nsec += span.tv_nsec;
-  os_clock_adjust_clock_time(&deadline);
-  return deadline;
-}
-
-// An absolute CLOCK_MONOTONIC deadline nanos from now.
-inline timespec deadlineAfter(long nanos, RT_MODE mode = USE_STD) { return deadlineAfter(timespec{0, nanos}, mode); }
-
-// Whether normalised time a comes before b.
-inline bool isEarlier(const timespec& a, const timespec& b) {
-  return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
-}
-
-// A caller's deadline (null: none) in normal form, kept in `storage`: an
-// out-of-range tv_nsec would make every timed call fail at once.
-inline const timespec* normalisedDeadline(const timespec* deadline, timespec& storage) {
-  if (deadline == nullptr) return nullptr;
-  storage = *deadline;
-  os_clock_adjust_clock_time(&storage);
-  return &storage;
-}
-
-// Whether an absolute CLOCK_MONOTONIC deadline has been reached.
-inline bool hasPassed(const timespec& deadline, RT_MODE mode = USE_STD) {
-  timespec left = timeLeftUntil(deadline, mode);
-  return left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0);
-}
-
-// Takes a semaphore before the absolute CLOCK_MONOTONIC deadline, trying for
-// up to spinNanos first: where the other side runs on another processor its
-// post usually comes within microseconds, sooner than a sleeper is woken.
-// Returns 0 or -1 with errno as sem_clockwait leaves it; signals do not
-// shorten the wait.
-inline int takeSoon(sem_t* sem, const timespec& deadline, long spinNanos) {
-  timespec spinEnd = deadlineAfter(spinNanos);
-  do {
-    if (sem_trywait(sem) == 0) return 0;
-    __builtin_ia32_pause();
-  } while (!hasPassed(spinEnd));
-  return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline); });
+// Takes a semaphore before the deadline, trying for up to spin first: where
+// the other side runs on another processor its post usually comes within
+// microseconds, sooner than a sleeper is woken. Returns 0 or -1 with errno as
+// sem_clockwait leaves it; signals do not shorten the wait.
+inline int takeSoon(sem_t* sem, const Deadline& deadline, Span spin) {
+  if (pollUntil(Deadline::after(spin), Span::zero(), [sem] { return sem_trywait(sem) == 0; })) return 0;
+  return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline.time()); });
 }
 
 #if defined(__SANITIZE_THREAD__)
@@ -188,23 +128,19 @@ inline int takeSoon(sem_t* sem, const timespec& deadline, long spinNanos) {
 #endif
 #endif
 
-// Takes a mutex before the absolute CLOCK_MONOTONIC deadline: 0, ETIMEDOUT,
-// EOWNERDEAD or the call's other error. A free mutex is taken with a try, as
-// cheap as a lock; only a busy one waits on the deadline.
-inline int lockBefore(pthread_mutex_t* mutex, const timespec& deadline) {
+// Takes a mutex before the deadline: 0, ETIMEDOUT, EOWNERDEAD or the call's
+// other error. A free mutex is taken with a try, as cheap as a lock; only a
+// busy one waits on the deadline.
+inline int lockBefore(pthread_mutex_t* mutex, const Deadline& deadline) {
   int result = pthread_mutex_trylock(mutex);
   if (__builtin_expect(result != EBUSY, 1)) return result;
 #ifdef OSTRELLED_THREAD_SANITIZER
   // The thread sanitizer cannot see pthread_mutex_clocklock take a mutex, so
   // in its builds a timed lock polls with tries instead.
-  for (; result == EBUSY; result = pthread_mutex_trylock(mutex)) {
-    if (hasPassed(deadline)) return ETIMEDOUT;
-    timespec pause{0, 100000L};
-    nanosleep(&pause, nullptr);
-  }
-  return result;
+  auto taken = [&] { return (result = pthread_mutex_trylock(mutex)) != EBUSY; };
+  return pollUntil(deadline, std::chrono::microseconds(100), taken) ? result : ETIMEDOUT;
 #else
-  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline.time());
 #endif
 }
 

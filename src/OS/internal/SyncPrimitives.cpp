@@ -38,23 +38,20 @@ Slept afterRelock(Locked locked, Wakeup& wakeup) {
 
 }  // namespace
 
-timespec sliceDeadline(const timespec* deadline) {
-  timespec slice = deadlineAfter(kSweepSliceNanos);
-  return deadline != nullptr && !isEarlier(slice, *deadline) ? *deadline : slice;
-}
+Deadline sliceDeadline(const Deadline& deadline) { return deadline.earlier(Deadline::after(kSweepSlice)); }
 
 FutexCondition::FutexCondition(uint32_t* word, bool processShared)
     : m_pWord(word),
       m_intWaitOp(processShared ? FUTEX_WAIT_BITSET : FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG),
       m_intWakeOp(processShared ? FUTEX_WAKE : FUTEX_WAKE | FUTEX_PRIVATE_FLAG) {}
 
-Locked FutexCondition::wait(pthread_mutex_t* mutex, const timespec* deadline) {
+Locked FutexCondition::wait(pthread_mutex_t* mutex, const Deadline& deadline) {
   // Marked under the mutex: a broadcast after the unlock changes the word, so
   // the sleep below returns at once instead of missing it.
   uint32_t seen = __atomic_or_fetch(m_pWord, kWaitersBit, __ATOMIC_SEQ_CST);
   pthread_mutex_unlock(mutex);
   // EINTR, EAGAIN and ETIMEDOUT all send the caller back to its flag loop.
-  futex(m_pWord, m_intWaitOp, seen, deadline);
+  futex(m_pWord, m_intWaitOp, seen, deadline.timeOrNull());
   return lockKeepingRepaired(mutex);
 }
 
@@ -67,33 +64,30 @@ void FutexCondition::broadcast() {
 }
 
 // The spans below a millisecond are not worth a sleep: the wait answers then.
-Slept FutexCondition::sleep(pthread_mutex_t* mutex, const timespec* deadline) {
+Slept FutexCondition::sleep(pthread_mutex_t* mutex, const Deadline& deadline) {
   Slept slept = afterRelock(wait(mutex, deadline), *this);
-  if (slept != Slept::Again || deadline == nullptr) return slept;
-  timespec left = timeLeftUntil(*deadline);
-  return left.tv_sec * 1000 + left.tv_nsec / 1000000 < 1 ? Slept::Leave : Slept::Again;
+  if (slept != Slept::Again) return slept;
+  return deadline.left() < std::chrono::milliseconds(1) ? Slept::Leave : Slept::Again;
 }
 
-Slept SemaphoreKind::sleep(pthread_mutex_t* mutex, const timespec* deadline) {
-  if (deadline != nullptr && hasPassed(*deadline)) return Slept::Leave;
-  timespec slice = sliceDeadline(deadline);
+Slept SemaphoreKind::sleep(pthread_mutex_t* mutex, const Deadline& deadline) {
+  if (deadline.passed()) return Slept::Leave;
+  Deadline slice = sliceDeadline(deadline);
   pthread_mutex_unlock(mutex);
-  bool taken = take(&slice);
+  bool taken = take(slice);
   int error = errno;
   Slept slept = afterRelock(lockKeepingRepaired(mutex), *this);
   // A slice that ran out goes round again; anything else is a broken primitive.
   return taken || error == ETIMEDOUT || error == EAGAIN ? slept : slept == Slept::Again ? Slept::Leave : slept;
 }
 
-bool PosixSemaphore::take(const timespec* deadline) {
+bool PosixSemaphore::take(const Deadline& deadline) {
   // A unit that is there is taken without sem_wait's cancellation check,
   // which costs as much as the take itself.
   if (sem_trywait(m_pSem) == 0) return true;
-  if (deadline == nullptr) return retryOnEintr([&] { return sem_wait(m_pSem); }) == 0;
-  timespec normalised{};
-  normalisedDeadline(deadline, normalised);
+  if (deadline.isNever()) return retryOnEintr([&] { return sem_wait(m_pSem); }) == 0;
   // Absolute, so a retry after a signal waits only for what is left.
-  return retryOnEintr([&] { return sem_clockwait(m_pSem, CLOCK_MONOTONIC, &normalised); }) == 0;
+  return retryOnEintr([&] { return sem_clockwait(m_pSem, CLOCK_MONOTONIC, &deadline.time()); }) == 0;
 }
 
 int PosixSemaphore::value() const {
@@ -103,9 +97,9 @@ int PosixSemaphore::value() const {
   return value < 0 ? 0 : value;
 }
 
-bool SysVSemaphore::take(const timespec* deadline) {
-  if (deadline == nullptr) return SysV::waitSem(m_strPrefix, *m_pId, *m_pUndoTrack);
-  return SysV::waitSemUntil(m_strPrefix, *m_pId, *deadline, *m_pUndoTrack);
+bool SysVSemaphore::take(const Deadline& deadline) {
+  if (deadline.isNever()) return SysV::waitSem(m_strPrefix, *m_pId, *m_pUndoTrack);
+  return SysV::waitSemUntil(m_strPrefix, *m_pId, deadline, *m_pUndoTrack);
 }
 
 void SysVSemaphore::give() { SysV::postSem(m_strPrefix, *m_pId, *m_pUndoTrack); }

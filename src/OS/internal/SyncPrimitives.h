@@ -11,6 +11,7 @@
 
 #include <string>
 
+#include "OS/internal/Deadline.h"
 #include "OS/internal/MutexHandle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/RobustMutex.h"
@@ -27,18 +28,18 @@ enum class Slept {
 
 // A blocked waiter that must look around now and then (to sweep dead holders,
 // or to notice a wake-up that a dying process swallowed) sleeps at most this long.
-constexpr long kSweepSliceNanos = 250000000L;
+constexpr Span kSweepSlice = std::chrono::milliseconds(250);
 
-// The earlier of the caller's deadline (null: none) and one sweep slice from now.
-timespec sliceDeadline(const timespec* deadline);
+// The earlier of the caller's deadline and one sweep slice from now.
+Deadline sliceDeadline(const Deadline& deadline);
 
 // What an event sleeps on between looks at its flag, which its mutex guards.
 class Wakeup {
  public:
   virtual ~Wakeup() = default;
   // Called holding `mutex` and returns holding it again, unless LockLost.
-  // deadline: absolute CLOCK_MONOTONIC, null to sleep until woken.
-  virtual Slept sleep(pthread_mutex_t* mutex, const timespec* deadline) = 0;
+  // deadline: never() to sleep until woken.
+  virtual Slept sleep(pthread_mutex_t* mutex, const Deadline& deadline) = 0;
   // The flag was raised, or a holder of the mutex died: wake the sleepers.
   virtual void wakeAll() = 0;
   // A waiter of a manual-reset event hands its wake-up on to the next sleeper.
@@ -59,12 +60,12 @@ class FutexCondition final : public Wakeup {
   FutexCondition(uint32_t* word, bool processShared);
   // Unlocks, sleeps until a broadcast or the deadline, and relocks, repairing a
   // robust mutex whose holder died. Tells how the relock went.
-  Locked wait(pthread_mutex_t* mutex, const timespec* deadline);
+  Locked wait(pthread_mutex_t* mutex, const Deadline& deadline);
   // Wakes every waiter. Called with the mutex held, so that a waiter that has
   // not yet marked the word cannot be between its look at the flag and its sleep.
   void broadcast();
 
-  Slept sleep(pthread_mutex_t* mutex, const timespec* deadline) override;
+  Slept sleep(pthread_mutex_t* mutex, const Deadline& deadline) override;
   void wakeAll() override { broadcast(); }
 
  private:
@@ -77,14 +78,14 @@ class FutexCondition final : public Wakeup {
 // taken by a process that died before it passed it on is not waited for forever).
 class SemaphoreKind : public Wakeup {
  public:
-  // Takes one unit; deadline null: until one comes (signals do not end the
-  // wait); a deadline in the past tries once. Signals never shorten the wait.
-  virtual bool take(const timespec* deadline) = 0;
+  // Takes one unit; deadline never(): until one comes; a deadline in the
+  // past tries once. Signals never shorten the wait.
+  virtual bool take(const Deadline& deadline) = 0;
   virtual void give() = 0;
   // Units available now, or -1 with errno set.
   virtual int value() const = 0;
 
-  Slept sleep(pthread_mutex_t* mutex, const timespec* deadline) final;
+  Slept sleep(pthread_mutex_t* mutex, const Deadline& deadline) final;
   void wakeAll() final { give(); }
   void passOn() final { give(); }
 };
@@ -94,7 +95,7 @@ class SemaphoreKind : public Wakeup {
 class PosixSemaphore final : public SemaphoreKind {
  public:
   explicit PosixSemaphore(sem_t* sem) : m_pSem(sem) {}
-  bool take(const timespec* deadline) override;
+  bool take(const Deadline& deadline) override;
   void give() override { sem_post(m_pSem); }
   int value() const override;
   // A reset takes one pending unit without blocking; a waiter woken by
@@ -112,7 +113,7 @@ class SysVSemaphore final : public SemaphoreKind {
  public:
   SysVSemaphore(const int* id, const char* prefix, const bool* undoTrack)
       : m_pId(id), m_strPrefix(prefix), m_pUndoTrack(undoTrack) {}
-  bool take(const timespec* deadline) override;
+  bool take(const Deadline& deadline) override;
   void give() override;
   int value() const override;
   void clear() override;

@@ -10,6 +10,7 @@
 
 #include <ostrelled/OS_ShareMemory.h>
 
+#include "OS/internal/Deadline.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 
@@ -41,13 +42,16 @@ constexpr size_t kDestroyNameOffset = 4;
 // A create request for a name of kMaxObjectNameLength ends at byte 1032,
 // past the area's 1029 bytes but inside the same (page-sized) mapping.
 // The manager's request wait and every client's reply wait.
-constexpr long kRequestTimeoutNanos = 100000000L;
+constexpr Span kRequestTimeout = std::chrono::milliseconds(100);
 // How long either side tries a semaphore before it sleeps on it: the bound on
 // the processor time one request may spend waiting actively.
-constexpr long kRequestSpinNanos = 50000L;
+constexpr Span kRequestSpin = std::chrono::microseconds(50);
 // A client waiting for an answer looks this often whether the manager still
 // lives, so that a manager that died fails a request at once, not at its timeout.
-constexpr long kManagerCheckNanos = 1000000L;
+constexpr Span kManagerCheck = std::chrono::milliseconds(1);
+// A request lock taken this long is held by a live process: one that a dead
+// client held is given back within a request timeout.
+constexpr Span kLiveHolderWait = std::chrono::milliseconds(200);
 
 // The request-lock record, host byte order. The robust mutex is taken before
 // the enabled semaphore, so that the kernel tells the next taker when a holder
@@ -95,8 +99,8 @@ class CSyncClient {
   // The machine-wide request lock; the wait on it is unbounded (EINTR retried).
   // A holder that died is released to the caller, who then holds the lock.
   void lock();
-  // As lock, giving up at the absolute CLOCK_MONOTONIC deadline.
-  bool lockUntil(const timespec& deadline);
+  // As lock, giving up at the deadline.
+  bool lockUntil(const Deadline& deadline);
   void unlock();
 
   // Writes a request (the lock held), posts it and waits for the finish post
@@ -104,7 +108,7 @@ class CSyncClient {
   bool requestCreate(const char* strName, unsigned int uintSize);
   bool requestDestroy(const char* strName);
   // A request with method word 0, which a live manager answers and ignores.
-  bool requestNothing(const timespec& deadline);
+  bool requestNothing(const Deadline& deadline);
   // Whether the manager that made the record has ended, by its registry token;
   // false when that cannot be told.
   bool managerGone() const;
@@ -113,9 +117,9 @@ class CSyncClient {
   void openRequestLock();
   unsigned char* area() const;
   RequestLockRecord* record() const;
-  bool takeEnabled(const timespec* deadline);
+  bool takeEnabled(const Deadline& deadline);
   void takeOverFromDeadHolder();
-  bool postAndWait(const timespec& deadline);
+  bool postAndWait(const Deadline& deadline);
 };
 
 // What one request that the manager ignores finds: the daemon asks before it
@@ -128,11 +132,11 @@ enum class ManagerState {
 };
 struct ManagerProbe {
   ManagerState state;
-  long roundTripNanos;  // lock and request together; 0 unless Serving
+  Span roundTrip;  // lock and request together; 0 unless Serving
 };
 // The lock is waited for until lockDeadline, the reply until replyDeadline
 // (null: the request timeout, counted from when the lock was taken).
-ManagerProbe probeManager(const timespec& lockDeadline, const timespec* replyDeadline = nullptr);
+ManagerProbe probeManager(const Deadline& lockDeadline, const Deadline* replyDeadline = nullptr);
 
 // Whether the manager that made the machine's request-lock record lives, by
 // its registry token: Unknown without a record, a token or a registry (an

@@ -65,13 +65,11 @@ bool waitSem(const char* prefix, int intSemId, bool bUndoTrack) {
   return false;
 }
 
-bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bool bUndoTrack) {
+bool waitSemUntil(const char* prefix, int intSemId, const Deadline& deadline, bool bUndoTrack) {
   sembuf op = operation(-1, bUndoTrack);
   int result = retryOnEintr([&] {
-    timespec left = timeLeftUntil(deadline);
-    // semtimedop refuses a negative span; a passed deadline still takes a
-    // unit that is there, like sem_timedwait does.
-    if (left.tv_sec < 0) left = timespec{0, 0};
+    // A passed deadline still takes a unit that is there, like sem_timedwait does.
+    timespec left = deadline.leftTime();
     return semtimedop(intSemId, &op, 1, &left);
   });
   if (result == 0) return true;

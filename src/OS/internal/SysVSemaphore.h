@@ -9,6 +9,8 @@
 
 #include <string>
 
+#include "OS/internal/Deadline.h"
+
 namespace ostrelled {
 namespace internal {
 namespace SysV {
@@ -24,10 +26,10 @@ void postSem(const char* prefix, int intSemId, bool bUndoTrack);
 // semop -1, going on after signals; true when a unit was taken. Failures
 // other than EAGAIN are printed.
 bool waitSem(const char* prefix, int intSemId, bool bUndoTrack);
-// semtimedop -1 until the absolute CLOCK_MONOTONIC deadline (a passed one
-// tries once); the span is recomputed after a signal. True when a unit was
+// semtimedop -1 until the deadline (a passed one tries once); the span is
+// recomputed after a signal. True when a unit was
 // taken in time. EAGAIN (the time-out) is silent, other failures are printed.
-bool waitSemUntil(const char* prefix, int intSemId, const timespec& deadline, bool bUndoTrack);
+bool waitSemUntil(const char* prefix, int intSemId, const Deadline& deadline, bool bUndoTrack);
 
 // semget(key, 1, IPC_CREAT | 0755) for a new named object: the set id, or -1.
 // When the block "/dev/shm/<name>" gives nothing to others (the manager has a
