@@ -112,7 +112,7 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   EXPECT_TRUE(contains(readFile(log), "already running")) << readFile(log);
   kill(first, SIGCONT);
 
-  SharedFlags flags;  // 0: manager killed, 1: stop; 2..4: calls failed since, 5..7: longest, in us
+  SharedFlags flags;  // 0: manager killed, 1: stop; 2..4: calls failed since, 5..7: of them within 50 ms
   std::vector<pid_t> clients;
   for (int c = 0; c < 3; ++c)
     clients.push_back(startChild([&, c] {
@@ -121,10 +121,9 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
         bool killed = flags[0] != 0;
         auto call = std::chrono::steady_clock::now();
         bool attached = attaches(mine);
-        int micros = static_cast<int>(secondsSince(call) * 1e6);
         if (killed && !attached) {
+          flags[5 + c] += secondsSince(call) < 0.05;
           ++flags[2 + c];
-          if (micros > flags[5 + c]) flags[5 + c] = micros;
         }
       }
       return 0;
@@ -140,7 +139,9 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   flags[1] = 1;
   for (int c = 0; c < 3; ++c) {
     EXPECT_EQ(waitChild(clients[c]), 0);
-    EXPECT_LT(flags[5 + c], 50000) << "client " << c << ": a call to a dead manager took " << flags[5 + c] << " us";
+    // Waiting out the request timeout, every call would take 100 ms; a loaded machine delays only some.
+    EXPECT_GE(2 * flags[5 + c], flags[2 + c]) << "client " << c << ": of " << flags[2 + c]
+                                             << " calls to a dead manager, only " << flags[5 + c] << " failed within 50 ms";
   }
   kill(second, SIGTERM);
   EXPECT_EQ(waitChild(second), 0);
