@@ -113,3 +113,23 @@ TEST_F(NoManager, AKilledManagerIsReplaced) {
   os_sync_environment_uninitialize();
   EXPECT_FALSE(os_sync_environment_initialize(true)) << "the stop removed every name";
 }
+
+// A spin that ran out sends the next waits to sleep at once, twice as many
+// after each further one up to the cap; a spin that is answered ends it.
+TEST(RequestSpin, SleepsLongerAfterEachSpinThatRanOutUntilOneIsAnswered) {
+  OS::RequestSpin spin;
+  auto sleepsBeforeNextSpin = [&] {
+    unsigned int sleeps = 0;
+    for (; spin.nanos() == 0 && sleeps <= 2 * OS::RequestSpin::kMaxSleepsBetweenSpins; ++sleeps) spin.learn(0, true);
+    return sleeps;
+  };
+  for (unsigned int expected : {1u, 2u, 4u, 8u, 16u, 16u}) {
+    ASSERT_EQ(spin.nanos(), OS::kRequestSpinNanos);
+    spin.learn(spin.nanos(), true);
+    EXPECT_EQ(sleepsBeforeNextSpin(), expected);
+  }
+  spin.learn(spin.nanos(), false);
+  EXPECT_EQ(sleepsBeforeNextSpin(), 0u);
+  spin.learn(spin.nanos(), true);
+  EXPECT_EQ(sleepsBeforeNextSpin(), 1u);
+}

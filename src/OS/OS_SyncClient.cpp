@@ -188,19 +188,21 @@ bool CSyncClient::postAndWait(const timespec& deadline) {
   RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
-  long spin = kRequestSpinNanos;
-  for (;;) {
+  long spin = m_spin.nanos();
+  for (bool first = true;; first = false) {
     // In slices, so that a manager that died is noticed within one; a live
     // one, however slow, has until the deadline. A request answered within
     // the first slice, as nearly all are, never asks.
     timespec slice = Private::deadlineAfter(kManagerCheckNanos);
     bool last = !Private::isEarlier(slice, deadline);
-    if (Private::takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {
+    bool ranOut = false;
+    int taken = Private::takeSoon(manage_finish_sem, last ? deadline : slice, first ? spin : 0, &ranOut);
+    if (first) m_spin.learn(spin, ranOut);
+    if (taken == 0) {
       if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
       continue;
     }
     if (last || managerGone()) return false;
-    spin = 0;
   }
 }
 

@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <time.h>
 
+#include <algorithm>
+
 #include <ostrelled/OS_ShareMemory.h>
 
 #include "OS/internal/Liveness.h"
@@ -42,6 +44,30 @@ constexpr long kRequestTimeoutNanos = 100000000L;
 // How long either side tries a semaphore before it sleeps on it: the bound on
 // the processor time one request may spend waiting actively.
 constexpr long kRequestSpinNanos = 50000L;
+// How long the next wait of one side of the protocol spins, learnt from the
+// last ones. A spin that ran out means the other side did not run meanwhile:
+// it shares this processor, or waits for one, and the spin only kept it off.
+// The waits after it then sleep at once, twice as many after each spin that
+// runs out again, up to kMaxSleepsBetweenSpins; a spin that is answered ends
+// the penalty.
+class RequestSpin {
+ public:
+  static constexpr unsigned int kMaxSleepsBetweenSpins = 16;
+  long nanos() const { return m_sleepsLeft == 0 ? kRequestSpinNanos : 0; }
+  // After a wait that spun nanos() (0: a wait that slept at once).
+  void learn(long spun, bool ranOut) {
+    if (spun == 0) {
+      if (m_sleepsLeft > 0) --m_sleepsLeft;
+      return;
+    }
+    m_penalty = !ranOut ? 0 : m_penalty == 0 ? 1 : std::min(2 * m_penalty, kMaxSleepsBetweenSpins);
+    m_sleepsLeft = m_penalty;
+  }
+
+ private:
+  unsigned int m_sleepsLeft = 0;
+  unsigned int m_penalty = 0;
+};
 // A client waiting for an answer looks this often whether the manager still
 // lives, so that a manager that died fails a request at once, not at its timeout.
 constexpr long kManagerCheckNanos = 1000000L;
@@ -113,6 +139,8 @@ class CSyncClient {
   bool takeEnabled(const timespec* deadline);
   void takeOverFromDeadHolder();
   bool postAndWait(const timespec& deadline);
+
+  RequestSpin m_spin;
 };
 
 // What one request that the manager ignores finds: the daemon asks before it

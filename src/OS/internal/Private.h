@@ -157,13 +157,15 @@ inline bool hasPassed(const timespec& deadline, RT_MODE mode = USE_STD) {
 // up to spinNanos first: where the other side runs on another processor its
 // post usually comes within microseconds, sooner than a sleeper is woken.
 // Returns 0 or -1 with errno as sem_clockwait leaves it; signals do not
-// shorten the wait.
-inline int takeSoon(sem_t* sem, const timespec& deadline, long spinNanos) {
+// shorten the wait. spunOut, if given, tells whether the spin ran out.
+inline int takeSoon(sem_t* sem, const timespec& deadline, long spinNanos, bool* spunOut = nullptr) {
   timespec spinEnd = deadlineAfter(spinNanos);
+  if (spunOut != nullptr) *spunOut = false;
   do {
     if (sem_trywait(sem) == 0) return 0;
     __builtin_ia32_pause();
   } while (!hasPassed(spinEnd));
+  if (spunOut != nullptr) *spunOut = true;
   return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline); });
 }
 
