@@ -3,12 +3,14 @@
 #include <string.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_ShareMemory.h>
 
 #include "OS/OS_Mutex.h"
+#include "OS/internal/RobustMutex.h"
 #include "SyncTestSupport.h"
 
 using namespace testsupport;
@@ -132,4 +134,22 @@ TEST(RequestSpin, SleepsLongerAfterEachSpinThatRanOutUntilOneIsAnswered) {
   EXPECT_EQ(sleepsBeforeNextSpin(), 0u);
   spin.learn(spin.nanos(), true);
   EXPECT_EQ(sleepsBeforeNextSpin(), 1u);
+}
+
+// An unlock gives way only when somebody sleeps on the request lock.
+TEST(RequestLock, TellsWhetherSomebodySleepsOnIt) {
+  pthread_mutex_t lock;
+  ASSERT_EQ(OS::Private::initMutex(&lock, PTHREAD_MUTEX_NORMAL, false, true), 0);
+  pthread_mutex_lock(&lock);
+  EXPECT_FALSE(OS::Private::othersWaitFor(&lock));
+  std::thread sleeper([&] {
+    pthread_mutex_lock(&lock);
+    pthread_mutex_unlock(&lock);
+  });
+  for (int i = 0; i < 2000 && !OS::Private::othersWaitFor(&lock); ++i) usleep(1000);
+  EXPECT_TRUE(OS::Private::othersWaitFor(&lock));
+  pthread_mutex_unlock(&lock);
+  sleeper.join();
+  EXPECT_FALSE(OS::Private::othersWaitFor(&lock));
+  pthread_mutex_destroy(&lock);
 }

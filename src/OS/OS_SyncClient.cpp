@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
 #include "OS/OS_ShareMemory.h"
 
 namespace OS {
@@ -171,7 +173,19 @@ void CSyncClient::unlock() {
     rec->holderToken = 0;
   }
   sem_post(enable_mutex_manager_sem);
-  if (rec != nullptr) pthread_mutex_unlock(&rec->mutex);
+  if (rec == nullptr) return;
+  bool othersWait = Private::othersWaitFor(&rec->mutex);
+  pthread_mutex_unlock(&rec->mutex);
+  // A process that takes the lock again at once wins it from whoever the
+  // unlock woke, until the scheduler takes its processor away, mostly in
+  // the middle of a request. Every few turns taken while others waited, it
+  // lets the one woken run first, at a moment when the lock is free.
+  if (!othersWait) {
+    m_uintTurnsWhileOthersWait = 0;
+  } else if (++m_uintTurnsWhileOthersWait >= kTurnsBeforeGivingWay) {
+    m_uintTurnsWhileOthersWait = 0;
+    sched_yield();
+  }
 }
 
 unsigned char* CSyncClient::area() const {

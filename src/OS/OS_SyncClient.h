@@ -68,6 +68,9 @@ class RequestSpin {
   unsigned int m_sleepsLeft = 0;
   unsigned int m_penalty = 0;
 };
+// How many turns in a row a process takes the request lock while others wait
+// for it before it gives way (two turns make a named object's life).
+constexpr unsigned int kTurnsBeforeGivingWay = 2;
 // A client waiting for an answer looks this often whether the manager still
 // lives, so that a manager that died fails a request at once, not at its timeout.
 constexpr long kManagerCheckNanos = 1000000L;
@@ -141,6 +144,7 @@ class CSyncClient {
   bool postAndWait(const timespec& deadline);
 
   RequestSpin m_spin;
+  unsigned int m_uintTurnsWhileOthersWait = 0;
 };
 
 // What one request that the manager ignores finds: the daemon asks before it
