@@ -1,6 +1,7 @@
 // The sync manager and its request protocol, also when a client or the manager dies.
 
 #include "TestSupport.h"
+#include "OS/internal/RobustMutex.h"
 
 namespace {
 
@@ -119,4 +120,22 @@ TEST_F(ManagerProcess, AKilledManagerIsReplacedAndAnswersNoPingMeanwhile) {
   os_mutex_destroy(old);  // its count was cleared under it: the name is left alone
   os_sync_environment_uninitialize();
   EXPECT_FALSE(os_sync_environment_initialize(true)) << "the stop did not remove every name";
+}
+
+// An unlock gives way only when somebody sleeps on the request lock.
+TEST(RequestLock, TellsWhetherSomebodySleepsOnIt) {
+  pthread_mutex_t lock;
+  ASSERT_EQ(internal::initMutex(&lock, PTHREAD_MUTEX_NORMAL, false, true), 0);
+  pthread_mutex_lock(&lock);
+  EXPECT_FALSE(internal::othersWaitFor(&lock));
+  std::thread sleeper([&] {
+    pthread_mutex_lock(&lock);
+    pthread_mutex_unlock(&lock);
+  });
+  for (int i = 0; i < 2000 && !internal::othersWaitFor(&lock); ++i) usleep(1000);
+  EXPECT_TRUE(internal::othersWaitFor(&lock));
+  pthread_mutex_unlock(&lock);
+  sleeper.join();
+  EXPECT_FALSE(internal::othersWaitFor(&lock));
+  pthread_mutex_destroy(&lock);
 }

@@ -272,6 +272,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
   auto* area = static_cast<unsigned char*>(os_sharememory_get_buffer(m_pMutexManagerShareMemory));
   if (area == nullptr) return;
   bool busy = false;
+  internal::RequestSpin learnt;
   while (!m_bRequestExitThread) {
     if (request == nullptr || finish == nullptr) {
       // Nothing can arrive; still leave within one request period when asked.
@@ -282,9 +283,13 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
     if (void (*beat)() = gHeartbeat.load(std::memory_order_relaxed)) beat();
     const internal::Deadline deadline = internal::Deadline::after(internal::kRequestTimeout);
     // Requests come in runs (an attach, then soon the next one): right after
-    // serving one, the next is tried for a moment before the thread sleeps.
-    internal::Span spin = busy ? internal::kRequestSpin : internal::Span::zero();
-    if (internal::takeSoon(request, deadline, spin) != 0) {
+    // serving one, the next is tried for a moment before the thread sleeps,
+    // unless such tries have lately run out (see RequestSpin).
+    internal::Span spin = busy ? learnt.spin() : internal::Span::zero();
+    bool ranOut = false;
+    int taken = internal::takeSoon(request, deadline, spin, &ranOut);
+    if (busy) learnt.learn(spin, ranOut);
+    if (taken != 0) {
       busy = false;
       // Idle: a client that died holding the request lock is released here
       // even when nobody else waits for it.

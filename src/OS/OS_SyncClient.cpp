@@ -8,6 +8,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
+#include "OS/internal/RobustMutex.h"
 #include "OS/internal/ShareMemoryHandle.h"
 
 namespace ostrelled {
@@ -176,7 +178,19 @@ void CSyncClient::unlock() {
     rec->holderToken = 0;
   }
   sem_post(enable_mutex_manager_sem);
-  if (rec != nullptr) pthread_mutex_unlock(&rec->mutex);
+  if (rec == nullptr) return;
+  bool othersWait = othersWaitFor(&rec->mutex);
+  pthread_mutex_unlock(&rec->mutex);
+  // A process that takes the lock again at once wins it from whoever the
+  // unlock woke, until the scheduler takes its processor away, mostly in
+  // the middle of a request. Every few turns taken while others waited, it
+  // lets the one woken run first, at a moment when the lock is free.
+  if (!othersWait) {
+    m_uintTurnsWhileOthersWait = 0;
+  } else if (++m_uintTurnsWhileOthersWait >= kTurnsBeforeGivingWay) {
+    m_uintTurnsWhileOthersWait = 0;
+    sched_yield();
+  }
 }
 
 unsigned char* CSyncClient::area() const {
@@ -193,19 +207,21 @@ bool CSyncClient::postAndWait(const Deadline& deadline) {
   RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
-  Span spin = kRequestSpin;
-  for (;;) {
+  Span spin = m_spin.spin();
+  for (bool first = true;; first = false) {
     // In slices, so that a manager that died is noticed within one; a live
     // one, however slow, has until the deadline. A request answered within
     // the first slice, as nearly all are, never asks.
     Deadline slice = Deadline::after(kManagerCheck);
     bool last = !(slice < deadline);
-    if (takeSoon(manage_finish_sem, last ? deadline : slice, spin) == 0) {
+    bool ranOut = false;
+    int taken = takeSoon(manage_finish_sem, last ? deadline : slice, first ? spin : Span::zero(), &ranOut);
+    if (first) m_spin.learn(spin, ranOut);
+    if (taken == 0) {
       if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
       continue;
     }
     if (last || managerGone()) return false;
-    spin = Span::zero();
   }
 }
 

@@ -256,10 +256,9 @@ void detachNamedObject(const std::string& name, sharememory_handle*& block, Name
       // Without a reply the name stays until the manager stops; with one the
       // manager has unlinked it already and this second unlink finds nothing.
       answered = client->requestDestroy(name.c_str());
-      os_sharememory_close(block, answered);
-    } else {
-      os_sharememory_close(block, false);
+      if (answered) block->sharememory_unlink();
     }
+    // The mapping is nobody else's business: it goes after the lock (below).
     client->unlock();
     if (!answered) lease->invalidate();
   }

@@ -114,9 +114,12 @@ class ErrnoGuard {
 // Takes a semaphore before the deadline, trying for up to spin first: where
 // the other side runs on another processor its post usually comes within
 // microseconds, sooner than a sleeper is woken. Returns 0 or -1 with errno as
-// sem_clockwait leaves it; signals do not shorten the wait.
-inline int takeSoon(sem_t* sem, const Deadline& deadline, Span spin) {
+// sem_clockwait leaves it; signals do not shorten the wait. spunOut, if given,
+// tells whether the spin ran out.
+inline int takeSoon(sem_t* sem, const Deadline& deadline, Span spin, bool* spunOut = nullptr) {
+  if (spunOut != nullptr) *spunOut = false;
   if (pollUntil(Deadline::after(spin), Span::zero(), [sem] { return sem_trywait(sem) == 0; })) return 0;
+  if (spunOut != nullptr) *spunOut = true;
   return retryOnEintr([&] { return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline.time()); });
 }
 

@@ -6,6 +6,7 @@
 #include "OS/internal/RobustMutex.h"
 
 #include <errno.h>
+#include <linux/futex.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -61,6 +62,11 @@ bool ownerIdIsMine(const pthread_mutex_t* mutex) {
   const int* owner = reinterpret_cast<const int*>(reinterpret_cast<const unsigned char*>(mutex) + kOwnerWordAt);
   int word = __atomic_load_n(owner, __ATOMIC_RELAXED);
   return (word & kTidMask) == static_cast<int>(gettid());
+}
+
+bool othersWaitFor(const pthread_mutex_t* mutex) {
+  const int* word = reinterpret_cast<const int*>(reinterpret_cast<const unsigned char*>(mutex) + kOwnerWordAt);
+  return (static_cast<unsigned int>(__atomic_load_n(word, __ATOMIC_RELAXED)) & FUTEX_WAITERS) != 0;
 }
 
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared) {

@@ -23,6 +23,9 @@ bool countsOwnRecursion(const pthread_mutex_t* mutex);
 // Whether the calling thread's id is the one the mutex records as its owner
 // (the kernel clears it when the owner dies).
 bool ownerIdIsMine(const pthread_mutex_t* mutex);
+// Whether another thread sleeps on the mutex, which the owner's unlock then
+// wakes; read by its owner just before the unlock.
+bool othersWaitFor(const pthread_mutex_t* mutex);
 
 // Whether this process may use a shared mutex: false only for a priority-
 // inheriting one made in another PID namespace. The kernel finds the owner of

@@ -5,6 +5,7 @@
 // library's other users of its members (the manager, the sync client, named objects).
 
 #include <stddef.h>
+#include <sys/mman.h>
 
 #include <string>
 
@@ -28,6 +29,8 @@ class sharememory_handle {
   void sharememory_reserve_name(size_t length) { m_strShareMemoryName.reserve(length); }
   void sharememory_close();
   void sharememory_destroy();
+  // Removes the name only; the mapping stays until the handle closes.
+  void sharememory_unlink() { shm_unlink(m_strShareMemoryName.c_str()); }
   void* sharememory_get_buffer() const { return m_pMemoryBuffer; }
   size_t sharememory_get_size() const { return m_uintMemorySize; }
 

@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <time.h>
 
+#include <algorithm>
+
 #include <ostrelled/OS_ShareMemory.h>
 
 #include "OS/internal/Deadline.h"
@@ -46,6 +48,33 @@ constexpr Span kRequestTimeout = std::chrono::milliseconds(100);
 // How long either side tries a semaphore before it sleeps on it: the bound on
 // the processor time one request may spend waiting actively.
 constexpr Span kRequestSpin = std::chrono::microseconds(50);
+// How long the next wait of one side of the protocol spins, learnt from the
+// last ones. A spin that ran out means the other side did not run meanwhile:
+// it shares this processor, or waits for one, and the spin only kept it off.
+// The waits after it then sleep at once, twice as many after each spin that
+// runs out again, up to kMaxSleepsBetweenSpins; a spin that is answered ends
+// the penalty.
+class RequestSpin {
+ public:
+  static constexpr unsigned int kMaxSleepsBetweenSpins = 16;
+  Span spin() const { return m_sleepsLeft == 0 ? kRequestSpin : Span::zero(); }
+  // After a wait that spun spin() (zero: a wait that slept at once).
+  void learn(Span spun, bool ranOut) {
+    if (spun == Span::zero()) {
+      if (m_sleepsLeft > 0) --m_sleepsLeft;
+      return;
+    }
+    m_penalty = !ranOut ? 0 : m_penalty == 0 ? 1 : std::min(2 * m_penalty, kMaxSleepsBetweenSpins);
+    m_sleepsLeft = m_penalty;
+  }
+
+ private:
+  unsigned int m_sleepsLeft = 0;
+  unsigned int m_penalty = 0;
+};
+// How many turns in a row a process takes the request lock while others wait
+// for it before it gives way (two turns make a named object's life).
+constexpr unsigned int kTurnsBeforeGivingWay = 2;
 // A client waiting for an answer looks this often whether the manager still
 // lives, so that a manager that died fails a request at once, not at its timeout.
 constexpr Span kManagerCheck = std::chrono::milliseconds(1);
@@ -120,6 +149,9 @@ class CSyncClient {
   bool takeEnabled(const Deadline& deadline);
   void takeOverFromDeadHolder();
   bool postAndWait(const Deadline& deadline);
+
+  RequestSpin m_spin;
+  unsigned int m_uintTurnsWhileOthersWait = 0;
 };
 
 // What one request that the manager ignores finds: the daemon asks before it
