@@ -53,15 +53,6 @@ TEST_F(LoopbackTcp, TheLinkBreaksOnlyOnceAllIsRead) {
   EXPECT_TRUE(os_socket_is_link_broken(server, USE_DEFAULT));
 }
 
-TEST_F(LoopbackTcp, OptionResultsAreInverted) {
-  int on = 1, value = 0;
-  socklen_t len = sizeof(value);
-  EXPECT_FALSE(os_socket_set_sock_opt(server, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on), USE_DEFAULT));
-  EXPECT_TRUE(os_socket_set_sock_opt(server, 12345, SO_KEEPALIVE, &on, sizeof(on), USE_DEFAULT));
-  EXPECT_FALSE(os_socket_get_sock_opt(server, SOL_SOCKET, SO_KEEPALIVE, &value, &len, USE_RT));
-  EXPECT_TRUE(os_socket_get_sock_opt(-1, SOL_SOCKET, SO_KEEPALIVE, &value, &len, USE_RT));
-}
-
 TEST_F(LoopbackTcp, ReceiveTimeoutBeyondASecondHolds) {
   int value = 0;
   // Beyond a second, so the milliseconds must be split into seconds and microseconds.
