@@ -1,6 +1,5 @@
 #include <stdlib.h>
 
-#include <ostrelled/OS_Environment.h>
 #include <ostrelled/OS_System.h>
 #include <ostrelled/Version.h>
 
@@ -61,15 +60,6 @@ TEST(OS_System, BrokenPipesFailWithEpipe) {
               // A handler rather than SIG_IGN, so that exec'd programs get the default back.
               return current.sa_handler != SIG_IGN && write(fds[1], "x", 1) == -1 && errno == EPIPE ? 0 : 3;
             }), 0);
-}
-
-TEST(OS_Environment, ApplicationPathIsTheRunningProgramWithoutATerminator) {
-  char path[PATH_MAX];
-  memset(path, '#', sizeof path);
-  SSIZE_T length = os_environment_get_application_path(path, sizeof path);
-  ASSERT_GT(length, 0);
-  EXPECT_EQ(std::string(path, length), std::filesystem::read_symlink("/proc/self/exe").string());
-  EXPECT_EQ(path[length], '#');
 }
 
 // The loaded library against the headers this program was built with.
