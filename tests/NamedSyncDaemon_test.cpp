@@ -36,8 +36,7 @@ struct Account {
   }
 };
 
-// The daemon, its output appended to log, reporting its state to notifySocket if given; with an
-// account, run as the packaged unit runs it: that account, --group users, umask 0077.
+// The daemon, output to log, readiness to notifySocket; as an account, as the unit runs it.
 pid_t startDaemon(const std::string& log, const std::string& notifySocket = "", const Account* as = nullptr) {
   std::string path = daemonPath();
   return startChild([&] {
@@ -94,8 +93,7 @@ TEST_F(SyncDaemon, EveryStopSignalEndsTheServingTimeThatReadinessBegan) {
   }
 }
 
-// A stopped manager gets its full 100 ms and keeps a second daemon out; while three clients
-// keep creating, a killed one fails every call at once and a new daemon starts without --force.
+// A stopped manager keeps a second daemon out; a killed one fails calls at once and is replaced.
 TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   std::string log = "/tmp/" + uniqueName("syncd"), name = uniqueName("outage");
   NotifySocket notify;
@@ -215,8 +213,7 @@ class SyncDaemonWithAGroup : public NoManager {
   pid_t m_daemon = 0;
 };
 
-// An outsider reaches nothing that a member holds; another member's work reaches the
-// holder; every name belongs to the group, mode 0660.
+// Outsiders reach nothing, other members reach the holder; every name is the group's, mode 0660.
 TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
   std::string prefix = uniqueName("group");
   const int kinds = static_cast<int>(namedKinds().size());

@@ -23,8 +23,7 @@ TEST(OS_CLibrary, FormattedLengthCountsWithoutWriting) {
   EXPECT_EQ(formattedLength(false, "%s-%s", "ab", "cde"), 7);
 }
 
-// INT_MAX bytes need INT_MAX + 1 with the terminator. Asked once: the C
-// library pads the whole width even when it writes nothing, seconds of work.
+// INT_MAX bytes and the terminator. Asked once: the padding alone takes seconds.
 TEST(OS_CLibrary, FormattedLengthBeyondIntIsMinusOne) {
   EXPECT_EQ(formattedLength(true, "%2147483647d", 1), -1);
 }

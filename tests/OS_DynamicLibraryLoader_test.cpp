@@ -14,13 +14,6 @@ TEST(OS_DynamicLibraryLoader, ResolvedSymbolsCanBeCalled) {
   os_dynamic_library_loader_free(module);
 }
 
-TEST(OS_DynamicLibraryLoader, FailedLoadPrintsOneLine) {
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(os_dynamic_library_loader_load_ex("/no/lib.so", 0), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "Load library '/no/lib.so' failed:/no/lib.so: cannot open shared object file: No such file or directory\n");
-}
-
 // Global scope and "never unload" cannot be undone, so each case runs in a child.
 TEST(OS_DynamicLibraryLoader, HintsChooseTheLoadScope) {
   const struct { int hints, expected; } rows[] = {

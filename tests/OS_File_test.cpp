@@ -50,11 +50,3 @@ TEST(OS_File, CopyOverwritesKeepingTheTimes) {
   }
   EXPECT_FALSE(os_file_copy("missing", "dst", false) || os_file_copy("src", "no/dir", false));
 }
-
-TEST(OS_File, MoveRenames) {
-  TempDirectory dir(true);
-  writeFile("src", "moved");
-  writeFile("dst", "replaced");
-  EXPECT_TRUE(os_file_move("src", "dst") && readFile("dst") == "moved");
-  EXPECT_FALSE(os_file_move("src", "other")) << "the source is gone";
-}

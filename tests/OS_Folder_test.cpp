@@ -76,8 +76,7 @@ TEST_F(OS_Shell, FolderCommandsActOnTheLiteralPath) {
     writeFile(source + "/.hidden", "");  // the shell's "/*" skips dot entries
     ASSERT_TRUE(os_folder_copy(source.c_str(), target.c_str(), false));
     EXPECT_TRUE(readFile(target + "/f") == "new" && exists(target + "/sub") && !exists(target + "/.hidden"));
-    // Nested under the last component ("\\" separates too); cp's question
-    // about the existing f is answered "n".
+    // Nested under the last component ("\\" separates too); cp's question about f answered "n".
     const std::string nested = target + "/" + source.substr(source.find_last_of("/\\") + 1);
     ASSERT_TRUE(os_folder_create(nested.c_str()));
     writeFile(nested + "/f", "kept");

@@ -54,8 +54,7 @@ TEST_P(RWMutex, AWriterWaitsForTheLastReaderAndIsAloneInside) {
 INSTANTIATE_TEST_SUITE_P(Both, RWMutex, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Process" : "Thread"; });
 
-// Counts that no live holder accounts for: a dead reader, a negative token, untracked
-// readers beyond the count, a writer flag without a writer, and the other way round.
+// Dead or impossible readers, untracked readers beyond the count, a writer flag without a writer.
 TEST_F(NamedRWMutex, ADamagedBlockIsRepairedNotFollowedIntoAHang) {
   using Block = internal::RWMutexBlock;
   std::string name = uniqueName("rw");

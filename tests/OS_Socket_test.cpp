@@ -40,20 +40,6 @@ class LoopbackTcp : public ::testing::Test {
   int client = os_socket(AF_INET, SOCK_STREAM, 0, USE_RT), server = -1;
 };
 
-TEST(SocketPassThrough, UdpDatagramArrivesWithItsSendersAddress) {
-  int udp = os_socket(AF_INET, SOCK_DGRAM, 0, USE_RT);
-  sockaddr_in self, to, from{};
-  ASSERT_EQ(os_socket_bind(udp, loopback(self), sizeof(self), USE_DEFAULT), 0);
-  EXPECT_EQ(os_socket_send_to(udp, "datagram", 8, 0, loopback(to, portOf(udp)), sizeof(to), USE_STD), 8);
-  ASSERT_TRUE(os_socket_readable(udp, 2000, nullptr, USE_DEFAULT));
-  char buf[16] = {};
-  socklen_t len = sizeof(from);
-  EXPECT_EQ(os_socket_recv_from(udp, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len, USE_STD), 8);
-  EXPECT_EQ(std::string(buf, 8), "datagram");
-  EXPECT_EQ(ntohs(from.sin_port), portOf(udp));
-  os_socket_close(udp, USE_DEFAULT);
-}
-
 TEST_F(LoopbackTcp, TheLinkBreaksOnlyOnceAllIsRead) {
   EXPECT_FALSE(os_socket_is_link_broken(server, USE_DEFAULT));  // nothing to read
   EXPECT_EQ(os_socket_send(client, "tail", 4, 0, USE_STD), 4);
@@ -65,15 +51,6 @@ TEST_F(LoopbackTcp, TheLinkBreaksOnlyOnceAllIsRead) {
   EXPECT_EQ(os_socket_recv(server, buf, sizeof(buf), 0, USE_STD), 4);
   EXPECT_EQ(std::string(buf, 4), "tail");
   EXPECT_TRUE(os_socket_is_link_broken(server, USE_DEFAULT));
-}
-
-TEST_F(LoopbackTcp, OptionResultsAreInverted) {
-  int on = 1, value = 0;
-  socklen_t len = sizeof(value);
-  EXPECT_FALSE(os_socket_set_sock_opt(server, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on), USE_DEFAULT));
-  EXPECT_TRUE(os_socket_set_sock_opt(server, 12345, SO_KEEPALIVE, &on, sizeof(on), USE_DEFAULT));
-  EXPECT_FALSE(os_socket_get_sock_opt(server, SOL_SOCKET, SO_KEEPALIVE, &value, &len, USE_RT));
-  EXPECT_TRUE(os_socket_get_sock_opt(-1, SOL_SOCKET, SO_KEEPALIVE, &value, &len, USE_RT));
 }
 
 TEST_F(LoopbackTcp, ReceiveTimeoutBeyondASecondHolds) {

@@ -57,8 +57,7 @@ TEST_P(SyncContract, TakesGiveUpAtTheirDeadlineWhileAnotherHoldsIt) {
   m_object->give();
 }
 
-// A signal every millisecond, handled without SA_RESTART: a timed take waits its
-// full time, an untimed one until the holder lets go 100 ms after it began.
+// A signal every millisecond: a timed take waits its full time, an untimed one until the let-go.
 TEST_P(SyncContract, TakesUnderASignalStormEndOnlyAtTheirDeadlineOrTheLetGo) {
   auto holder = holdElsewhere();
   bool taken = true;

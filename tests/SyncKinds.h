@@ -1,8 +1,7 @@
 #ifndef OSTRELLED_TESTS_SYNCKINDS_H
 #define OSTRELLED_TESTS_SYNCKINDS_H
 
-// Every synchronisation kind as a token that one holder takes and gives back:
-// a semaphore of one unit; an event that starts set, consumed by a wait.
+// Every kind as a token one holder takes: a semaphore of one unit; an event set, consumed by a wait.
 
 #include <memory>
 #include <vector>
@@ -14,7 +13,7 @@ class SyncObject {
   virtual ~SyncObject() = default;
   virtual bool attached() const = 0;
   virtual bool take() = 0;  // untimed; false only where the kind reports a failure
-  virtual bool tryTake() = 0;  // a try lock, or a wait with a deadline in the past
+  virtual bool tryTake() { return takeBy(deadlineIn(-1000)); }  // a try lock, or a wait with a past deadline
   virtual bool takeBy(const timespec& deadline) = 0;
   virtual void give() = 0;
   virtual void hold() { take(); }  // how a holder takes it
@@ -56,7 +55,6 @@ class SemaphoreObject : public SyncObject {
   ~SemaphoreObject() override { os_semaphore_destroy(m_h); }
   bool attached() const override { return os_semaphore_is_attached(m_h); }
   bool take() override { return os_semaphore_wait(m_h); }
-  bool tryTake() override { return takeBy(deadlineIn(-1000)); }
   bool takeBy(const timespec& deadline) override { return os_semaphore_wait_timeout(m_h, deadline); }
   void give() override { os_semaphore_release(m_h); }
   void destroy() override { os_semaphore_destroy(m_h); }
@@ -73,7 +71,6 @@ class EventObject : public SyncObject {
   ~EventObject() override { os_event_destroy(m_h); }
   bool attached() const override { return os_event_is_attached(m_h); }
   bool take() override { return consumed(os_event_wait(m_h)); }
-  bool tryTake() override { return takeBy(deadlineIn(-1000)); }
   bool takeBy(const timespec& deadline) override { return consumed(os_event_wait_timeout(m_h, deadline)); }
   void give() override { os_event_set_event(m_h); }
   void destroy() override { os_event_destroy(m_h); }

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include <ostrelled/OS_Clock.h>
+#include <ostrelled/OS_Environment.h>
 #include <ostrelled/OS_Event.h>
 #include <ostrelled/OS_Mutex.h>
 #include <ostrelled/OS_RWMutex.h>
@@ -325,8 +326,11 @@ inline int managerNamesLeft() {
   return left;
 }
 
+// Beside the test's own program, found by the library (whose answer has no terminator).
 inline std::string toolPath(const char* tool) {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/../tools/" + tool;
+  char self[PATH_MAX];
+  SSIZE_T length = os_environment_get_application_path(self, sizeof self);
+  return std::filesystem::path(std::string(self, length > 0 ? length : 0)).parent_path().string() + "/../tools/" + tool;
 }
 
 // A shell command line's exit code and standard output.

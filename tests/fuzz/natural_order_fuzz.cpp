@@ -1,6 +1,5 @@
-// Natural order against a plain reading of its definition: the comparison
-// starts at the digit run holding the first difference, digit runs compare by
-// atoi, digits order before other bytes, other bytes by signed value.
+// Natural order against its definition: from the digit run of the first difference, runs by atoi,
+// digits before other bytes, other bytes by signed value.
 
 #include <algorithm>
 

@@ -1,6 +1,5 @@
-// The three path-name functions against a plain reading of their definition
-// (trailing separators cut, "\" read as "/", then the last component), each
-// through the whole size-query protocol.
+// The path-name functions against their definition (trailing separators cut, "\" as "/", the last
+// component), each through the whole size-query protocol.
 
 #include <optional>
 #include <vector>

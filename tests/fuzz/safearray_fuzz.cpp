@@ -1,5 +1,4 @@
-// Safe-array operations checked after every step against a model. No copies of
-// string arrays: the units in a released copy are kept on purpose, and would leak.
+// Safe-array steps against a model; no copies of string arrays, whose units are kept on purpose.
 
 #include <optional>
 #include <vector>

@@ -1,6 +1,4 @@
-// Variant text conversions in both directions, against the C library calls
-// that define them: strtol, strtoul, strtoll, strtoull and atof (base 0, no end
-// pointer) from text, and the printf format of each type to text.
+// Variant text conversions against the C library: strto* (base 0) and atof from text, printf to it.
 
 #include <cerrno>
 #include <cmath>
