@@ -201,7 +201,13 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark((std::string("BM_NamedMutexLife") + suffix).c_str(), BM_NamedMutexLife)->UseRealTime();
   benchmark::RegisterBenchmark((std::string("BM_NamedMutexLivesInProcesses") + suffix).c_str(),
                                BM_NamedMutexLivesInProcesses)
-      ->Arg(1)->Arg(2)->Arg(4)->Arg(8)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+      ->Arg(1)
+      ->Arg(2)
+      ->Arg(4)
+      ->Arg(8)
+      ->UseManualTime()
+      ->Iterations(1)
+      ->Unit(benchmark::kMillisecond);
   benchmark::RunSpecifiedBenchmarks();
   if (hosted) os_sync_environment_uninitialize();
   benchmark::Shutdown();

@@ -23,7 +23,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   mutex_handle* mutex = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, "example_crash");
-  auto* holding = static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* holding =
+      static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t holder = fork();
   if (holder == 0) {
     mutex_handle* own = os_mutex_create(DEFAULT_MUTEX_ATTRIBUTE, USE_DEFAULT, "example_crash");  // attached too

@@ -57,7 +57,8 @@ int main(int argc, char** argv) {
          mutexName.c_str());
   fflush(stdout);
   // The workers attach while this process holds the lock, and start once it lets go.
-  auto* attached = static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* attached =
+      static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   os_mutex_lock(mine);
   for (int i = 0; i < kWorkers; ++i) {
     pid_t pid = fork();

@@ -35,7 +35,8 @@ int main(int argc, char** argv) {
   }
   rw_mutex_handle* lock = os_rw_mutex_create(USE_DEFAULT, "example_rw");
   // inside[0]: readers inside; inside[1]: set when they may leave.
-  auto* inside = static_cast<int*>(mmap(nullptr, 2 * sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* inside =
+      static_cast<int*>(mmap(nullptr, 2 * sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t readers[kReaders];
   for (pid_t& pid : readers)
     if ((pid = fork()) == 0) {

@@ -47,8 +47,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   semaphore_handle* units = os_semaphore_create(kUnits, USE_DEFAULT, "example_units");
-  auto* shared = static_cast<Shared*>(
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* shared =
+      static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t workers[kWorkers];
   for (pid_t& pid : workers)
     if ((pid = fork()) == 0) _exit(work(units, shared));
@@ -56,8 +56,8 @@ int main(int argc, char** argv) {
   __atomic_store_n(&shared->go, 1, __ATOMIC_SEQ_CST);
   int failed = 0, status = 0;
   for (pid_t pid : workers) failed += waitpid(pid, &status, 0) != pid || WEXITSTATUS(status) != 0;
-  printf("%d workers, %d units: at most %d worked at once; %d units free at the end\n", kWorkers, kUnits,
-         shared->most, os_semaphore_get_value(units));
+  printf("%d workers, %d units: at most %d worked at once; %d units free at the end\n", kWorkers, kUnits, shared->most,
+         os_semaphore_get_value(units));
   bool bounded = failed == 0 && shared->most <= kUnits && os_semaphore_get_value(units) == kUnits;
   os_semaphore_destroy(units);
   return bounded ? 0 : 1;

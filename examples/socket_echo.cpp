@@ -75,7 +75,6 @@ int main() {
 
   os_socket_close(conn, USE_DEFAULT);
   os_socket_close(listener, USE_DEFAULT);
-  printf("socket_echo: echoed %d bytes, client saw its message back: %s\n", got,
-         good && g_clientGood ? "yes" : "NO");
+  printf("socket_echo: echoed %d bytes, client saw its message back: %s\n", got, good && g_clientGood ? "yes" : "NO");
   return good && g_clientGood ? 0 : 1;
 }

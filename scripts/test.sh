@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the library and runs every test: the plain build, the exported-name
-# check, a downstream build against an installed copy, the public ABI against
+# Builds the library and runs every test: the layout of every C++ file, the
+# plain build, the exported-name check, a downstream build against an installed copy, the public ABI against
 # its baseline, the Debian packages, every example, the API reference without
 # a Doxygen warning, the whole suite again under AddressSanitizer and
 # UndefinedBehaviorSanitizer, the tests that use threads under
@@ -41,6 +41,8 @@ thread() {
   (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j"$jobs")
 }
 
+# Every C++ file as .clang-format lays it out.
+step "format" scripts/check_format.sh
 step "build and tests" plain
 step "install check" scripts/check_install.sh build
 # The public ABI against the committed baseline: any change must be recorded.

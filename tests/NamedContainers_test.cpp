@@ -11,7 +11,9 @@ class Containers : public HostedManager {
   }
 };
 
-bool priorityInheriting(const SyncKind& kind) { return std::string(kind.name).find("PriorityInheriting") != std::string::npos; }
+bool priorityInheriting(const SyncKind& kind) {
+  return std::string(kind.name).find("PriorityInheriting") != std::string::npos;
+}
 
 }  // namespace
 
@@ -39,7 +41,8 @@ TEST_F(Containers, OwnedKindsExcludeBetweenPidNamespacesAndComeBackFromAKilledOn
     auto mine = kind(name);
     holder.kill();
     auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(mine->takeBy(deadlineIn(3000))) << kind.name << ": the killed namespace's hold was not given back in 3 s";
+    EXPECT_TRUE(mine->takeBy(deadlineIn(3000)))
+        << kind.name << ": the killed namespace's hold was not given back in 3 s";
     EXPECT_LT(secondsSince(start), 1.0 + kLateSlack) << kind.name << ": given back late";
     mine->give();
   }

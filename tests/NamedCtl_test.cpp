@@ -106,7 +106,8 @@ TEST_F(Ctl, InAContainerAnObjectUsedElsewhereIsNeitherStaleNorRemoved) {
   int status = tool.wait();
   std::string seen = ctl("list").out;  // back in this namespace
   EXPECT_EQ(status, 0) << "1: not listed as unknown, 2: removed; the tool said:\n"
-                       << std::ifstream(report).rdbuf() << "\nfrom here:\n" << seen;
+                       << std::ifstream(report).rdbuf() << "\nfrom here:\n"
+                       << seen;
   EXPECT_TRUE(shmExists(name)) << "the object used elsewhere was removed";
   unlink(report.c_str());
 }

@@ -138,8 +138,9 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   for (int c = 0; c < 3; ++c) {
     EXPECT_EQ(waitChild(clients[c]), 0);
     // Waiting out the request timeout, every call would take 100 ms; a loaded machine delays only some.
-    EXPECT_GE(2 * flags[5 + c], flags[2 + c]) << "client " << c << ": of " << flags[2 + c]
-                                             << " calls to a dead manager, only " << flags[5 + c] << " failed within 50 ms";
+    EXPECT_GE(2 * flags[5 + c], flags[2 + c])
+        << "client " << c << ": of " << flags[2 + c] << " calls to a dead manager, only " << flags[5 + c]
+        << " failed within 50 ms";
   }
   kill(second, SIGTERM);
   EXPECT_EQ(waitChild(second), 0);
@@ -226,7 +227,8 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
     if (!step.reaches(0, 2, 8.0)) return 101;
     int wrong = 0;  // a lock still ours, or a unit or set that the other member did not give
     for (size_t i = 0; i < mine.objects.size(); ++i)
-      namedKinds()[i].owned ? mine.objects[i]->give() : static_cast<void>(wrong += !mine.objects[i]->takeBy(deadlineIn(1000)));
+      namedKinds()[i].owned ? mine.objects[i]->give()
+                            : static_cast<void>(wrong += !mine.objects[i]->takeBy(deadlineIn(1000)));
     return wrong;
   });
   ASSERT_TRUE(waitUntil([&] { return step[0] != 0; })) << "the holder did not take every kind within 5 s";
@@ -251,7 +253,8 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
               }
               return kinds - shared;
             }),
-            0) << "kinds that the other member did not share with the holder";
+            0)
+      << "kinds that the other member did not share with the holder";
   step[0] = 2;
   EXPECT_EQ(waitChild(holder), 0) << "kinds whose give by the other member the holder did not find";
   EXPECT_TRUE(liveManagerAnswers());
@@ -260,12 +263,17 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
 // The tool tells an outsider which group to join and shows root access changed by hand.
 TEST_F(SyncDaemonWithAGroup, TheToolRefusesOutsidersPlainlyAndReportsAccessChangedByHand) {
   std::string ctl = toolPath("ostrelled-ctl"), name = uniqueName("group_ctl");
-  Holder holder([&] { if (member.become()) os_mutex_lock(namedMutex(name)); }, [] {});
+  Holder holder(
+      [&] {
+        if (member.become()) os_mutex_lock(namedMutex(name));
+      },
+      [] {});
   ASSERT_TRUE(holder.held());
   for (const std::string& command : {std::string("status"), std::string("list"), "remove --force " + name}) {
     ToolRun refused = runTool(outsider.prefix() + ctl + " " + command + " 2>&1");
     EXPECT_EQ(refused.status, 1) << command;
-    EXPECT_TRUE(contains(refused.out, "may not use named objects: they belong to group users. Join it (usermod -aG users"))
+    EXPECT_TRUE(
+        contains(refused.out, "may not use named objects: they belong to group users. Join it (usermod -aG users"))
         << refused.out;
   }
   EXPECT_TRUE(shmExists(name));
@@ -279,9 +287,14 @@ TEST_F(SyncDaemonWithAGroup, TheToolRefusesOutsidersPlainlyAndReportsAccessChang
   ToolRun status = runTool(ctl + " status");
   EXPECT_EQ(status.status, 0);
   EXPECT_TRUE(contains(status.out, "access: members of group users")) << status.out;
-  EXPECT_TRUE(contains(status.out, "changed by hand: " + name + " has mode 0666, group users; the manager gives mode 0660, group users")) << status.out;
-  EXPECT_TRUE(contains(status.out, "changed by hand: os_mutex_manage_request_lock has mode 0660, group root")) << status.out;
+  EXPECT_TRUE(contains(
+      status.out, "changed by hand: " + name + " has mode 0666, group users; the manager gives mode 0660, group users"))
+      << status.out;
+  EXPECT_TRUE(contains(status.out, "changed by hand: os_mutex_manage_request_lock has mode 0660, group root"))
+      << status.out;
   ToolRun memberStatus = runTool(member.prefix() + ctl + " status 2>&1");
   EXPECT_EQ(memberStatus.status, 1);
-  EXPECT_TRUE(contains(memberStatus.out, "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand")) << memberStatus.out;
+  EXPECT_TRUE(
+      contains(memberStatus.out, "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand"))
+      << memberStatus.out;
 }

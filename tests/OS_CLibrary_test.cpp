@@ -24,6 +24,4 @@ TEST(OS_CLibrary, FormattedLengthCountsWithoutWriting) {
 }
 
 // INT_MAX bytes and the terminator. Asked once: the padding alone takes seconds.
-TEST(OS_CLibrary, FormattedLengthBeyondIntIsMinusOne) {
-  EXPECT_EQ(formattedLength(true, "%2147483647d", 1), -1);
-}
+TEST(OS_CLibrary, FormattedLengthBeyondIntIsMinusOne) { EXPECT_EQ(formattedLength(true, "%2147483647d", 1), -1); }

@@ -17,10 +17,15 @@ TEST(OS_Clock, AdjustNormalisesAnySpan) {
   EXPECT_EQ(std::make_pair(span.tv_sec, span.tv_nsec), std::make_pair(time_t(1), -800000000L));
 
   const std::pair<timespec, timespec> inAndOut[] = {
-      {{5, -1}, {4, 999999999}},        {{5, 2500000000L}, {7, 500000000}}, {{0, -3000000000L}, {-3, 0}},
-      {{1, 1000000000L}, {2, 0}},       {{1, 999999999}, {1, 999999999}},   {{0, -1}, {-1, 999999999}},
+      {{5, -1}, {4, 999999999}},
+      {{5, 2500000000L}, {7, 500000000}},
+      {{0, -3000000000L}, {-3, 0}},
+      {{1, 1000000000L}, {2, 0}},
+      {{1, 999999999}, {1, 999999999}},
+      {{0, -1}, {-1, 999999999}},
       // Billions of seconds carried at once, in no more time than one.
-      {{0, LONG_MAX}, {9223372036L, 854775807}}, {{0, LONG_MIN}, {-9223372037L, 145224192}},
+      {{0, LONG_MAX}, {9223372036L, 854775807}},
+      {{0, LONG_MIN}, {-9223372037L, 145224192}},
   };
   for (auto [in, out] : inAndOut) {
     timespec t = in;
@@ -74,9 +79,8 @@ TEST(OS_Clock, DeadlinesTellPassedFromComing) {
   EXPECT_EQ(Deadline::never().timeOrNull(), nullptr);
 
   int asks = 0;
-  EXPECT_FALSE(
-      internal::pollUntil(Deadline::at({0, 0}), std::chrono::milliseconds(1), [&] { return ++asks < 0; }));
+  EXPECT_FALSE(internal::pollUntil(Deadline::at({0, 0}), std::chrono::milliseconds(1), [&] { return ++asks < 0; }));
   EXPECT_EQ(asks, 1);
   EXPECT_TRUE(internal::pollUntil(Deadline::after(std::chrono::seconds(5)), std::chrono::milliseconds(1),
-                                             [&] { return ++asks == 4; }));
+                                  [&] { return ++asks == 4; }));
 }

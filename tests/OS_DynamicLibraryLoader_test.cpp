@@ -16,8 +16,9 @@ TEST(OS_DynamicLibraryLoader, ResolvedSymbolsCanBeCalled) {
 
 // Global scope and "never unload" cannot be undone, so each case runs in a child.
 TEST(OS_DynamicLibraryLoader, HintsChooseTheLoadScope) {
-  const struct { int hints, expected; } rows[] = {
-      {0, 0}, {export_external_symbols_hint | 16, 1}, {prevent_unload_hint, 2}};  // 1: global, 2: kept
+  const struct {
+    int hints, expected;
+  } rows[] = {{0, 0}, {export_external_symbols_hint | 16, 1}, {prevent_unload_hint, 2}};  // 1: global, 2: kept
   for (const auto& row : rows) {
     EXPECT_EQ(runChild([&row] {
                 os_dynamic_library_loader_free(os_dynamic_library_loader_load_ex("libz.so.1", row.hints));
@@ -25,6 +26,8 @@ TEST(OS_DynamicLibraryLoader, HintsChooseTheLoadScope) {
                 // Probed only now: a global lookup would make the library a dependency.
                 os_dynamic_library_loader_load_ex("libz.so.1", row.hints);
                 return dlsym(RTLD_DEFAULT, "zlibVersion") != nullptr ? 1 : 0;
-              }), row.expected) << row.hints;
+              }),
+              row.expected)
+        << row.hints;
   }
 }

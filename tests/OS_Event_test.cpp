@@ -28,7 +28,8 @@ TEST_P(Event, AfterADoubleSetEachSetOfAnAutoResetEventReleasesExactlyOneWaiter) 
   auto waiters = startWaiters(3, [&](int) { return os_event_wait(event); });
   for (int released = 1; released <= 3; ++released) {
     if (released > 1) os_event_set_event(event);
-    EXPECT_TRUE(waitUntil([&] { return waiters->finished >= released; })) << "set " << released << " woke nobody in 5 s";
+    EXPECT_TRUE(waitUntil([&] { return waiters->finished >= released; }))
+        << "set " << released << " woke nobody in 5 s";
     watchNothingHappenFor100ms();
     EXPECT_EQ(waiters->finished, released) << "set " << released << " woke more than one waiter";
   }
@@ -37,8 +38,8 @@ TEST_P(Event, AfterADoubleSetEachSetOfAnAutoResetEventReleasesExactlyOneWaiter) 
 
 TEST_P(Event, ManualResetReleasesEveryWaiterUntilReset) {
   event_handle* event = make(true, false);
-  auto waiters =
-      startWaiters(3, [&](int i) { return i ? os_event_wait(event) : os_event_wait_timeout(event, deadlineIn(10000)); });
+  auto waiters = startWaiters(
+      3, [&](int i) { return i ? os_event_wait(event) : os_event_wait_timeout(event, deadlineIn(10000)); });
   os_event_set_event(event);
   EXPECT_TRUE(waiters->allFinish() && waiters->succeeded == 3) << "a set did not release all three waiters in 5 s";
   EXPECT_TRUE(os_event_wait(event));
@@ -54,7 +55,8 @@ TEST_F(ConditionEvent, ADamagedSetFlagIsTakenAsSet) {
   event_handle* event = os_event_create(false, false, USE_STD, name.c_str());
   sharememory_handle* block = os_sharememory_open(name.c_str(), USE_STD);
   ASSERT_NE(block, nullptr);
-  unsigned char& flag = static_cast<unsigned char*>(os_sharememory_get_buffer(block))[internal::EventBlock::kCondition.flagsAt + internal::EventBlock::kSetFlag];
+  unsigned char& flag = static_cast<unsigned char*>(
+      os_sharememory_get_buffer(block))[internal::EventBlock::kCondition.flagsAt + internal::EventBlock::kSetFlag];
   flag = 0x7f;  // a stray byte that another writer left
   EXPECT_TRUE(os_event_wait_timeout(event, deadlineIn(10)));
   EXPECT_EQ(flag, 0) << "not consumed as a set of 1";

@@ -43,4 +43,3 @@ TEST(OS_FileSystem, WalkVisitsInPreOrderWithinItsDepth) {
   EXPECT_EQ(one.roots, std::set<std::string>{dir.path + "/"});
   os_filesystem_walk_through("top", "", nullptr);  // no callback: walks without reporting
 }
-

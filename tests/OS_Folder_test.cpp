@@ -43,10 +43,21 @@ TEST_F(OS_Folder, CreateMakesEveryParentWithFullMode) {
 namespace {
 
 // Names that a shell would read as code, quoting or patterns; any command run leaves "pwned*".
-const char* const kHostileNames[] = {
-    "with space",  "dq\"uote",        "sq'uote",         "dollar$HOME",   "$(touch pwned1)", "`touch pwned2`",
-    "back\\slash", "semi;touch pwned3", "pipe|touch pwned4", "amp&touch pwned5", "star*",     "new\nline",
-    "it's \"$(touch pwned6)\"", "'\\''$(touch pwned7)'\\''", "\\\"; touch pwned8; \\\""};
+const char* const kHostileNames[] = {"with space",
+                                     "dq\"uote",
+                                     "sq'uote",
+                                     "dollar$HOME",
+                                     "$(touch pwned1)",
+                                     "`touch pwned2`",
+                                     "back\\slash",
+                                     "semi;touch pwned3",
+                                     "pipe|touch pwned4",
+                                     "amp&touch pwned5",
+                                     "star*",
+                                     "new\nline",
+                                     "it's \"$(touch pwned6)\"",
+                                     "'\\''$(touch pwned7)'\\''",
+                                     "\\\"; touch pwned8; \\\""};
 
 // Names that rm, mv and cp would take as options.
 const char* const kDashNames[] = {"-rf", "-i", "--help", "-v x", "-"};

@@ -11,7 +11,8 @@ TEST_F(Mutex, ANamedMutexKeepsItsFirstCreatorsFlags) {
     ASSERT_TRUE(os_mutex_is_attached(second)) << "flags " << flags;
     os_mutex_lock(second);
     bool relocked = os_mutex_trylock(second);
-    EXPECT_EQ(relocked, flags != DEFAULT_MUTEX_ATTRIBUTE) << "flags " << flags << ": recursive only when the first creator asked";
+    EXPECT_EQ(relocked, flags != DEFAULT_MUTEX_ATTRIBUTE)
+        << "flags " << flags << ": recursive only when the first creator asked";
     bool otherThread = true;
     std::thread([&] { otherThread = os_mutex_trylock(second); }).join();
     EXPECT_FALSE(otherThread) << "flags " << flags << ": another thread of the holder's process got in";

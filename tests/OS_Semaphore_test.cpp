@@ -11,7 +11,8 @@ const char* const kKindNames[] = {"Anonymous", "NamedPosix", "NamedSysV"};
 class Semaphore : public HostedManager, public ::testing::WithParamInterface<Kind> {
  protected:
   semaphore_handle* make(int count) {
-    return internal::createSemaphore(count, USE_STD, GetParam() == Anonymous ? nullptr : m_name.c_str(), GetParam() == NamedSysV);
+    return internal::createSemaphore(count, USE_STD, GetParam() == Anonymous ? nullptr : m_name.c_str(),
+                                     GetParam() == NamedSysV);
   }
   std::string m_name = uniqueName("sem");
 };

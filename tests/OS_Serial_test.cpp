@@ -51,8 +51,10 @@ class SerialLine : public ::testing::Test {
 TEST_F(SerialLine, OpenConfiguresTheLine) {
   // Each row starts from what the row before left, so it must clear what that one set.
   const std::tuple<BYTE, BYTE, tcflag_t, bool, const char*> cases[] = {
-      {ODDPARITY, TWOSTOPBITS, PARENB | PARODD | CSTOPB, true, ""}, {EVENPARITY, ONESTOPBIT, PARENB, true, ""},
-      {NOPARITY, TWOSTOPBITS, CSTOPB, false, ""}, {SPACEPARITY, ONESTOPBIT, 0, true, ""},
+      {ODDPARITY, TWOSTOPBITS, PARENB | PARODD | CSTOPB, true, ""},
+      {EVENPARITY, ONESTOPBIT, PARENB, true, ""},
+      {NOPARITY, TWOSTOPBITS, CSTOPB, false, ""},
+      {SPACEPARITY, ONESTOPBIT, 0, true, ""},
       {SPACEPARITY, TWOSTOPBITS, CSTOPB, true, ""},  // the stop bits win over space's cleared CSTOPB
       {MARKPARITY, ONESTOPBIT, 0, false, "Unsupported parity\n"},
       {EVENPARITY, 2, 0, false, "Unsupported stopbits\n"},

@@ -71,7 +71,8 @@ TEST(OS_ShareMemory, TheManagerOutlivesAFullFileSystem) {
     if (!os_sync_environment_initialize(false)) return 2;
     static char page[4096];  // every free block of /dev/shm into one file
     for (FILE* filler = fopen("/dev/shm/filler", "w"); filler != nullptr;)
-      if (fwrite(page, 1, sizeof page, filler) != sizeof page || fflush(filler) != 0) filler = (fclose(filler), nullptr);
+      if (fwrite(page, 1, sizeof page, filler) != sizeof page || fflush(filler) != 0)
+        filler = (fclose(filler), nullptr);
     std::string name = uniqueName("full");
     EXPECT_FALSE(attaches(name)) << "attached with /dev/shm full";
     unlink("/dev/shm/filler");

@@ -66,9 +66,8 @@ TEST_F(LoopbackTcp, ReceiveTimeoutBeyondASecondHolds) {
 
 TEST_F(LoopbackTcp, ASignalDoesNotShortenTheWait) {
   int code = 777, signals = 0;
-  double waited = secondsUnderSignals(
-      [&] { EXPECT_FALSE(os_socket_readable(server, 400, &code, USE_DEFAULT)); }, std::chrono::milliseconds(100),
-      &signals);
+  double waited = secondsUnderSignals([&] { EXPECT_FALSE(os_socket_readable(server, 400, &code, USE_DEFAULT)); },
+                                      std::chrono::milliseconds(100), &signals);
   EXPECT_GE(waited, 0.38);
   EXPECT_GE(signals, 1);
   EXPECT_FALSE(os_socket_writable(-1, 1000, &code, USE_DEFAULT));  // refused before any wait

@@ -17,7 +17,8 @@ int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char
   sem_wait(raw.enable_mutex_manager_sem);
   sem_post(raw.manage_request_sem);
   int answers = 0;
-  for (timespec d = deadlineIn(2000); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0; d = deadlineIn(50))
+  for (timespec d = deadlineIn(2000); sem_clockwait(raw.manage_finish_sem, CLOCK_MONOTONIC, &d) == 0;
+       d = deadlineIn(50))
     ++answers;
   sem_post(raw.enable_mutex_manager_sem);
   return answers;
@@ -37,9 +38,15 @@ TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   ASSERT_NE(block, nullptr);
   memset(bytesOf(block), 0x5A, 64);
 
-  std::pair<std::vector<unsigned int>, std::string> ignored[] = {
-      {{kCreate, 128}, name}, {{kCreate, 0}, other}, {{kCreate, 0xFFFFFFFFu}, other}, {{kCreate, 32}, ""},
-      {{kCreate, 32}, "a/b"}, {{kDestroy}, ""}, {{kDestroy}, other}, {{0}, ""}, {{0xFFFFFFFFu}, ""}};
+  std::pair<std::vector<unsigned int>, std::string> ignored[] = {{{kCreate, 128}, name},
+                                                                 {{kCreate, 0}, other},
+                                                                 {{kCreate, 0xFFFFFFFFu}, other},
+                                                                 {{kCreate, 32}, ""},
+                                                                 {{kCreate, 32}, "a/b"},
+                                                                 {{kDestroy}, ""},
+                                                                 {{kDestroy}, other},
+                                                                 {{0}, ""},
+                                                                 {{0xFFFFFFFFu}, ""}};
   for (const auto& [words, target] : ignored)
     EXPECT_EQ(send(raw, words, target.c_str()), 1) << "request " << words[0] << " for \"" << target << "\"";
   memset(bytesOf(raw.manager_memory_handle) + 4, 'x', 4096 - 4);  // names with no terminator anywhere
@@ -54,7 +61,8 @@ TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   // 1023 characters are sent in full (/dev/shm refuses them), 1024 never; from another process.
   std::string longest(1023, 'a');
   for (const std::string& tooLong : {longest, std::string(1024, 'b')}) {
-    EXPECT_EQ(runChild([&] { return int(attaches(tooLong)); }), 0) << "a name of " << tooLong.size() << " characters was attached";
+    EXPECT_EQ(runChild([&] { return int(attaches(tooLong)); }), 0)
+        << "a name of " << tooLong.size() << " characters was attached";
     EXPECT_EQ(reinterpret_cast<char*>(bytesOf(raw.manager_memory_handle) + internal::kCreateNameOffset), longest)
         << tooLong.size();
   }
@@ -71,8 +79,10 @@ TEST_F(SyncManager, AClientKilledHoldingTheRequestLockIsReleasedWithinASecond) {
     EXPECT_FALSE(requestLockFree()) << who;
     auto waiter = startWaiters(waiting, [&](int) { return attaches(uniqueName("waiter")); });
     holder.kill();
-    EXPECT_TRUE(waiter->allFinish(2.0 + kLateSlack) && waiter->succeeded == waiting) << who << ": the client was not served";
-    EXPECT_TRUE(waitUntil(requestLockFree, 1.0 + kLateSlack)) << who << ": what the dead holder took was not given back";
+    EXPECT_TRUE(waiter->allFinish(2.0 + kLateSlack) && waiter->succeeded == waiting)
+        << who << ": the client was not served";
+    EXPECT_TRUE(waitUntil(requestLockFree, 1.0 + kLateSlack))
+        << who << ": what the dead holder took was not given back";
   }
 }
 

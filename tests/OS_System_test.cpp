@@ -7,9 +7,13 @@
 
 TEST(OS_System, RunCountsEveryExitButSignalsAnd255WhileInvokeWantsZero) {
   TempDirectory dir(true);
-  const struct { const char *program, *body; bool run, invoke; } rows[] = {
-      {"zero", "exit 0", true, true}, {"exit3", "exit 3", true, false}, {"selfkill", "kill -9 $$", false, false},
-      {"true", "exit 255", false, false}};  // a local program wins over the PATH one
+  const struct {
+    const char *program, *body;
+    bool run, invoke;
+  } rows[] = {{"zero", "exit 0", true, true},
+              {"exit3", "exit 3", true, false},
+              {"selfkill", "kill -9 $$", false, false},
+              {"true", "exit 255", false, false}};  // a local program wins over the PATH one
   for (const auto& row : rows) {
     writeFile(row.program, std::string("#!/bin/sh\n") + row.body);
     chmod(row.program, 0755);
@@ -39,9 +43,13 @@ TEST(OS_System, EnvironmentAppendModeEmptiesAVariableHoldingTheValue) {
   DWORD size = 0;
   EXPECT_FALSE(os_system_get_os_environmentVariable(name, nullptr, size));
   // A value already there, even inside another, empties the variable: intended.
-  const struct { const char* value; bool replace; const char* expected; } steps[] = {
-      {"/usr/bin", false, "/usr/bin"}, {"/opt/bin", false, "/usr/bin:/opt/bin"}, {"/opt/bin", false, ""},
-      {"/opt/bin2", false, "/opt/bin2"}, {"/opt/bin", false, ""}, {"/x", true, "/x"}};
+  const struct {
+    const char* value;
+    bool replace;
+    const char* expected;
+  } steps[] = {{"/usr/bin", false, "/usr/bin"}, {"/opt/bin", false, "/usr/bin:/opt/bin"},
+               {"/opt/bin", false, ""},         {"/opt/bin2", false, "/opt/bin2"},
+               {"/opt/bin", false, ""},         {"/x", true, "/x"}};
   for (const auto& step : steps) {
     os_system_set_os_environmentVariable(name, step.value, step.replace);
     EXPECT_STREQ(getenv(name), step.expected) << step.value;
@@ -59,7 +67,8 @@ TEST(OS_System, BrokenPipesFailWithEpipe) {
               close(fds[0]);
               // A handler rather than SIG_IGN, so that exec'd programs get the default back.
               return current.sa_handler != SIG_IGN && write(fds[1], "x", 1) == -1 && errno == EPIPE ? 0 : 3;
-            }), 0);
+            }),
+            0);
 }
 
 // The loaded library against the headers this program was built with.

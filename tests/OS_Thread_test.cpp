@@ -58,8 +58,8 @@ TEST(OS_Thread, AffinityPinsToOneProcessor) {
 // The signals keep coming until the sleeper is back, so one lands mid-sleep.
 TEST(OS_Sleep, MillisecondSleepLastsDespiteSignalsWhileAbsoluteSleepEndsOnOne) {
   int signals = 0;
-  double slept =
-      secondsUnderSignals([] { os_thread_sleep_milliseconds(1100, USE_DEFAULT); }, std::chrono::milliseconds(40), &signals);
+  double slept = secondsUnderSignals([] { os_thread_sleep_milliseconds(1100, USE_DEFAULT); },
+                                     std::chrono::milliseconds(40), &signals);
   EXPECT_GE(signals, 3);
   EXPECT_GE(slept, 1.1);
   EXPECT_LT(slept, 10.0);
@@ -67,7 +67,8 @@ TEST(OS_Sleep, MillisecondSleepLastsDespiteSignalsWhileAbsoluteSleepEndsOnOne) {
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += 10;
-  slept = secondsUnderSignals([&] { os_clock_nano_sleep(&deadline, USE_STD); }, std::chrono::milliseconds(40), &signals);
+  slept =
+      secondsUnderSignals([&] { os_clock_nano_sleep(&deadline, USE_STD); }, std::chrono::milliseconds(40), &signals);
   EXPECT_GE(signals, 1);
   EXPECT_LT(slept, 5.0);
 }

@@ -17,7 +17,8 @@ class SyncContract : public ::testing::TestWithParam<SyncKind> {
   // Takes the object in another thread (anonymous kinds) or process (named ones) until told to let go.
   std::unique_ptr<Holder> holdElsewhere() {
     SyncObject* object = m_object.get();
-    auto holder = std::make_unique<Holder>([object] { object->hold(); }, [object] { object->give(); }, GetParam().named);
+    auto holder =
+        std::make_unique<Holder>([object] { object->hold(); }, [object] { object->give(); }, GetParam().named);
     EXPECT_TRUE(holder->held()) << kind() << ": the holder did not take it within 5 s";
     return holder;
   }
@@ -119,7 +120,9 @@ TEST_P(OwnedSyncContract, AHolderKilledWhileHoldingIsRecoveredByTheNextTaker) {
     }
     auto start = std::chrono::steady_clock::now();
     holder.kill();
-    bool taken = way == 2 ? (blocked.join(), blockedTook == 1) : way == 0 ? object->tryTake() : object->takeBy(deadlineIn(5000));
+    bool taken = way == 2   ? (blocked.join(), blockedTook == 1)
+                 : way == 0 ? object->tryTake()
+                            : object->takeBy(deadlineIn(5000));
     EXPECT_TRUE(taken) << kind() << ": the " << ways[way] << " did not recover it from the killed holder";
     EXPECT_LT(secondsSince(start), 1.0 + kLateSlack) << kind() << ": the " << ways[way] << " recovered it late";
     if (taken && way != 2) object->give();

@@ -12,12 +12,12 @@ class SyncObject {
  public:
   virtual ~SyncObject() = default;
   virtual bool attached() const = 0;
-  virtual bool take() = 0;  // untimed; false only where the kind reports a failure
+  virtual bool take() = 0;                                      // untimed; false only where the kind reports a failure
   virtual bool tryTake() { return takeBy(deadlineIn(-1000)); }  // a try lock, or a wait with a past deadline
   virtual bool takeBy(const timespec& deadline) = 0;
   virtual void give() = 0;
   virtual void hold() { take(); }  // how a holder takes it
-  virtual void destroy() = 0;  // leaves a null handle, which later calls meet
+  virtual void destroy() = 0;      // leaves a null handle, which later calls meet
 };
 
 class MutexObject : public SyncObject {
@@ -114,8 +114,7 @@ inline const std::vector<SyncKind>& namedKinds() {
       {"Mutex", true, true, false, maker<MutexObject>(DEFAULT_MUTEX_ATTRIBUTE)},
       {"RecursiveMutex", true, true, false, maker<MutexObject>(MUTEX_RECURSIVE)},
       {"PriorityInheritingMutex", true, true, false, maker<MutexObject>(MUTEX_PRIO_INHERIT)},
-      {"RecursivePriorityInheritingMutex", true, true, false,
-       maker<MutexObject>(MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT)},
+      {"RecursivePriorityInheritingMutex", true, true, false, maker<MutexObject>(MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT)},
       {"RWMutexHeldByAWriter", true, true, false, maker<RWMutexObject>(false)},
       {"RWMutexHeldByAReader", true, true, false, maker<RWMutexObject>(true)},
       {"PosixSemaphore", true, false, false, maker<SemaphoreObject>(false)},

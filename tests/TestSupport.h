@@ -24,9 +24,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <random>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -105,7 +105,8 @@ inline int runChild(const std::function<int()>& body, double seconds = 10.0) {
 inline double secondsUnderSignals(const std::function<void()>& wait, std::chrono::milliseconds period,
                                   int* signals = nullptr) {
   static std::atomic<int> seen{0};
-  struct sigaction action {}, previous{};
+  struct sigaction action {
+  }, previous{};
   action.sa_handler = [](int) { seen.fetch_add(1); };
   sigaction(SIGUSR1, &action, &previous);
   seen = 0;
@@ -130,18 +131,22 @@ inline double secondsUnderSignals(const std::function<void()>& wait, std::chrono
 struct SharedFlags {
   SharedFlags() = default;
   SharedFlags(const SharedFlags&) = delete;
-  std::atomic<int>* at = static_cast<std::atomic<int>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  std::atomic<int>* at =
+      static_cast<std::atomic<int>*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   ~SharedFlags() { munmap(at, 4096); }
   std::atomic<int>& operator[](int i) { return at[i]; }
-  bool reaches(int i, int value, double seconds = 10.0) { return waitUntil([&] { return at[i] >= value; }, seconds); }
+  bool reaches(int i, int value, double seconds = 10.0) {
+    return waitUntil([&] { return at[i] >= value; }, seconds);
+  }
 };
 
 // Detached threads running wait(i): one that never returns fails its test, not hangs it.
 struct Waiters {
   std::atomic<int> finished{0}, succeeded{0};
   int count = 0;
-  bool allFinish(double seconds = 5.0) const { return waitUntil([&] { return finished == count; }, seconds); }
+  bool allFinish(double seconds = 5.0) const {
+    return waitUntil([&] { return finished == count; }, seconds);
+  }
 };
 inline std::shared_ptr<Waiters> startWaiters(int count, const std::function<bool(int)>& wait) {
   auto waiters = std::make_shared<Waiters>();
@@ -166,8 +171,10 @@ class Holder {
       unlock();
       return 0;
     };
-    if (inChild) m_pid = startChild(body);
-    else m_thread = std::thread(body);
+    if (inChild)
+      m_pid = startChild(body);
+    else
+      m_thread = std::thread(body);
   }
   ~Holder() {
     letGo();
@@ -274,7 +281,9 @@ class Container {
     wait();
   }
 
-  static bool permitted() { return Container([] { return 0; }).wait() == 0; }
+  static bool permitted() {
+    return Container([] { return 0; }).wait() == 0;
+  }
 
  private:
   SharedFlags m_inner;
@@ -334,7 +343,10 @@ inline std::string toolPath(const char* tool) {
 }
 
 // A shell command line's exit code and standard output.
-struct ToolRun { int status; std::string out; };
+struct ToolRun {
+  int status;
+  std::string out;
+};
 inline ToolRun runTool(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   ToolRun run{-1, ""};

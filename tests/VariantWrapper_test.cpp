@@ -44,7 +44,11 @@ TEST(VariantWrapper, ModeDecidesOnlyWhichInterfacesAreHandedOut) {
 
 TEST(VariantWrapper, QueryInterfaceAnswersToItsOwnNames) {
   Wrapped w(nullptr);  // each interface: the handle's reference plus ours
-  const struct { IBase* object; const char* name; bool found; } rows[] = {{w.read, "IBase", true},         {w.read, "IVariantRead", true},   {w.read, "IVariantWrite", false},
+  const struct {
+    IBase* object;
+    const char* name;
+    bool found;
+  } rows[] = {{w.read, "IBase", true},         {w.read, "IVariantRead", true},   {w.read, "IVariantWrite", false},
               {w.write, "IBase", true},        {w.write, "IVariantWrite", true}, {w.write, "IVariantRead", false},
               {w.read, "ivariantread", false}, {w.read, "IVariant", false},      {w.read, nullptr, false}};
   for (const auto& row : rows) {

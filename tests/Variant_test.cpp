@@ -23,7 +23,11 @@ std::string bytesOf(const TVARIANT& v) {
 
 TEST(VariantConversion, MatrixIncludingItsDeliberateFailures) {
   // An expected TVT_NULL: the conversion fails and the record stays as it was.
-  const struct { CVariant from; TVARTYPE to; CVariant expected; } rows[] = {
+  const struct {
+    CVariant from;
+    TVARTYPE to;
+    CVariant expected;
+  } rows[] = {
       // integers extend by the source's sign and keep the low bits when narrowing
       {CVariant(char(-1)), TVT_I8, CVariant(-1LL)},
       {CVariant(ULONG_MAX), TVT_I1, CVariant(char(-1))},
@@ -60,8 +64,11 @@ TEST(VariantValue, SettersClearFirstSoIncludeTypeFalseStillKeepsTheValuesType) {
 }
 
 TEST(VariantValue, EqualityKeepsItsDeliberateGaps) {
-  const struct { CVariant a, b; bool equal; } rows[] = {
-      {CVariant(1), CVariant(1L), false},  // no conversion across tags
+  const struct {
+    CVariant a, b;
+    bool equal;
+  } rows[] = {
+      {CVariant(1), CVariant(1L), false},     // no conversion across tags
       {CVariant(7LL), CVariant(7LL), false},  // the long-long pair is never equal
       {CVariant(7L), CVariant(7L), true},
       // strings compare L bytes from the length word on: the last four data bytes never count
@@ -90,10 +97,16 @@ TEST(VariantRead, SetFromAReadInterfaceTakesItsTypeAndValue) {
 }
 
 TEST(VariantConversion, BitFieldsSignExtendOnlyFromTheTopBit) {
-  const struct { TVARTYPE vt; long long in; int bits; bool ok; long long out; } rows[] = {
-      {TVT_UI1, 0xFF, 4, true, 0x0F},          {TVT_I1, 0x0F, 4, true, -1},
-      {TVT_I1, 0x17, 4, true, 0x17},           // top field bit clear: higher bits stay (intended)
-      {TVT_UI8, -1, 63, true, LLONG_MAX},      {TVT_I4, 0x80, 8, true, -128},
+  const struct {
+    TVARTYPE vt;
+    long long in;
+    int bits;
+    bool ok;
+    long long out;
+  } rows[] = {
+      {TVT_UI1, 0xFF, 4, true, 0x0F},     {TVT_I1, 0x0F, 4, true, -1},
+      {TVT_I1, 0x17, 4, true, 0x17},  // top field bit clear: higher bits stay (intended)
+      {TVT_UI8, -1, 63, true, LLONG_MAX}, {TVT_I4, 0x80, 8, true, -128},
       {TVT_R8, 0, 4, false, 0},
   };
   for (const auto& r : rows) {

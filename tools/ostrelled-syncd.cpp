@@ -16,9 +16,9 @@
 #include <ostrelled/OS_Sync.h>
 #include <ostrelled/Version.h>
 
-#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/ManagedAccess.h"
 #include "OS/internal/Private.h"
+#include "OS/internal/SyncProtocol.h"
 #include "ServiceNotify.h"
 
 namespace internal = ostrelled::internal;

@@ -10,7 +10,7 @@
 namespace xenomai {
 /// Process-wide default for USE_DEFAULT; USE_STD from load time on, never changed.
 extern OSTRELLED_EXPORT RT_MODE rtDefaultMode;
-}
+}  // namespace xenomai
 
 extern "C" {
 /// Returns the process-wide default mode, which is always USE_STD.

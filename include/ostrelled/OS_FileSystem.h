@@ -34,8 +34,8 @@ OSTRELLED_EXPORT void os_filesystem_walk_through(const char* dirPath, const char
                                                  IWalkThroughCallback* pCallback);
 /// The same walk, opening at most uintMaxDeep levels: 0 reports only the start
 /// directory, 1 also its entries (subdirectories reported, not opened).
-OSTRELLED_EXPORT void os_filesystem_walk_through_ex(const char* dirPath, const char* rootDir,
-                                                    unsigned int uintMaxDeep, IWalkThroughCallback* pCallback);
+OSTRELLED_EXPORT void os_filesystem_walk_through_ex(const char* dirPath, const char* rootDir, unsigned int uintMaxDeep,
+                                                    IWalkThroughCallback* pCallback);
 /// Last component, with len written back despite the const: /usr/lib/ gives lib.
 ///
 /// The three name functions cut trailing separators, read "\\" as "/" and

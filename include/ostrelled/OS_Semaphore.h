@@ -16,8 +16,7 @@ extern "C" {
 /// one. Never null: a named semaphore that could not attach (no sync manager,
 /// name over 1023 characters) is returned unattached, and its waits fail. A
 /// later opener of a name gets the existing count; its own count is ignored.
-OSTRELLED_EXPORT semaphore_handle* os_semaphore_create(int intInitialCount, RT_MODE mode,
-                                                       const char* strSemaphoreName);
+OSTRELLED_EXPORT semaphore_handle* os_semaphore_create(int intInitialCount, RT_MODE mode, const char* strSemaphoreName);
 /// Detaches and frees the handle; a null pointer is ignored, the caller's pointer is nulled.
 OSTRELLED_EXPORT void os_semaphore_destroy(semaphore_handle*& handle);
 /// Whether System V operations are undone by the kernel when this process

@@ -30,8 +30,8 @@ extern "C" {
 /// stop bits and the termios speed constant iBaudIndex; asks the driver for a
 /// custom divisor from uBaudRate when it has one. Descriptor, or -1 (closed
 /// again after a printed "Unsupported parity"/"Unsupported stopbits"/tc* error).
-OSTRELLED_EXPORT int os_serial_open(const char* strSerialName, UINT uBaudRate, BYTE byteParity,
-                                    BYTE byteStopbits, int iBaudIndex);
+OSTRELLED_EXPORT int os_serial_open(const char* strSerialName, UINT uBaudRate, BYTE byteParity, BYTE byteStopbits,
+                                    int iBaudIndex);
 /// Closes the descriptor and sets the caller's variable to -1, despite the const.
 OSTRELLED_EXPORT void os_serial_close(const int& hHandle);
 /// Discards queued data. Crossed on purpose: SERIAL_TX_BIT alone drops unread

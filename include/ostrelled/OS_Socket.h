@@ -28,28 +28,28 @@ OSTRELLED_EXPORT int os_socket_send(int s, const void* buf, int len, int flags, 
 /// recv(): bytes, 0 when the peer closed in order, or -1.
 OSTRELLED_EXPORT int os_socket_recv(int s, void* buf, int len, int flags, RT_MODE mode);
 /// sendto(): bytes or -1.
-OSTRELLED_EXPORT int os_socket_send_to(int s, const void* buf, int len, int flags,
-                                       const sockaddr* dest_addr, socklen_t addrlen, RT_MODE mode);
+OSTRELLED_EXPORT int os_socket_send_to(int s, const void* buf, int len, int flags, const sockaddr* dest_addr,
+                                       socklen_t addrlen, RT_MODE mode);
 /// recvfrom(): bytes or -1.
-OSTRELLED_EXPORT int os_socket_recv_from(int s, void* buf, int len, int flags, sockaddr* src_addr,
-                                         socklen_t* addrlen, RT_MODE mode);
+OSTRELLED_EXPORT int os_socket_recv_from(int s, void* buf, int len, int flags, sockaddr* src_addr, socklen_t* addrlen,
+                                         RT_MODE mode);
 /// getpeername(): 0 or -1.
 OSTRELLED_EXPORT int os_socket_get_peer_name(int s, sockaddr* addr, socklen_t* addrlen, RT_MODE mode);
 /// getsockname(): 0 or -1.
 OSTRELLED_EXPORT int os_socket_get_sock_name(int s, sockaddr* addr, socklen_t* addrlen, RT_MODE mode);
 /// select() as it is, FD_SETSIZE limit included: count, 0 or -1.
-OSTRELLED_EXPORT int os_socket_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
-                                      timeval* timeout, RT_MODE mode);
+OSTRELLED_EXPORT int os_socket_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout,
+                                      RT_MODE mode);
 /// ioctl(s, cmd, argp): the call's result.
 OSTRELLED_EXPORT int os_socket_ioctl(int s, ULONG cmd, ULONG* argp, RT_MODE mode);
 /// close(); the result is not reported.
 OSTRELLED_EXPORT void os_socket_close(int s, RT_MODE mode);
 /// getsockopt(). Inverted on purpose: returns true when the call FAILED; test for false.
-OSTRELLED_EXPORT bool os_socket_get_sock_opt(int s, int iLevel, int iOptname, void* pOptval,
-                                             socklen_t* uOptlen, RT_MODE mode);
+OSTRELLED_EXPORT bool os_socket_get_sock_opt(int s, int iLevel, int iOptname, void* pOptval, socklen_t* uOptlen,
+                                             RT_MODE mode);
 /// setsockopt(). Inverted on purpose: returns true when the call FAILED; test for false.
-OSTRELLED_EXPORT bool os_socket_set_sock_opt(int s, int iLevel, int iOptname, const void* pOptval,
-                                             socklen_t uOptlen, RT_MODE mode);
+OSTRELLED_EXPORT bool os_socket_set_sock_opt(int s, int iLevel, int iOptname, const void* pOptval, socklen_t uOptlen,
+                                             RT_MODE mode);
 
 /// Nothing to set up on Linux: always true, any number of times.
 OSTRELLED_EXPORT bool os_socket_init_library();
@@ -72,11 +72,9 @@ OSTRELLED_EXPORT bool os_socket_readable(int s, DWORD dwMillionSecond, int* intE
 /// As os_socket_readable, for writability.
 OSTRELLED_EXPORT bool os_socket_writable(int s, DWORD dwMillionSecond, int* intErrorCode, RT_MODE mode);
 /// As os_socket_readable with the time-out in microseconds.
-OSTRELLED_EXPORT bool os_socket_precision_readable(int s, DWORD dwMicroSecond, int* intErrorCode,
-                                                   RT_MODE mode);
+OSTRELLED_EXPORT bool os_socket_precision_readable(int s, DWORD dwMicroSecond, int* intErrorCode, RT_MODE mode);
 /// As os_socket_writable with the time-out in microseconds.
-OSTRELLED_EXPORT bool os_socket_precision_writable(int s, DWORD dwMicroSecond, int* intErrorCode,
-                                                   RT_MODE mode);
+OSTRELLED_EXPORT bool os_socket_precision_writable(int s, DWORD dwMicroSecond, int* intErrorCode, RT_MODE mode);
 /// True only when the peer closed the connection in order. Consumes nothing:
 /// unread data, nothing to read and a failed peek all count as intact.
 OSTRELLED_EXPORT bool os_socket_is_link_broken(int s, RT_MODE mode);

@@ -22,8 +22,8 @@ typedef struct _OS_THREAD_DATA {
 extern "C" {
 /// Starts func(lpParameter) on a new thread and reports nothing, not even a failure. The
 /// stack has at least 16384 bytes (0 means the default size); a null hHandle starts nothing.
-OSTRELLED_EXPORT void os_thread_create(pthread_t* hHandle, OS_THREAD_FUNCTION func, void* lpParameter,
-                                       RT_MODE mode, size_t uintStackSize);
+OSTRELLED_EXPORT void os_thread_create(pthread_t* hHandle, OS_THREAD_FUNCTION func, void* lpParameter, RT_MODE mode,
+                                       size_t uintStackSize);
 /// pthread_join; the result is ignored.
 OSTRELLED_EXPORT void os_thread_join(pthread_t hHandle, RT_MODE mode);
 /// Pins hHandle to one processor and returns true even when pthread_setaffinity_np
@@ -70,8 +70,7 @@ inline unsigned long syncFetchAdd(volatile unsigned long* Addend) { return os_th
 /// Atomic decrement, as os_thread_sync_fetch_sub: returns the new value.
 inline unsigned long syncFetchSub(volatile unsigned long* Addend) { return os_thread_sync_fetch_sub(Addend); }
 /// Starts a thread, as os_thread_create.
-inline void create(pthread_t* hHandle, OS_THREAD_FUNCTION func, void* lpParameter, RT_MODE mode,
-                   size_t uintStackSize) {
+inline void create(pthread_t* hHandle, OS_THREAD_FUNCTION func, void* lpParameter, RT_MODE mode, size_t uintStackSize) {
   os_thread_create(hHandle, func, lpParameter, mode, uintStackSize);
 }
 /// Joins a thread, as os_thread_join.

@@ -42,21 +42,21 @@ typedef void* LPVOID;
 /// Value tags, where TVT_I4/TVT_UI4 name the 64-bit LONG/ULONG pair; the 32-bit pair
 /// is TVT_INT/TVT_UINT.
 enum TVARTYPE : unsigned short {
-  TVT_NULL = 0,    ///< No value; the union is zero.
-  TVT_I1 = 1,      ///< CHAR, in cVal.
-  TVT_UI1 = 2,     ///< BYTE, in bVal.
-  TVT_I2 = 3,      ///< SHORT, in iVal.
-  TVT_UI2 = 4,     ///< USHORT, in uiVal.
-  TVT_INT = 5,     ///< INT, in intVal.
-  TVT_UINT = 6,    ///< UINT, in uintVal.
-  TVT_I4 = 7,      ///< LONG (64 bits), in lVal.
-  TVT_UI4 = 8,     ///< ULONG (64 bits), in ulVal.
-  TVT_I8 = 9,      ///< LONGLONG, in llVal.
-  TVT_UI8 = 10,    ///< ULONGLONG, in ullVal.
-  TVT_R4 = 11,     ///< FLOAT, in fltVal.
-  TVT_R8 = 12,     ///< DOUBLE, in dblVal.
-  TVT_BSTR = 13,   ///< Counted string, in bstrVal; the only tag that owns memory.
-  TVT_BOOL = 14    ///< TVARIANT_BOOL, in boolVal.
+  TVT_NULL = 0,   ///< No value; the union is zero.
+  TVT_I1 = 1,     ///< CHAR, in cVal.
+  TVT_UI1 = 2,    ///< BYTE, in bVal.
+  TVT_I2 = 3,     ///< SHORT, in iVal.
+  TVT_UI2 = 4,    ///< USHORT, in uiVal.
+  TVT_INT = 5,    ///< INT, in intVal.
+  TVT_UINT = 6,   ///< UINT, in uintVal.
+  TVT_I4 = 7,     ///< LONG (64 bits), in lVal.
+  TVT_UI4 = 8,    ///< ULONG (64 bits), in ulVal.
+  TVT_I8 = 9,     ///< LONGLONG, in llVal.
+  TVT_UI8 = 10,   ///< ULONGLONG, in ullVal.
+  TVT_R4 = 11,    ///< FLOAT, in fltVal.
+  TVT_R8 = 12,    ///< DOUBLE, in dblVal.
+  TVT_BSTR = 13,  ///< Counted string, in bstrVal; the only tag that owns memory.
+  TVT_BOOL = 14   ///< TVARIANT_BOOL, in boolVal.
 };
 
 /// One cell of a counted-string block. A block is a signed 32-bit length word L
@@ -71,20 +71,20 @@ typedef BSTR_UNIT* LPBSTRUNIT;
 typedef struct tagTVARIANT {
   TVARTYPE vt;  ///< Which member of the union holds the value.
   union {
-    CHAR cVal;             ///< Value of a TVT_I1 record.
-    BYTE bVal;             ///< Value of a TVT_UI1 record.
-    SHORT iVal;            ///< Value of a TVT_I2 record.
-    USHORT uiVal;          ///< Value of a TVT_UI2 record.
-    INT intVal;            ///< Value of a TVT_INT record.
-    UINT uintVal;          ///< Value of a TVT_UINT record.
-    LONG lVal;             ///< Value of a TVT_I4 record (64 bits).
-    ULONG ulVal;           ///< Value of a TVT_UI4 record (64 bits).
-    LONGLONG llVal;        ///< Value of a TVT_I8 record.
-    ULONGLONG ullVal;      ///< Value of a TVT_UI8 record.
-    FLOAT fltVal;          ///< Value of a TVT_R4 record.
-    DOUBLE dblVal;         ///< Value of a TVT_R8 record.
-    LPBSTRUNIT bstrVal;    ///< Block of a TVT_BSTR record, owned by the record; may be null.
-    TVARIANT_BOOL boolVal; ///< Value of a TVT_BOOL record.
+    CHAR cVal;              ///< Value of a TVT_I1 record.
+    BYTE bVal;              ///< Value of a TVT_UI1 record.
+    SHORT iVal;             ///< Value of a TVT_I2 record.
+    USHORT uiVal;           ///< Value of a TVT_UI2 record.
+    INT intVal;             ///< Value of a TVT_INT record.
+    UINT uintVal;           ///< Value of a TVT_UINT record.
+    LONG lVal;              ///< Value of a TVT_I4 record (64 bits).
+    ULONG ulVal;            ///< Value of a TVT_UI4 record (64 bits).
+    LONGLONG llVal;         ///< Value of a TVT_I8 record.
+    ULONGLONG ullVal;       ///< Value of a TVT_UI8 record.
+    FLOAT fltVal;           ///< Value of a TVT_R4 record.
+    DOUBLE dblVal;          ///< Value of a TVT_R8 record.
+    LPBSTRUNIT bstrVal;     ///< Block of a TVT_BSTR record, owned by the record; may be null.
+    TVARIANT_BOOL boolVal;  ///< Value of a TVT_BOOL record.
   };
 } TVARIANT, *LPTVARIANT;
 /// @typedef LPTVARIANT

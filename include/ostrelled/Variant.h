@@ -63,10 +63,10 @@ OSTRELLED_EXPORT bool variant_resolve_type(const char* strType, TVARTYPE& type);
 /// `variant_resolve_as_NAME` gives the value converted to the type; srcVar never changes.
 /// When the conversion is impossible the source's union bytes are read as the type
 /// (TVT_I8 as bool: its low byte is tested for zero).
-#define OSTRELLED_DECLARE_SCALAR_FUNCTIONS(name, type, tag, member, format, typeName)                  \
-  /** Stores a type as tag whatever bIncludeType says (the record is cleared first: intended) */    \
-  OSTRELLED_EXPORT void variant_set_##name(TVARIANT& srcVar, type var, bool bIncludeType);              \
-  /** The value converted to type (an impossible conversion reads the union bytes as a type) */      \
+#define OSTRELLED_DECLARE_SCALAR_FUNCTIONS(name, type, tag, member, format, typeName)            \
+  /** Stores a type as tag whatever bIncludeType says (the record is cleared first: intended) */ \
+  OSTRELLED_EXPORT void variant_set_##name(TVARIANT& srcVar, type var, bool bIncludeType);       \
+  /** The value converted to type (an impossible conversion reads the union bytes as a type) */  \
   OSTRELLED_EXPORT type variant_resolve_as_##name(const TVARIANT& srcVar);
 OSTRELLED_SCALAR_TYPES(OSTRELLED_DECLARE_SCALAR_FUNCTIONS)
 #undef OSTRELLED_DECLARE_SCALAR_FUNCTIONS
@@ -140,15 +140,15 @@ class OSTRELLED_EXPORT CVariant : public tagTVARIANT {
   /// Declares the constructor, assignment, setter and conversion of each scalar type.
 #define OSTRELLED_CVARIANT_SCALAR_MEMBERS(name, type, tag, member, format, typeName)           \
   /** A type value as tag */                                                                   \
-  CVariant(type var) : CVariant() { variant_set_##name(*this, var, true); }                      \
+  CVariant(type var) : CVariant() { variant_set_##name(*this, var, true); }                    \
   /** Stores a type as tag */                                                                  \
-  CVariant& operator=(type var) {                                                                \
-    variant_set_##name(*this, var, true);                                                        \
-    return *this;                                                                                \
-  }                                                                                              \
-  /** Stores a type as tag whatever bIncludeType says (see variant_set_##name) */            \
+  CVariant& operator=(type var) {                                                              \
+    variant_set_##name(*this, var, true);                                                      \
+    return *this;                                                                              \
+  }                                                                                            \
+  /** Stores a type as tag whatever bIncludeType says (see variant_set_##name) */              \
   void setValue(type var, bool bIncludeType) { variant_set_##name(*this, var, bIncludeType); } \
-  /** The value converted to type as variant_resolve_as_##name does */                        \
+  /** The value converted to type as variant_resolve_as_##name does */                         \
   operator type() const { return variant_resolve_as_##name(*this); }
   OSTRELLED_SCALAR_TYPES(OSTRELLED_CVARIANT_SCALAR_MEMBERS)
 #undef OSTRELLED_CVARIANT_SCALAR_MEMBERS
@@ -183,9 +183,7 @@ class OSTRELLED_EXPORT CVariant : public tagTVARIANT {
   bool getValue(std::string& text) const;
 
   /// Width in bits of a scalar tag, as variant_get_datatype_size.
-  static bool getDataTypeSize(TVARTYPE type, unsigned int& uMaxBit) {
-    return variant_get_datatype_size(type, uMaxBit);
-  }
+  static bool getDataTypeSize(TVARTYPE type, unsigned int& uMaxBit) { return variant_get_datatype_size(type, uMaxBit); }
   /// Treats an integer as a bit field, as variant_ajust_data_value (one-sided sign rule).
   static bool ajustDataValue(CVariant& var, int iSize) { return variant_ajust_data_value(var, iSize); }
   /// The tag's type name; false with strType unchanged for TVT_NULL and unknown tags.

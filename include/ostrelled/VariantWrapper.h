@@ -128,7 +128,7 @@ class OSTRELLED_EXPORT CVariantWrite : public IVariantWriteStub {
   /// Stores the value through the variant setter of its type; bIncludeType is passed on.
   bool setValue(const char* pValue, bool bIncludeType) override;
   /// Declares the scalar writers.
-#define OSTRELLED_DECLARE_WRITE(name, type, tag, member, format, typeName) \
+#define OSTRELLED_DECLARE_WRITE(name, type, tag, member, format, typeName)    \
   /** Stores a type through variant_set_##name with bIncludeType passed on */ \
   bool setValue(type value, bool bIncludeType) override;
   OSTRELLED_SCALAR_TYPES(OSTRELLED_DECLARE_WRITE)

@@ -35,8 +35,7 @@ std::string CStringAssistant::replaceSTLString(const std::string& strSource, con
   if (strFrom.empty()) return strSource;
   std::string result;
   size_t done = 0;
-  for (size_t found = strSource.find(strFrom); found != std::string::npos;
-       found = strSource.find(strFrom, done)) {
+  for (size_t found = strSource.find(strFrom); found != std::string::npos; found = strSource.find(strFrom, done)) {
     result.append(strSource, done, found - done).append(strTo);
     done = found + strFrom.size();
     if (!bReplaceAll) break;
@@ -92,8 +91,7 @@ bool CStringAssistant::startsWith(const std::string& str, const std::string& str
 }
 
 bool CStringAssistant::endsWith(const std::string& str, const std::string& strSuffix) {
-  return str.size() >= strSuffix.size() &&
-         str.compare(str.size() - strSuffix.size(), strSuffix.size(), strSuffix) == 0;
+  return str.size() >= strSuffix.size() && str.compare(str.size() - strSuffix.size(), strSuffix.size(), strSuffix) == 0;
 }
 
 std::string CStringAssistant::format(const char* pFormat, ...) {

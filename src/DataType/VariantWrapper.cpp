@@ -88,8 +88,8 @@ bool CVariantWrite::setValue(const char* pValue, bool bIncludeType) {
   return writeWith(m_pWrapperValue, variant_set_string, pValue, bIncludeType);
 }
 
-#define OSTRELLED_DEFINE_WRITE(name, type, tag, member, format, typeName) \
-  bool CVariantWrite::setValue(type value, bool bIncludeType) {          \
+#define OSTRELLED_DEFINE_WRITE(name, type, tag, member, format, typeName)       \
+  bool CVariantWrite::setValue(type value, bool bIncludeType) {                 \
     return writeWith(m_pWrapperValue, variant_set_##name, value, bIncludeType); \
   }
 OSTRELLED_SCALAR_TYPES(OSTRELLED_DEFINE_WRITE)
@@ -98,8 +98,7 @@ OSTRELLED_SCALAR_TYPES(OSTRELLED_DEFINE_WRITE)
 // The handle holds one reference to each interface object for its whole life, so the
 // objects always exist; callers' references only ever extend that life.
 struct variant_wrapper_handle {
-  variant_wrapper_handle()
-      : m_bAllowRead(true), m_bAllowWrite(false), m_bOwnVariant(false), m_pWrapperValue(nullptr) {
+  variant_wrapper_handle() : m_bAllowRead(true), m_bAllowWrite(false), m_bOwnVariant(false), m_pWrapperValue(nullptr) {
     m_VariantRead = new CVariantRead;
     m_VariantWrite = new CVariantWrite;
   }

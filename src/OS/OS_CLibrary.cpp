@@ -16,9 +16,7 @@ int os_clibrary_file_open(const char* _FileName, int _OpenFlag, int _PMode) {
 int os_clibrary_file_close(int _FileHandle) { return close(_FileHandle); }
 int os_clibrary_file_access(const char* _FileName, int _AccessMode) { return access(_FileName, _AccessMode); }
 int os_clibrary_file_umask(int _Mode) { return umask(_Mode); }
-long os_clibrary_file_seek(int _FileHandle, long _Offset, int _Origin) {
-  return lseek(_FileHandle, _Offset, _Origin);
-}
+long os_clibrary_file_seek(int _FileHandle, long _Offset, int _Origin) { return lseek(_FileHandle, _Offset, _Origin); }
 int os_clibrary_file_read(int _FileHandle, void* _DstBuf, unsigned int _MaxCharCount) {
   return static_cast<int>(read(_FileHandle, _DstBuf, _MaxCharCount));
 }

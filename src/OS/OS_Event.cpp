@@ -6,24 +6,24 @@
 
 #include <ostrelled/OS_Event.h>
 
-#include <stdint.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
 #include <variant>
 
-#include "internal/Handle.h"
 #include "OS/internal/BlockLayouts.h"
+#include "OS/internal/EventKinds.h"
 #include "OS/internal/MutexHandle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
-#include "OS/internal/EventKinds.h"
 #include "OS/internal/SyncPrimitives.h"
 #include "OS/internal/SysVSemaphore.h"
+#include "internal/Handle.h"
 
 namespace internal = ostrelled::internal;
 
@@ -74,8 +74,8 @@ class event_handle {
 
   sharememory_handle* m_pEventShareMemory;  // the named block, when attached
   std::string m_strEventName;
-  pthread_mutex_t* m_pMutex;            // guards the flags; robust in a block
-  internal::Wakeup* m_pWakeup;       // null while unusable
+  pthread_mutex_t* m_pMutex;    // guards the flags; robust in a block
+  internal::Wakeup* m_pWakeup;  // null while unusable
   bool* m_pManualReset;
   bool* m_pIsSetEvent;  // the event's state; the wake-up primitive only carries news of it
   bool* m_pManageByOS;
@@ -112,7 +112,8 @@ class event_handle::NamedSteps final : public internal::NamedObjectSteps {
     if (m_kind == WakeKind::Condition)
       m_owner.choose<internal::FutexCondition>(reinterpret_cast<uint32_t*>(m_wakeup), true);
     else if (m_kind == WakeKind::SysV)
-      m_owner.choose<internal::SysVSemaphore>(reinterpret_cast<int*>(m_wakeup), internal::kEventMessagePrefix, &kNoUndo);
+      m_owner.choose<internal::SysVSemaphore>(reinterpret_cast<int*>(m_wakeup), internal::kEventMessagePrefix,
+                                              &kNoUndo);
     else
       m_owner.choose<internal::PosixSemaphore>(reinterpret_cast<sem_t*>(m_wakeup));
     m_owner.bindFlags(reinterpret_cast<bool*>(block + layoutOf(m_kind).flagsAt));
@@ -168,8 +169,8 @@ void event_handle::bindFlags(bool* flags) {
   m_pUseConditionInsteadOfSem = flags != nullptr ? flags + 3 : nullptr;
 }
 
-event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
-                           bool bManageByOS, bool bUseConditionInsteadOfSem) {
+event_handle::event_handle(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName, bool bManageByOS,
+                           bool bUseConditionInsteadOfSem) {
   init_event_handle(mode);
   if (strEventName != nullptr && strlen(strEventName) > internal::kMaxObjectNameLength) return;
   // Tested on the mode as passed, not as resolved: USE_DEFAULT is never refused.
@@ -267,7 +268,7 @@ bool event_handle::wait(const internal::Deadline& deadline) {
 }
 
 event_handle* internal::createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
-                              bool bManageByOS, bool bUseConditionInsteadOfSem) {
+                                    bool bManageByOS, bool bUseConditionInsteadOfSem) {
   return new event_handle(bManualReset, bInitial, mode, strEventName, bManageByOS, bUseConditionInsteadOfSem);
 }
 

@@ -20,7 +20,7 @@ using internal::Paths::isBadPath;
 using internal::Paths::withoutTrailingSlashes;
 
 namespace {
-constexpr int kCreateFlags = O_CREAT;                      // 0x40: read-only, no truncation
+constexpr int kCreateFlags = O_CREAT;                         // 0x40: read-only, no truncation
 constexpr int kCopyTargetFlags = O_RDWR | O_CREAT | O_TRUNC;  // 0x242
 constexpr mode_t kAllPermissions = 0777;
 constexpr unsigned int kCopyBlock = 8192;

@@ -69,7 +69,8 @@ bool os_folder_copyinner(const char* strSrcFolderPath, const char* strDstFolderP
     destination += lastComponent(source) + "/";
     if (!OS::Folder::exist(destination)) OS::Folder::create(destination);
   }
-  const internal::Shell::Template& command = bFailedIfExist ? internal::Shell::kCopyKeeping : internal::Shell::kCopyOverwriting;
+  const internal::Shell::Template& command =
+      bFailedIfExist ? internal::Shell::kCopyKeeping : internal::Shell::kCopyOverwriting;
   return internal::Shell::run(command, {source.c_str(), destination.c_str()});
 }
 

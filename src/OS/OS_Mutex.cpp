@@ -24,7 +24,6 @@
 namespace internal = ostrelled::internal;
 using internal::Recursion;
 
-
 namespace {
 
 // Decremented by every destroy and incremented nowhere; nothing reads it. Kept as it is.
@@ -161,7 +160,7 @@ mutex_handle::mutex_handle(unsigned int uintFlag, RT_MODE mode, const char* strM
     return;
   }
   internal::initMutex(&m_anonymous.mutex, MutexSteps::recursiveType(uintFlag), (uintFlag & MUTEX_PRIO_INHERIT) != 0,
-                         false);
+                      false);
   m_pMutex = &m_anonymous.mutex;
 }
 

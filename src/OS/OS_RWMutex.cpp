@@ -15,14 +15,14 @@
 
 #include <string>
 
-#include "internal/Handle.h"
 #include "OS/internal/BlockLayouts.h"
-#include "OS/internal/MutexHandle.h"
 #include "OS/internal/Liveness.h"
+#include "OS/internal/MutexHandle.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
 #include "OS/internal/SyncPrimitives.h"
+#include "internal/Handle.h"
 
 namespace internal = ostrelled::internal;
 
@@ -49,7 +49,6 @@ constexpr int kReadersBeforeWord = (Block::kUntrackedAt - Block::kReadersAt) / s
 constexpr int kTrackedReaders = kReadersBeforeWord + (Block::kSize - Block::kMoreReadersAt) / sizeof(ReaderEntry);
 static_assert(Block::kWriteFlagAt == Block::kReadCountAt + sizeof(unsigned int), "bind takes the two counts as a pair");
 static_assert(kTrackedReaders == OS_RW_MUTEX_TRACKED_READERS, "the header states the table's size");
-
 
 // The holders recorded in a named block: the writer's token and the readers by
 // process. All of it is read and written under the ref mutex.
@@ -129,13 +128,13 @@ class rw_mutex_handle {
   ref_handle m_RefWrite;  // 1 while the writer is inside
   std::string m_strMutexName;
   sharememory_handle* m_pMutexShareMemory = nullptr;
-  pthread_mutex_t* m_pRefMutex = nullptr;  // guards everything else; robust in a block
+  pthread_mutex_t* m_pRefMutex = nullptr;            // guards everything else; robust in a block
   internal::FutexCondition m_allow{nullptr, false};  // broadcast whenever the lock becomes free
-  unsigned char* m_pHolders = nullptr;  // the named block, where holders are recorded; null for threads
+  unsigned char* m_pHolders = nullptr;               // the named block, where holders are recorded; null for threads
   internal::ProcessRegistry* m_pRegistry = nullptr;  // judges the holders' tokens; null: none
   ProcessToken ownToken() { return m_pRegistry != nullptr ? m_pRegistry->own() : internal::kUntrackedProcess; }
   bool gone(ProcessToken token) { return m_pRegistry != nullptr && m_pRegistry->gone(token); }
-  int m_intReaderHint = -1;             // this process's reader entry, last seen
+  int m_intReaderHint = -1;  // this process's reader entry, last seen
   RT_MODE m_RtMode;
   // The thread variant's storage, which the pointers above aim at.
   struct {
@@ -174,8 +173,7 @@ class rw_mutex_handle::NamedSteps final : public internal::NamedObjectSteps {
   rw_mutex_handle& m_owner;
 };
 
-rw_mutex_handle::rw_mutex_handle(RT_MODE mode, const char* strMutexName)
-    : m_RtMode(internal::storedMode(mode)) {
+rw_mutex_handle::rw_mutex_handle(RT_MODE mode, const char* strMutexName) : m_RtMode(internal::storedMode(mode)) {
   nullPointers();
   if (strMutexName != nullptr && strlen(strMutexName) > internal::kMaxObjectNameLength) return;
   if (strMutexName != nullptr)

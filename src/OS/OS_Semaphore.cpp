@@ -13,13 +13,13 @@
 #include <string>
 #include <variant>
 
-#include "internal/Handle.h"
 #include "OS/internal/BlockLayouts.h"
 #include "OS/internal/NamedObject.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/SemaphoreKinds.h"
 #include "OS/internal/SyncPrimitives.h"
 #include "OS/internal/SysVSemaphore.h"
+#include "internal/Handle.h"
 
 namespace internal = ostrelled::internal;
 
@@ -83,7 +83,7 @@ class semaphore_handle {
 
   std::string m_strSemaphoreName;                         // empty for an anonymous semaphore
   sharememory_handle* m_pSemaphoreShareMemory = nullptr;  // the named block, when attached
-  internal::SemaphoreKind* m_pKind = nullptr;          // null while unattached
+  internal::SemaphoreKind* m_pKind = nullptr;             // null while unattached
   sem_t* m_pPosix = nullptr;                              // the POSIX kind's sem_t, else null
   bool m_bUndoTrack = false;                              // SEM_UNDO on System V operations
   RT_MODE m_RtMode;
@@ -119,7 +119,8 @@ class semaphore_handle::NamedSteps final : public internal::NamedObjectSteps {
       *setId() = internal::SysV::createSet(m_key, m_owner.m_strSemaphoreName);
       internal::SysV::setSemVal(*setId(), m_intInitialCount);
     } else {
-      sem_init(reinterpret_cast<sem_t*>(m_block + Block::kSemaphoreAt), 1, static_cast<unsigned int>(m_intInitialCount));
+      sem_init(reinterpret_cast<sem_t*>(m_block + Block::kSemaphoreAt), 1,
+               static_cast<unsigned int>(m_intInitialCount));
     }
     // Written here so that every process can tell the kind from the block.
     *reinterpret_cast<bool*>(m_block + layout().kindFlag) = m_bManageByOS;
@@ -137,8 +138,7 @@ class semaphore_handle::NamedSteps final : public internal::NamedObjectSteps {
   unsigned char* m_block = nullptr;
 };
 
-semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
-                                   bool bManageByOS)
+semaphore_handle::semaphore_handle(int intInitialCount, RT_MODE mode, const char* strSemaphoreName, bool bManageByOS)
     : m_RtMode(internal::storedMode(mode)) {
   // Every refusal leaves the kind unset: an unattached handle whose waits fail.
   if (strSemaphoreName != nullptr && strlen(strSemaphoreName) > internal::kMaxObjectNameLength) return;
@@ -174,7 +174,7 @@ semaphore_handle::~semaphore_handle() {
 }
 
 semaphore_handle* internal::createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
-                                      bool bManageByOS) {
+                                            bool bManageByOS) {
   return new semaphore_handle(intInitialCount, mode, strSemaphoreName, bManageByOS);
 }
 

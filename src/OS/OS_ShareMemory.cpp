@@ -35,8 +35,8 @@ sharememory_handle::~sharememory_handle() { sharememory_close(); }
 // mapping unlocked.
 bool sharememory_handle::mapDescriptor(size_t size) {
   m_uintMemorySize = size;
-  void* buffer = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_LOCKED | MAP_POPULATE,
-                      m_hShareMemoryHandle, 0);
+  void* buffer =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_LOCKED | MAP_POPULATE, m_hShareMemoryHandle, 0);
   if (buffer == MAP_FAILED)
     buffer = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, m_hShareMemoryHandle, 0);
   if (buffer == MAP_FAILED) {
@@ -201,7 +201,8 @@ sharememory_handle* internal::createManagedShareMemory(const char* strShmName, u
                          [&](sharememory_handle& h) { return h.sharememory_create(strShmName, uintMemorySize, true); });
 }
 
-sharememory_handle* internal::createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize, RT_MODE mode) {
+sharememory_handle* internal::createUnmappedShareMemory(const char* strShmName, unsigned int uintMemorySize,
+                                                        RT_MODE mode) {
   return makeShareMemory(
       mode, [&](sharememory_handle& h) { return h.sharememory_create_unmapped(strShmName, uintMemorySize); });
 }

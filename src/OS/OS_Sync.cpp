@@ -24,9 +24,9 @@
 #include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/ManagedAccess.h"
+#include "OS/internal/MutexHandle.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/RobustMutex.h"
-#include "OS/internal/MutexHandle.h"
 #include "OS/internal/ShareMemoryHandle.h"
 #include "OS/internal/SyncProtocol.h"
 
@@ -140,7 +140,7 @@ bool nameStillLinked(const char* strMemoryName) {
   close(fd);
   return true;
 }
-}
+}  // namespace
 
 bool os_sync_manager_handle::start() {
   // Created, not opened: an area left by a dead manager is reused in place and cleared.

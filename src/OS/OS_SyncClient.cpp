@@ -271,8 +271,8 @@ Presence managerPresence(pid_t* pid) {
   Presence presence = Presence::Unknown;
   const auto* rec = static_cast<const RequestLockRecord*>(os_sharememory_get_buffer(block));
   ProcessToken token = block->sharememory_get_size() >= sizeof(RequestLockRecord)
-                                    ? __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE)
-                                    : kNoProcess;
+                           ? __atomic_load_n(&rec->managerToken, __ATOMIC_ACQUIRE)
+                           : kNoProcess;
   ProcessRegistry* registry = token != kNoProcess ? currentRegistry() : nullptr;
   if (registry != nullptr) presence = registry->presence(token);
   if (pid != nullptr && token != kNoProcess) *pid = static_cast<pid_t>(rec->manager);

@@ -65,8 +65,9 @@ void checkCopy(safearray_handle* array, const Model& model) {
   if (!accepted) return;
   fuzz::check((copy == nullptr) == (model.count == 0), "copy of an empty array is null");
   for (unsigned i = 0; i < model.count; ++i)
-    fuzz::check(memcmp(static_cast<char*>(copy) + i * kWidth[model.vt], model.elements[i]->data(),
-                       kWidth[model.vt]) == 0, "copy");
+    fuzz::check(
+        memcmp(static_cast<char*>(copy) + i * kWidth[model.vt], model.elements[i]->data(), kWidth[model.vt]) == 0,
+        "copy");
 }
 
 void resize(safearray_handle* array, Model& model, unsigned count) {
@@ -79,11 +80,21 @@ void step(fuzz::Input& in, safearray_handle* array, Model& model) {
   const int op = in.byte() % 6;
   const unsigned index = in.byte() % (model.count + 2);
   switch (op) {
-    case 0: resize(array, model, in.byte() % 40); break;
-    case 1: setElement(in, array, model, index); break;
-    case 2: checkElement(array, model, index); break;
-    case 3: if (model.vt != TVT_BSTR) checkCopy(array, model); break;
-    case 4: fuzz::check(safearray_unaccess_element(array), "unaccess"); break;
+    case 0:
+      resize(array, model, in.byte() % 40);
+      break;
+    case 1:
+      setElement(in, array, model, index);
+      break;
+    case 2:
+      checkElement(array, model, index);
+      break;
+    case 3:
+      if (model.vt != TVT_BSTR) checkCopy(array, model);
+      break;
+    case 4:
+      fuzz::check(safearray_unaccess_element(array), "unaccess");
+      break;
     default:
       safearray_clear(array);
       model.count = 0;

@@ -70,8 +70,9 @@ void checkFormatting(fuzz::Input& in) {
     int word = 0;
     const bool text = variant_change_type(var, TVT_BSTR) && var.bstrVal != nullptr;
     if (text) memcpy(&word, var.bstrVal, sizeof word);
-    fuzz::check(text && word == length + 1 && strcmp(reinterpret_cast<const char*>(var.bstrVal) + sizeof word, expected) == 0,
-                "format", expected);
+    fuzz::check(
+        text && word == length + 1 && strcmp(reinterpret_cast<const char*>(var.bstrVal) + sizeof word, expected) == 0,
+        "format", expected);
     variant_clear(var);
     return true;
   });

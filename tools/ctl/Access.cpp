@@ -10,11 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Inventory.h"
 #include "OS/internal/BlockLayouts.h"
-#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/ManagedAccess.h"
-#include "Inventory.h"
+#include "OS/internal/SyncProtocol.h"
 
 namespace internal = ostrelled::internal;
 
@@ -68,7 +68,9 @@ ManagerAccess ManagerAccess::read() {
   ManagerAccess access;
   const std::string files[] = {internal::semaphoreFileName(kEnabledSemaphore),
                                internal::semaphoreFileName(kRequestSemaphore),
-                               internal::semaphoreFileName(kFinishSemaphore), kRequestArea, kRequestLock,
+                               internal::semaphoreFileName(kFinishSemaphore),
+                               kRequestArea,
+                               kRequestLock,
                                internal::kRegistryName};
   for (const std::string& name : files) {
     FileMode file;
@@ -139,8 +141,7 @@ std::vector<std::string> ManagerAccess::changedByHand() const {
 
 std::string ManagerAccess::refusal() const {
   std::string head = "this account (" + userName(geteuid()) + ") may not use named objects: ";
-  if (!m_hasReference || (grouped() && inGroup(m_reference.group)) ||
-      (!grouped() && geteuid() == m_reference.owner)) {
+  if (!m_hasReference || (grouped() && inGroup(m_reference.group)) || (!grouped() && geteuid() == m_reference.owner)) {
     std::string names;
     for (const std::string& name : m_refused) names += (names.empty() ? "" : ", ") + printable(name);
     return head + "it may not open " + names +
@@ -152,8 +153,8 @@ std::string ManagerAccess::refusal() const {
     return head + "they belong to group " + group + ". Join it (usermod -aG " + group + " " +
            (self != nullptr ? self->pw_name : "NAME") + ", then log in again) or run as root";
   }
-  return head + "the sync manager runs without --group, so they belong to the account " +
-         userName(m_reference.owner) + " alone. Run as that account or as root, or start the manager with --group";
+  return head + "the sync manager runs without --group, so they belong to the account " + userName(m_reference.owner) +
+         " alone. Run as that account or as root, or start the manager with --group";
 }
 
 }  // namespace ctl

@@ -7,11 +7,11 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "Access.h"
+#include "Inventory.h"
 #include "OS/internal/BlockLayouts.h"
 #include "OS/internal/Private.h"
 #include "OS/internal/SyncProtocol.h"
-#include "Access.h"
-#include "Inventory.h"
 
 namespace internal = ostrelled::internal;
 
@@ -47,7 +47,7 @@ void printManager(const internal::ManagerProbe& probe, bool anyNamePresent) {
       return;
     case internal::ManagerState::NoNames:
       puts(anyNamePresent ? "manager: not answering (only some of its names are present)"
-                                   : "manager: none (no manager names on this machine)");
+                          : "manager: none (no manager names on this machine)");
       return;
   }
 }

@@ -17,9 +17,9 @@
 #include <utility>
 
 #include "OS/internal/BlockLayouts.h"
-#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
+#include "OS/internal/SyncProtocol.h"
 
 namespace internal = ostrelled::internal;
 
@@ -89,7 +89,8 @@ std::string unseenUsers(const Unseen& unseen) {
     who += (who.empty() ? "" : "; ") + std::to_string(unseen.elsewhere) +
            " processes in other PID namespaces (containers) use named objects, and this one cannot see which";
   std::string how = unseen.unreadable != 0 ? "run as root or as the objects' user" : "";
-  if (unseen.elsewhere > 0) how += (how.empty() ? "" : ", and ") + std::string("run in the PID namespace of those processes");
+  if (unseen.elsewhere > 0)
+    how += (how.empty() ? "" : ", and ") + std::string("run in the PID namespace of those processes");
   return who + "; " + how + " to see every user of an object";
 }
 

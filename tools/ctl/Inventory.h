@@ -12,8 +12,8 @@
 namespace ctl {
 
 struct Block {
-  std::string name;    // as under /dev/shm, without a slash
-  std::string kind;    // "mutex", "rw-mutex", "semaphore/posix", ...
+  std::string name;  // as under /dev/shm, without a slash
+  std::string kind;  // "mutex", "rw-mutex", "semaphore/posix", ...
   unsigned int attached = 0;
   dev_t device = 0;
   ino_t inode = 0;
@@ -22,9 +22,7 @@ struct Block {
 
   // idle: nobody attached; in-use: a live process maps it; stale: attached by
   // nobody alive; unknown: attached, no mapper seen, but not every process was.
-  const char* state() const {
-    return attached == 0 ? "idle" : !pids.empty() ? "in-use" : unseen ? "unknown" : "stale";
-  }
+  const char* state() const { return attached == 0 ? "idle" : !pids.empty() ? "in-use" : unseen ? "unknown" : "stale"; }
 };
 
 // How a block of this name and content reads: known (kind and count filled),

@@ -15,16 +15,14 @@ namespace internal {
 template <class T>
 struct Scalar;
 
-#define OSTRELLED_SCALAR_FACTS(name, type, tag, member, format, typeName)                  \
-  template <>                                                                              \
-  struct Scalar<type> {                                                                    \
-    static constexpr TVARTYPE kTag = tag;                                                  \
-    static constexpr const char* kTypeName = typeName;                                     \
-    static type& ref(TVARIANT& var) { return var.member; }                                 \
-    static type get(const TVARIANT& var) { return var.member; }                            \
-    static int print(char* buffer, size_t size, type value) {                              \
-      return std::snprintf(buffer, size, format, value);                                   \
-    }                                                                                      \
+#define OSTRELLED_SCALAR_FACTS(name, type, tag, member, format, typeName)                                          \
+  template <>                                                                                                      \
+  struct Scalar<type> {                                                                                            \
+    static constexpr TVARTYPE kTag = tag;                                                                          \
+    static constexpr const char* kTypeName = typeName;                                                             \
+    static type& ref(TVARIANT& var) { return var.member; }                                                         \
+    static type get(const TVARIANT& var) { return var.member; }                                                    \
+    static int print(char* buffer, size_t size, type value) { return std::snprintf(buffer, size, format, value); } \
   };
 OSTRELLED_SCALAR_TYPES(OSTRELLED_SCALAR_FACTS)
 #undef OSTRELLED_SCALAR_FACTS
@@ -41,7 +39,7 @@ template <class F>
 bool visitScalar(TVARTYPE vt, F&& f) {
   switch (vt) {
 #define OSTRELLED_SCALAR_CASE(name, type, tag, member, format, typeName) \
-  case tag:                                                            \
+  case tag:                                                              \
     return f(ScalarTag<type>{});
     OSTRELLED_SCALAR_TYPES(OSTRELLED_SCALAR_CASE)
 #undef OSTRELLED_SCALAR_CASE

@@ -193,8 +193,7 @@ void requestCustomDivisor(int fd, UINT uBaudRate) {
 
 }  // namespace
 
-int os_serial_open(const char* strSerialName, UINT uBaudRate, BYTE byteParity, BYTE byteStopbits,
-                   int iBaudIndex) {
+int os_serial_open(const char* strSerialName, UINT uBaudRate, BYTE byteParity, BYTE byteStopbits, int iBaudIndex) {
   if (strSerialName == nullptr) return -1;
   int fd = open(strSerialName, O_RDWR | O_NOCTTY | O_APPEND | O_NONBLOCK);
   if (fd == -1) return -1;
@@ -357,8 +356,8 @@ class FrameReader {
 
 }  // namespace
 
-int os_serial_read(int hHandle, unsigned char* buf, int len, void* m_pHead, UINT m_uHeadLen,
-                   int dwMaxByteInterval, int dwTimeoutMillisecond) {
+int os_serial_read(int hHandle, unsigned char* buf, int len, void* m_pHead, UINT m_uHeadLen, int dwMaxByteInterval,
+                   int dwTimeoutMillisecond) {
   if (!timeoutInRange(dwTimeoutMillisecond) || hHandle == -1) return -1;
   const LONG headLen = m_uHeadLen;
   if (len < headLen || len < 0) return -1;

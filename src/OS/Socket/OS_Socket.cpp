@@ -80,13 +80,12 @@ int os_socket_recv(int s, void* buf, int len, int flags, RT_MODE mode) {
   return inMode(mode, [&] { return static_cast<int>(recv(s, buf, len, flags)); });
 }
 
-int os_socket_send_to(int s, const void* buf, int len, int flags, const sockaddr* dest_addr,
-                      socklen_t addrlen, RT_MODE mode) {
+int os_socket_send_to(int s, const void* buf, int len, int flags, const sockaddr* dest_addr, socklen_t addrlen,
+                      RT_MODE mode) {
   return inMode(mode, [&] { return static_cast<int>(sendto(s, buf, len, flags, dest_addr, addrlen)); });
 }
 
-int os_socket_recv_from(int s, void* buf, int len, int flags, sockaddr* src_addr, socklen_t* addrlen,
-                        RT_MODE mode) {
+int os_socket_recv_from(int s, void* buf, int len, int flags, sockaddr* src_addr, socklen_t* addrlen, RT_MODE mode) {
   return inMode(mode, [&] { return static_cast<int>(recvfrom(s, buf, len, flags, src_addr, addrlen)); });
 }
 
@@ -98,8 +97,7 @@ int os_socket_get_sock_name(int s, sockaddr* addr, socklen_t* addrlen, RT_MODE m
   return inMode(mode, [&] { return getsockname(s, addr, addrlen); });
 }
 
-int os_socket_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout,
-                     RT_MODE mode) {
+int os_socket_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout, RT_MODE mode) {
   return inMode(mode, [&] { return select(nfds, readfds, writefds, exceptfds, timeout); });
 }
 
@@ -112,13 +110,11 @@ void os_socket_close(int s, RT_MODE mode) {
 }
 
 // Both option calls answer true for a FAILED call; callers test for false. Intended.
-bool os_socket_get_sock_opt(int s, int iLevel, int iOptname, void* pOptval, socklen_t* uOptlen,
-                            RT_MODE mode) {
+bool os_socket_get_sock_opt(int s, int iLevel, int iOptname, void* pOptval, socklen_t* uOptlen, RT_MODE mode) {
   return inMode(mode, [&] { return getsockopt(s, iLevel, iOptname, pOptval, uOptlen); }) != 0;
 }
 
-bool os_socket_set_sock_opt(int s, int iLevel, int iOptname, const void* pOptval, socklen_t uOptlen,
-                            RT_MODE mode) {
+bool os_socket_set_sock_opt(int s, int iLevel, int iOptname, const void* pOptval, socklen_t uOptlen, RT_MODE mode) {
   return inMode(mode, [&] { return setsockopt(s, iLevel, iOptname, pOptval, uOptlen); }) != 0;
 }
 

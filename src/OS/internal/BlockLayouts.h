@@ -99,10 +99,16 @@ constexpr BlockKind eventKind(const char* name, EventBlock::Kind kind, unsigned 
 constexpr BlockKind kBlockKinds[] = {
     {"mutex", MutexBlock::kSize, {-1, -1, -1}, -1, 0},
     {"rw-mutex", RWMutexBlock::kSize, {at(RWMutexBlock::kWriteFlagAt), -1, -1}, -1, 0},
-    {"semaphore/posix", SemaphoreBlock::kPosixSize, {at(SemaphoreBlock::kPosixKindFlagAt), -1, -1},
-     at(SemaphoreBlock::kPosixKindFlagAt), 0},
-    {"semaphore/system-v", SemaphoreBlock::kSysVSize, {at(SemaphoreBlock::kSysVKindFlagAt), -1, -1},
-     at(SemaphoreBlock::kSysVKindFlagAt), 1},
+    {"semaphore/posix",
+     SemaphoreBlock::kPosixSize,
+     {at(SemaphoreBlock::kPosixKindFlagAt), -1, -1},
+     at(SemaphoreBlock::kPosixKindFlagAt),
+     0},
+    {"semaphore/system-v",
+     SemaphoreBlock::kSysVSize,
+     {at(SemaphoreBlock::kSysVKindFlagAt), -1, -1},
+     at(SemaphoreBlock::kSysVKindFlagAt),
+     1},
     eventKind("event/condition", EventBlock::kCondition, EventBlock::kConditionFlag, true),
     eventKind("event/posix", EventBlock::kPosix, EventBlock::kManagedFlag, false),
     eventKind("event/system-v", EventBlock::kSysV, EventBlock::kManagedFlag, true),
@@ -118,7 +124,9 @@ inline std::string shmPath(const char* name) { return kShmFolder + std::string(w
 inline std::string shmPath(const std::string& name) { return shmPath(name.c_str()); }
 // The file name a named semaphore "/x" has under /dev/shm: "sem.x".
 constexpr const char* kSemaphoreFilePrefix = "sem.";
-inline std::string semaphoreFileName(const char* name) { return kSemaphoreFilePrefix + std::string(withoutSlash(name)); }
+inline std::string semaphoreFileName(const char* name) {
+  return kSemaphoreFilePrefix + std::string(withoutSlash(name));
+}
 inline std::string semaphorePath(const char* name) { return kShmFolder + semaphoreFileName(name); }
 
 }  // namespace internal

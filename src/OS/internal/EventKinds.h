@@ -13,8 +13,8 @@ namespace internal {
 // bUseConditionInsteadOfSem says), else a futex condition when
 // bUseConditionInsteadOfSem, else a POSIX semaphore. An anonymous event always
 // uses a futex condition. Never null.
-event_handle* createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName,
-                         bool bManageByOS, bool bUseConditionInsteadOfSem);
+event_handle* createEvent(bool bManualReset, bool bInitial, RT_MODE mode, const char* strEventName, bool bManageByOS,
+                          bool bUseConditionInsteadOfSem);
 
 }  // namespace internal
 }  // namespace ostrelled

@@ -89,7 +89,7 @@ struct ProcessRegistry::State {
   dev_t device = 0;
   ino_t inode = 0;
   unsigned char* map = nullptr;
-  int fd = -1;  // holds this process's lock; -1 after a fork until rejoined
+  int fd = -1;            // holds this process's lock; -1 after a fork until rejoined
   bool writable = false;  // false: this process may check, not join
   std::atomic<ProcessToken> token{kNoProcess};
   ProcessRegistry face{this};

@@ -18,10 +18,10 @@
 #include <new>
 
 #include "OS/internal/BlockLayouts.h"
-#include "OS/internal/ShareMemoryHandle.h"
-#include "OS/internal/SyncProtocol.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/Private.h"
+#include "OS/internal/ShareMemoryHandle.h"
+#include "OS/internal/SyncProtocol.h"
 
 namespace ostrelled {
 namespace internal {
@@ -198,8 +198,10 @@ class Attach {
     struct stat st;
     unsigned int count = 1;
     // A block the manager could not even size counts as unused.
-    if (fstat(fd, &st) == 0 && st.st_size == 0) count = 0;
-    else if (pread(fd, &count, sizeof count, 0) != static_cast<ssize_t>(sizeof count)) count = 1;
+    if (fstat(fd, &st) == 0 && st.st_size == 0)
+      count = 0;
+    else if (pread(fd, &count, sizeof count, 0) != static_cast<ssize_t>(sizeof count))
+      count = 1;
     close(fd);
     return count == 0;
   }

@@ -42,8 +42,8 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <signal.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>

@@ -12,8 +12,7 @@ namespace internal {
 // bManageByOS selects a System V set for a named semaphore; it is refused for a
 // named semaphore in real-time mode (the handle stays unattached). An anonymous
 // semaphore is always POSIX. Never null.
-semaphore_handle* createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName,
-                                   bool bManageByOS);
+semaphore_handle* createSemaphore(int intInitialCount, RT_MODE mode, const char* strSemaphoreName, bool bManageByOS);
 
 }  // namespace internal
 }  // namespace ostrelled

@@ -43,11 +43,20 @@ inline std::string quote(const char* text, Quoting quoting) {
     // escaped and a newline must be written \n ; outer shell, single quotes:
     // every ' (ours included) becomes '\'' again.
     switch (c) {
-      case '\'': out += "'\\''\\\\'\\'''\\''"; break;
-      case '\\': out += "\\\\"; break;
-      case '"': out += "\\\""; break;
-      case '\n': out += "\\n"; break;
-      default: out += c;
+      case '\'':
+        out += "'\\''\\\\'\\'''\\''";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -77,9 +86,8 @@ constexpr Template kCopyOverwriting = {"cp -arf \"%s\"/* \"%s\"", Quoting::Doubl
 // that counts is awk's. When cp asks nothing and is gone before awk has written
 // its answer, awk's write meets a broken pipe and the command fails: a race
 // that belongs to this command as given.
-constexpr Template kCopyKeeping = {
-    "awk 'BEGIN { cmd=\"cp -ari '\\''%s'\\''/* '\\''%s'\\''/\";print \"n\"|cmd;}'",
-    Quoting::AwkCommandInSingleQuotes, true};
+constexpr Template kCopyKeeping = {"awk 'BEGIN { cmd=\"cp -ari '\\''%s'\\''/* '\\''%s'\\''/\";print \"n\"|cmd;}'",
+                                   Quoting::AwkCommandInSingleQuotes, true};
 // A process name, not a path: killall takes it as it is.
 constexpr Template kKill = {"killall -9 \"%s\"", Quoting::DoubleQuotes, false};
 

@@ -89,13 +89,13 @@ constexpr Span kLiveHolderWait = std::chrono::milliseconds(200);
 // ids are labels for people; whether the holder or the manager lives is told
 // by their registry tokens (internal/Liveness.h).
 struct RequestLockRecord {
-  pthread_mutex_t mutex;        // 0: process-shared, robust
-  unsigned int holder;          // 40: pid of the client holding the lock, 0 when free
-  unsigned int posted;          // 44: requests posted, counted by the clients
-  unsigned int answered;        // 48: the posted number of the request last answered
-  unsigned int manager;         // 52: pid of the manager process that made the record
-  unsigned int holderToken;     // 56: registry token of the holder, 0 when free
-  unsigned int managerToken;    // 60: registry token of the manager, 0 when it has none
+  pthread_mutex_t mutex;      // 0: process-shared, robust
+  unsigned int holder;        // 40: pid of the client holding the lock, 0 when free
+  unsigned int posted;        // 44: requests posted, counted by the clients
+  unsigned int answered;      // 48: the posted number of the request last answered
+  unsigned int manager;       // 52: pid of the manager process that made the record
+  unsigned int holderToken;   // 56: registry token of the holder, 0 when free
+  unsigned int managerToken;  // 60: registry token of the manager, 0 when it has none
 };
 static_assert(offsetof(RequestLockRecord, holder) == 40 && offsetof(RequestLockRecord, posted) == 44 &&
                   offsetof(RequestLockRecord, answered) == 48 && offsetof(RequestLockRecord, manager) == 52 &&

@@ -23,13 +23,12 @@ inline int waitOnce(int fd, Readiness what, const timespec& span) {
     return -1;
   }
   // The conditions select() counts as ready for each set.
-  const short readyMask = what == Readiness::Readable
-                              ? short(POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)
-                              : short(POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR);
+  const short readyMask = what == Readiness::Readable ? short(POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)
+                                                      : short(POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR);
   pollfd entry{};
   entry.fd = fd;
-  entry.events = what == Readiness::Readable ? short(POLLIN | POLLRDNORM | POLLRDBAND)
-                                             : short(POLLOUT | POLLWRNORM | POLLWRBAND);
+  entry.events =
+      what == Readiness::Readable ? short(POLLIN | POLLRDNORM | POLLRDBAND) : short(POLLOUT | POLLWRNORM | POLLWRBAND);
   int result = ppoll(&entry, 1, &span, nullptr);
   if (result <= 0) return result;
   if (entry.revents & POLLNVAL) {
