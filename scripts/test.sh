@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Builds the library and runs every test: the layout of every C++ file, the
-# plain build, the exported-name check, a downstream build against an installed copy, the public ABI against
-# its baseline, the Debian packages, every example, the API reference without
-# a Doxygen warning, the whole suite again under AddressSanitizer and
-# UndefinedBehaviorSanitizer, the tests that use threads under
-# ThreadSanitizer, every fuzz target for a bounded time, and the size of the
-# suite against the code.
+# plain build, the exported-name check, a downstream build against an
+# installed copy, the public ABI against its baseline, the Debian packages,
+# every example, the API reference without a Doxygen warning, the whole suite
+# again under AddressSanitizer and UndefinedBehaviorSanitizer, the tests that
+# use threads under ThreadSanitizer, every fuzz target for a bounded time, and
+# the size of the suite against the code.
 # Prints how long each step took.
 set -euo pipefail
 cd "$(dirname "$0")/.."
