@@ -25,11 +25,11 @@ TEST_F(Ctl, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   Holder holder([&] { os_mutex_lock(namedMutex(name)); }, [] {});
   ASSERT_TRUE(holder.held());
   ToolRun serving = ctl("status"), listed = ctl("list");
-  EXPECT_TRUE(contains(serving.out, "manager: serving (process " + std::to_string(getpid()) + ")")) << serving.out;
+  EXPECT_TRUE(contains(serving.out, "manager: serving (process " + std::to_string(getpid()) + ")"));
   EXPECT_EQ(serving.status + listed.status, 0);
-  EXPECT_TRUE(contains(listed.out, "NAME\tKIND\tATTACHED\tPIDS\tSTATE\n")) << listed.out;
-  EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t")) << listed.out;
-  EXPECT_TRUE(contains(listed.out, "\tin-use\n")) << listed.out;
+  EXPECT_TRUE(contains(listed.out, "NAME\tKIND\tATTACHED\tPIDS\tSTATE\n"));
+  EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t"));
+  EXPECT_TRUE(contains(listed.out, "\tin-use\n"));
   EXPECT_EQ(ctl("remove " + name + " 2>/dev/null").status, 1);
   EXPECT_TRUE(shmExists(name));
   holder.kill();
@@ -60,7 +60,7 @@ TEST_F(CtlWithoutManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
   writeBlock(damaged, internal::EventBlock::kCondition.size, 7);  // an event's size with impossible flags
   writeBlock(foreign, 1000, 0);
   ToolRun listed = ctl("list 2>&1");
-  EXPECT_TRUE(contains(listed.out, damaged + ": the size of a event/condition but not its content")) << listed.out;
+  EXPECT_TRUE(contains(listed.out, damaged + ": the size of a event/condition but not its content"));
   EXPECT_FALSE(contains(listed.out, foreign));
   EXPECT_EQ(ctl("remove " + damaged + " 2>/dev/null").status, 1);
   EXPECT_EQ(ctl("remove --force " + foreign + " 2>/dev/null").status, 1);
@@ -73,11 +73,11 @@ TEST_F(CtlWithoutManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
 TEST_F(CtlWithoutManager, StatusTellsMissingNamesFromASilentManager) {
   ToolRun none = ctl("status");
   EXPECT_EQ(none.status, 1);
-  EXPECT_TRUE(contains(none.out, "no manager names on this machine")) << none.out;
+  EXPECT_TRUE(contains(none.out, "no manager names on this machine"));
   writeBlock(internal::SyncNames::kRequestArea, internal::kRequestAreaSize, 0);
   ToolRun partial = ctl("status");
   EXPECT_EQ(partial.status, 1);
-  EXPECT_TRUE(contains(partial.out, "manager: not answering")) << partial.out;
+  EXPECT_TRUE(contains(partial.out, "manager: not answering"));
   unlink(internal::shmPath(internal::SyncNames::kRequestArea).c_str());
 }
 

@@ -1,7 +1,5 @@
 #include <stdarg.h>
 
-#include <climits>
-
 #include <ostrelled/OS_CLibrary.h>
 #include "TestSupport.h"
 

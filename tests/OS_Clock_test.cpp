@@ -1,8 +1,6 @@
-#include <climits>
 #include <utility>
 
 #include <ostrelled/OS.h>
-#include <ostrelled/OS_Clock.h>
 #include "TestSupport.h"
 
 #include "OS/internal/Deadline.h"

@@ -1,6 +1,5 @@
 #include <utility>
 
-#include <ostrelled/OS_Clock.h>
 #include <ostrelled/OS_Thread.h>
 
 #include "TestSupport.h"

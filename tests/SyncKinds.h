@@ -3,9 +3,6 @@
 
 // Every kind as a token one holder takes: a semaphore of one unit; an event set, consumed by a wait.
 
-#include <memory>
-#include <vector>
-
 #include "TestSupport.h"
 
 class SyncObject {

@@ -357,7 +357,11 @@ inline ToolRun runTool(const std::string& command) {
   return run;
 }
 
-inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+// Whether part is in text; a failure shows the text.
+inline ::testing::AssertionResult contains(const std::string& text, const std::string& part) {
+  bool in = text.find(part) != std::string::npos;
+  return in ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
 
 inline mutex_handle* namedMutex(const std::string& name, unsigned int flags = DEFAULT_MUTEX_ATTRIBUTE) {
   return os_mutex_create(flags, USE_STD, name.c_str());

@@ -1,4 +1,3 @@
-#include <climits>
 #include <cmath>
 
 #include <ostrelled/Variant.h>
