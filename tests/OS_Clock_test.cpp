@@ -1,4 +1,3 @@
-#include <utility>
 
 #include <ostrelled/OS.h>
 #include "TestSupport.h"

@@ -55,13 +55,11 @@ TEST_F(ConditionEvent, ADamagedSetFlagIsTakenAsSet) {
   event_handle* event = os_event_create(false, false, USE_STD, name.c_str());
   sharememory_handle* block = os_sharememory_open(name.c_str(), USE_STD);
   ASSERT_NE(block, nullptr);
-  unsigned char& flag = static_cast<unsigned char*>(
-      os_sharememory_get_buffer(block))[internal::EventBlock::kCondition.flagsAt + internal::EventBlock::kSetFlag];
+  unsigned char& flag = bytesOf(block)[internal::EventBlock::kCondition.flagsAt + internal::EventBlock::kSetFlag];
   flag = 0x7f;  // a stray byte that another writer left
   EXPECT_TRUE(os_event_wait_timeout(event, deadlineIn(10)));
   EXPECT_EQ(flag, 0) << "not consumed as a set of 1";
   EXPECT_FALSE(os_event_wait_timeout(event, deadlineIn(10)));
-  os_sharememory_close(block, false);
   os_sharememory_destroy(block);
   os_event_destroy(event);
 }

@@ -1,4 +1,3 @@
-#include <stdexcept>
 
 #include <ostrelled/OS_File.h>
 #include "TestSupport.h"

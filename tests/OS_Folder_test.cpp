@@ -1,7 +1,5 @@
 #include <glob.h>
 
-#include <stdexcept>
-
 #include <ostrelled/OS_Folder.h>
 #include <ostrelled/OS_System.h>
 #include "TestSupport.h"

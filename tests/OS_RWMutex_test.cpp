@@ -70,7 +70,7 @@ TEST_F(NamedRWMutex, ADamagedBlockIsRepairedNotFollowedIntoAHang) {
   };
   sharememory_handle* block = os_sharememory_open(name.c_str(), USE_STD);
   ASSERT_NE(block, nullptr);
-  auto* bytes = static_cast<unsigned char*>(os_sharememory_get_buffer(block));
+  unsigned char* bytes = bytesOf(block);
   for (const auto& fields : damage) {
     for (const auto& field : fields) memcpy(bytes + field.first, &field.second, sizeof(field.second));
     EXPECT_TRUE(os_rw_mutex_lock_wr_timeout(mutex, deadlineIn(2000)))
@@ -79,7 +79,6 @@ TEST_F(NamedRWMutex, ADamagedBlockIsRepairedNotFollowedIntoAHang) {
     EXPECT_TRUE(os_rw_mutex_trylock_rd(mutex)) << "damage " << &fields - damage << ": no reader got in";
     os_rw_mutex_unlock(mutex);
   }
-  os_sharememory_close(block, false);
   os_sharememory_destroy(block);
   os_rw_mutex_destroy(mutex);
 }

@@ -1,10 +1,6 @@
 #include <dlfcn.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <termios.h>
-
-#include <tuple>
-#include <utility>
 
 #include <ostrelled/OS_Serial.h>
 

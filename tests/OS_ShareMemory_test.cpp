@@ -2,8 +2,6 @@
 
 #include "TestSupport.h"
 
-static unsigned char* bytes(sharememory_handle* h) { return static_cast<unsigned char*>(os_sharememory_get_buffer(h)); }
-
 // In a child that may not lock memory; a handle that fails to come shows as its crash.
 TEST(OS_ShareMemory, CreateClearsTheObjectForEveryone) {
   std::string name = "/" + uniqueName("shm");  // a leading slash reaches /dev/shm as well
@@ -11,15 +9,15 @@ TEST(OS_ShareMemory, CreateClearsTheObjectForEveryone) {
               rlimit none{0, 0};
               if (setrlimit(RLIMIT_MEMLOCK, &none) != 0 || (geteuid() == 0 && setuid(65534) != 0)) return 10;
               sharememory_handle* first = os_sharememory_create(name.c_str(), 1029, USE_DEFAULT);
-              memset(bytes(first), 0xAB, 1029);
+              memset(bytesOf(first), 0xAB, 1029);
               // Creating over a live object resizes it and zeroes it, also in the first mapping.
               sharememory_handle* second = os_sharememory_create(name.c_str(), 4096 + 128, USE_STD);
               EXPECT_EQ(shmSize(name), 4096 + 128);
-              EXPECT_EQ(bytes(first)[1028], 0);
-              bytes(second)[4096 + 127] = 7;
+              EXPECT_EQ(bytesOf(first)[1028], 0);
+              bytesOf(second)[4096 + 127] = 7;
               os_sharememory_close(first, false);
               sharememory_handle* opened = os_sharememory_open(name.c_str(), USE_DEFAULT);
-              EXPECT_EQ(bytes(opened)[4096 + 127], 7) << "open does not clear";
+              EXPECT_EQ(bytesOf(opened)[4096 + 127], 7) << "open does not clear";
               os_sharememory_close(opened, true);
               EXPECT_EQ(os_sharememory_open(name.c_str(), USE_DEFAULT), nullptr);
               for (sharememory_handle* handle : {first, second, opened}) os_sharememory_destroy(handle);

@@ -1,8 +1,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <utility>
-
 #include <ostrelled/OS_Socket.h>
 
 #include "TestSupport.h"

@@ -7,8 +7,6 @@ namespace {
 using SyncManager = HostedManager;
 using ManagerProcess = NoManager;
 
-unsigned char* bytesOf(sharememory_handle* b) { return static_cast<unsigned char*>(os_sharememory_get_buffer(b)); }
-
 // Posts a request record written by hand; the finish posts seen (the first within 2 s).
 int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char* name = nullptr) {
   unsigned char* area = bytesOf(raw.manager_memory_handle);

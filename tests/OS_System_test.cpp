@@ -1,4 +1,3 @@
-#include <stdlib.h>
 
 #include <ostrelled/OS_System.h>
 #include <ostrelled/Version.h>

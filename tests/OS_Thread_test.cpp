@@ -1,4 +1,3 @@
-#include <utility>
 
 #include <ostrelled/OS_Thread.h>
 

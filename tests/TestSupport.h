@@ -320,6 +320,10 @@ inline std::string uniqueName(const char* tag) {
   return "ostrelled_test_" + std::string(tag) + "_" + std::to_string(getpid()) + "_" + std::to_string(next++);
 }
 
+inline unsigned char* bytesOf(sharememory_handle* block) {
+  return static_cast<unsigned char*>(os_sharememory_get_buffer(block));
+}
+
 inline off_t shmSize(const std::string& name) {
   struct stat st;
   return stat(internal::shmPath(name).c_str(), &st) == 0 ? st.st_size : -1;
@@ -383,7 +387,7 @@ inline bool requestLockFree() {
   sharememory_handle* block = os_sharememory_open(internal::SyncNames::kRequestLock, USE_STD);
   int value = 0;
   bool free = client.create(true) && block != nullptr && sem_getvalue(client.enable_mutex_manager_sem, &value) == 0 &&
-              value == 1 && static_cast<internal::RequestLockRecord*>(os_sharememory_get_buffer(block))->holder == 0;
+              value == 1 && reinterpret_cast<internal::RequestLockRecord*>(bytesOf(block))->holder == 0;
   os_sharememory_destroy(block);
   return free;
 }
