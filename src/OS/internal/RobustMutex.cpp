@@ -98,12 +98,15 @@ bool markConsistent(pthread_mutex_t* mutex) {
 }  // namespace
 
 bool repairThenRelock(pthread_mutex_t* mutex, int result) {
-  if (result == EOWNERDEAD) {
+  // The relock may find another owner dead (one that took the mutex in
+  // between): that one is repaired too, never left inconsistent, since an
+  // inconsistent mutex unlocked is unrecoverable for every process.
+  while (result == EOWNERDEAD) {
     if (!markConsistent(mutex)) return false;
     // Let a waiter that queued behind the dead owner see a healthy mutex.
     pthread_mutex_unlock(mutex);
-    pthread_mutex_lock(mutex);
-    return true;
+    result = pthread_mutex_lock(mutex);
+    if (result == 0) return true;
   }
   printf("mutex lock error:%d.\n", result);
   return false;

@@ -36,7 +36,8 @@ bool usableInThisNamespace(const pthread_mutex_t* mutex);
 // After pthread_mutex_lock returned `result`, not 0: a mutex whose owner died
 // is marked consistent ("mutex lock fixed failed!" when it cannot be),
 // released and taken again with a blocking lock, so that a waiter queued
-// behind the dead owner sees a healthy mutex. Other errors print
+// behind the dead owner sees a healthy mutex; an owner found dead by that
+// lock is repaired the same way. Other errors print
 // "mutex lock error:%d.\n". True when held.
 bool repairThenRelock(pthread_mutex_t* mutex, int result);
 
