@@ -285,10 +285,7 @@ void os_sync_manager_handle::serve(sem_t* request, sem_t* finish) {
     // Requests come in runs (an attach, then soon the next one): right after
     // serving one, the next is tried for a moment before the thread sleeps,
     // unless such tries have lately run out (see RequestSpin).
-    internal::Span spin = busy ? learnt.spin() : internal::Span::zero();
-    bool ranOut = false;
-    int taken = internal::takeSoon(request, deadline, spin, &ranOut);
-    if (busy) learnt.learn(spin, ranOut);
+    int taken = busy ? learnt.take(request, deadline) : internal::takeSoon(request, deadline, internal::Span::zero());
     if (taken != 0) {
       busy = false;
       // Idle: a client that died holding the request lock is released here

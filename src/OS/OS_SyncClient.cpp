@@ -42,6 +42,11 @@ void noteHolder(RequestLockRecord* rec) {
   rec->holderToken = registry != nullptr ? registry->own() : kUntrackedProcess;
 }
 
+void clearHolder(RequestLockRecord* rec) {
+  rec->holder = 0;
+  rec->holderToken = 0;
+}
+
 void closeSemaphore(sem_t*& sem) {
   if (sem != nullptr) {
     sem_close(sem);
@@ -145,12 +150,7 @@ void repairAfterDeadHolder(RequestLockRecord* rec, sem_t* enabled, bool takeIt) 
   sem_getvalue(enabled, &value);
   if (value == 0 && !takeIt) sem_post(enabled);
   if (value != 0 && takeIt) retryOnEintr([&] { return sem_wait(enabled); });
-  if (takeIt) {
-    noteHolder(rec);
-  } else {
-    rec->holder = 0;
-    rec->holderToken = 0;
-  }
+  takeIt ? noteHolder(rec) : clearHolder(rec);
 }
 
 }  // namespace
@@ -173,10 +173,7 @@ void releaseDeadHolder(RequestLockRecord* rec, sem_t* enabled) {
 
 void CSyncClient::unlock() {
   RequestLockRecord* rec = record();
-  if (rec != nullptr) {
-    rec->holder = 0;
-    rec->holderToken = 0;
-  }
+  if (rec != nullptr) clearHolder(rec);
   sem_post(enable_mutex_manager_sem);
   if (rec == nullptr) return;
   bool othersWait = othersWaitFor(&rec->mutex);
@@ -207,16 +204,14 @@ bool CSyncClient::postAndWait(const Deadline& deadline) {
   RequestLockRecord* rec = record();
   unsigned int number = rec != nullptr ? __atomic_add_fetch(&rec->posted, 1, __ATOMIC_RELEASE) : 0;
   sem_post(manage_request_sem);
-  Span spin = m_spin.spin();
   for (bool first = true;; first = false) {
     // In slices, so that a manager that died is noticed within one; a live
     // one, however slow, has until the deadline. A request answered within
     // the first slice, as nearly all are, never asks.
     Deadline slice = Deadline::after(kManagerCheck);
     bool last = !(slice < deadline);
-    bool ranOut = false;
-    int taken = takeSoon(manage_finish_sem, last ? deadline : slice, first ? spin : Span::zero(), &ranOut);
-    if (first) m_spin.learn(spin, ranOut);
+    const Deadline& until = last ? deadline : slice;
+    int taken = first ? m_spin.take(manage_finish_sem, until) : takeSoon(manage_finish_sem, until, Span::zero());
     if (taken == 0) {
       if (rec == nullptr || __atomic_load_n(&rec->answered, __ATOMIC_ACQUIRE) == number) return true;
       continue;

@@ -33,6 +33,12 @@ static_assert(kTagAt % 4 == 0 && kOwnerWordAt % 4 == 0, "both words stay 4-byte 
 uint32_t* namespaceTag(pthread_mutex_t* mutex) {
   return reinterpret_cast<uint32_t*>(reinterpret_cast<unsigned char*>(mutex) + kTagAt);
 }
+// The futex word: the owner's thread id and the kernel's bits.
+unsigned int futexWord(const pthread_mutex_t* mutex) {
+  const auto* word =
+      reinterpret_cast<const unsigned int*>(reinterpret_cast<const unsigned char*>(mutex) + kOwnerWordAt);
+  return __atomic_load_n(word, __ATOMIC_RELAXED);
+}
 uint32_t tagOf(const pthread_mutex_t* mutex) {
   return __atomic_load_n(namespaceTag(const_cast<pthread_mutex_t*>(mutex)), __ATOMIC_RELAXED);
 }
@@ -58,16 +64,10 @@ bool usableInThisNamespace(const pthread_mutex_t* mutex) {
 bool countsOwnRecursion(const pthread_mutex_t* mutex) { return tagOf(mutex) == kOwnRecursionTag; }
 
 bool ownerIdIsMine(const pthread_mutex_t* mutex) {
-  constexpr int kTidMask = 0x3fffffff;  // the futex word's owner bits
-  const int* owner = reinterpret_cast<const int*>(reinterpret_cast<const unsigned char*>(mutex) + kOwnerWordAt);
-  int word = __atomic_load_n(owner, __ATOMIC_RELAXED);
-  return (word & kTidMask) == static_cast<int>(gettid());
+  return (futexWord(mutex) & FUTEX_TID_MASK) == static_cast<unsigned int>(gettid());
 }
 
-bool othersWaitFor(const pthread_mutex_t* mutex) {
-  const int* word = reinterpret_cast<const int*>(reinterpret_cast<const unsigned char*>(mutex) + kOwnerWordAt);
-  return (static_cast<unsigned int>(__atomic_load_n(word, __ATOMIC_RELAXED)) & FUTEX_WAITERS) != 0;
-}
+bool othersWaitFor(const pthread_mutex_t* mutex) { return (futexWord(mutex) & FUTEX_WAITERS) != 0; }
 
 int initMutex(pthread_mutex_t* mutex, int type, bool prioInherit, bool processShared) {
   pthread_mutexattr_t attr;

@@ -15,6 +15,7 @@
 #include "OS/internal/Deadline.h"
 #include "OS/internal/Liveness.h"
 #include "OS/internal/NamedObject.h"
+#include "OS/internal/Private.h"
 
 namespace ostrelled {
 namespace internal {
@@ -57,6 +58,17 @@ constexpr Span kRequestSpin = std::chrono::microseconds(50);
 class RequestSpin {
  public:
   static constexpr unsigned int kMaxSleepsBetweenSpins = 16;
+  // Takes sem before the deadline as takeSoon does, spinning first as learnt,
+  // and learns from how the spin went.
+  int take(sem_t* sem, const Deadline& deadline) {
+    Span spun = spin();
+    bool ranOut = false;
+    int taken = takeSoon(sem, deadline, spun, &ranOut);
+    learn(spun, ranOut);
+    return taken;
+  }
+
+ private:
   Span spin() const { return m_sleepsLeft == 0 ? kRequestSpin : Span::zero(); }
   // After a wait that spun spin() (zero: a wait that slept at once).
   void learn(Span spun, bool ranOut) {
@@ -68,7 +80,6 @@ class RequestSpin {
     m_sleepsLeft = m_penalty;
   }
 
- private:
   unsigned int m_sleepsLeft = 0;
   unsigned int m_penalty = 0;
 };
