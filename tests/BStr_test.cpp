@@ -1,5 +1,4 @@
 // The CBStr class; the flat functions are checked against a model by fuzz/bstr_fuzz.cpp.
-#include <ostrelled/BStr.h>
 #include "TestSupport.h"
 
 TEST(CBStr, CopiesOwnTheirBytesAndEqualityComparesTheWholeRecord) {

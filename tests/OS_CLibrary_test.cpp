@@ -1,6 +1,5 @@
 #include <stdarg.h>
 
-#include <ostrelled/OS_CLibrary.h>
 #include "TestSupport.h"
 
 // Asked twice unless once: the caller's list must be left untouched.

@@ -1,8 +1,4 @@
-
-#include <ostrelled/OS.h>
 #include "TestSupport.h"
-
-#include "OS/internal/Deadline.h"
 
 // The early end of os_clock_nano_sleep on a signal is checked in OS_Thread_test.cpp.
 

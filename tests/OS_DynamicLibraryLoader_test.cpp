@@ -1,7 +1,5 @@
 #include <dlfcn.h>
 
-#include <ostrelled/OS_DynamicLibraryLoader.h>
-
 #include "TestSupport.h"
 
 TEST(OS_DynamicLibraryLoader, ResolvedSymbolsCanBeCalled) {

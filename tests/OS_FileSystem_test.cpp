@@ -1,7 +1,5 @@
-
 #include <set>
 
-#include <ostrelled/OS_FileSystem.h>
 #include "TestSupport.h"
 
 using Events = std::multiset<std::string>;

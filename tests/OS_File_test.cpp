@@ -1,5 +1,3 @@
-
-#include <ostrelled/OS_File.h>
 #include "TestSupport.h"
 
 TEST(OS_File, BadPathsAreRefusedWithoutSystemCalls) {

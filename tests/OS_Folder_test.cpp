@@ -1,7 +1,5 @@
 #include <glob.h>
 
-#include <ostrelled/OS_Folder.h>
-#include <ostrelled/OS_System.h>
 #include "TestSupport.h"
 
 // Each test in its own directory: relative paths and whatever a broken command makes stay there.

@@ -1,4 +1,3 @@
-#include <ostrelled/OS_MemoryManager.h>
 #include "TestSupport.h"
 
 TEST(OS_MemoryManager, LockAllKeepsOnlyItsTwoFlags) {

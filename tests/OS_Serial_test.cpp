@@ -2,8 +2,6 @@
 #include <poll.h>
 #include <termios.h>
 
-#include <ostrelled/OS_Serial.h>
-
 #include "TestSupport.h"
 
 // LeakSanitizer's switches, defined only in the sanitizer build.

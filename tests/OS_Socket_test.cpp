@@ -1,8 +1,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <ostrelled/OS_Socket.h>
-
 #include "TestSupport.h"
 
 static sockaddr* loopback(sockaddr_in& addr, uint16_t port = 0) {

@@ -1,7 +1,3 @@
-
-#include <ostrelled/OS_System.h>
-#include <ostrelled/Version.h>
-
 #include "TestSupport.h"
 
 TEST(OS_System, RunCountsEveryExitButSignalsAnd255WhileInvokeWantsZero) {

@@ -1,6 +1,3 @@
-
-#include <ostrelled/OS_Thread.h>
-
 #include "TestSupport.h"
 
 extern "C" void __tsan_init() __attribute__((weak));  // defined under ThreadSanitizer only

@@ -1,6 +1,3 @@
-#include <ostrelled/BStr.h>
-#include <ostrelled/SafeArray.h>
-#include <ostrelled/ScalarTypes.h>
 #include "TestSupport.h"
 
 // Indexes and element types are checked against a model by fuzz/safearray_fuzz.cpp.

@@ -1,6 +1,5 @@
 #include <list>
 
-#include <ostrelled/StringAssistant.h>
 #include "TestSupport.h"
 
 using SA = CStringAssistant;

@@ -1,7 +1,7 @@
 #ifndef OSTRELLED_TESTS_TESTSUPPORT_H
 #define OSTRELLED_TESTS_TESTSUPPORT_H
 
-// What the tests share: deadlines, children, holders, kill loops, containers, signals, the manager.
+// What the tests share: the public interface, deadlines, children, holders, kill loops, containers, the manager.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -31,18 +31,10 @@
 #include <thread>
 #include <vector>
 
-#include <ostrelled/OS_Clock.h>
-#include <ostrelled/OS_Environment.h>
-#include <ostrelled/OS_Event.h>
-#include <ostrelled/OS_Mutex.h>
-#include <ostrelled/OS_RWMutex.h>
-#include <ostrelled/OS_Semaphore.h>
-#include <ostrelled/OS_ShareMemory.h>
-#include <ostrelled/OS_Sync.h>
+#include <ostrelled/Ostrelled.h>
 
 #include "OS/internal/BlockLayouts.h"
 #include "OS/internal/EventKinds.h"
-#include "OS/internal/MutexHandle.h"
 #include "OS/internal/SemaphoreKinds.h"
 #include "OS/internal/SyncProtocol.h"
 

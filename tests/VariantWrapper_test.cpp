@@ -1,5 +1,3 @@
-#include <ostrelled/Variant.h>
-#include <ostrelled/VariantWrapper.h>
 #include "TestSupport.h"
 
 namespace {

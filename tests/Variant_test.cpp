@@ -1,8 +1,5 @@
 #include <cmath>
 
-#include <ostrelled/Variant.h>
-#include <ostrelled/VariantWrapper.h>
-
 #include "TestSupport.h"
 
 namespace {
