@@ -24,10 +24,9 @@ TEST_F(Ctl, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   std::string name = uniqueName("ctl_held");
   Holder holder([&] { os_mutex_lock(namedMutex(name)); }, [] {});
   ASSERT_TRUE(holder.held());
-  ToolRun serving = ctl("status"), listed = ctl("list");
-  EXPECT_TRUE(contains(serving.out, "manager: serving (process " + std::to_string(getpid()) + ")"));
-  EXPECT_EQ(serving.status + listed.status, 0);
-  EXPECT_TRUE(contains(listed.out, "NAME\tKIND\tATTACHED\tPIDS\tSTATE\n"));
+  EXPECT_TRUE(says(ctl("status"), 0, "manager: serving (process " + std::to_string(getpid()) + ")"));
+  ToolRun listed = ctl("list");
+  EXPECT_TRUE(says(listed, 0, "NAME\tKIND\tATTACHED\tPIDS\tSTATE\n"));
   EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t"));
   EXPECT_TRUE(contains(listed.out, "\tin-use\n"));
   EXPECT_EQ(ctl("remove " + name + " 2>/dev/null").status, 1);
@@ -37,8 +36,7 @@ TEST_F(Ctl, OnlyAStaleBlockIsRemovedAndThroughTheManager) {
   EXPECT_TRUE(contains(ctl("list --json").out, "{\"name\": \"" + name +
                                                    "\", \"kind\": \"mutex\", \"attached\": 1, \"pids\": [], "
                                                    "\"state\": \"stale\"}"));
-  ToolRun removed = ctl("remove /" + name);
-  EXPECT_EQ(removed.status, 0) << removed.out;
+  EXPECT_TRUE(says(ctl("remove /" + name), 0, ""));
   EXPECT_FALSE(shmExists(name));
   // The manager forgot the block: a new attach starts from a fresh one.
   mutex_handle* again = namedMutex(name);
@@ -71,13 +69,9 @@ TEST_F(CtlWithoutManager, BlocksOfUnknownContentAreNeitherListedNorRemoved) {
 }
 
 TEST_F(CtlWithoutManager, StatusTellsMissingNamesFromASilentManager) {
-  ToolRun none = ctl("status");
-  EXPECT_EQ(none.status, 1);
-  EXPECT_TRUE(contains(none.out, "no manager names on this machine"));
+  EXPECT_TRUE(says(ctl("status"), 1, "no manager names on this machine"));
   writeBlock(internal::SyncNames::kRequestArea, internal::kRequestAreaSize, 0);
-  ToolRun partial = ctl("status");
-  EXPECT_EQ(partial.status, 1);
-  EXPECT_TRUE(contains(partial.out, "manager: not answering"));
+  EXPECT_TRUE(says(ctl("status"), 1, "manager: not answering"));
   unlink(internal::shmPath(internal::SyncNames::kRequestArea).c_str());
 }
 

@@ -270,27 +270,22 @@ TEST_F(SyncDaemonWithAGroup, TheToolRefusesOutsidersPlainlyAndReportsAccessChang
       [] {});
   ASSERT_TRUE(holder.held());
   for (const std::string& command : {std::string("status"), std::string("list"), "remove --force " + name}) {
-    ToolRun refused = runTool(outsider.prefix() + ctl + " " + command + " 2>&1");
-    EXPECT_EQ(refused.status, 1) << command;
-    EXPECT_TRUE(
-        contains(refused.out, "may not use named objects: they belong to group users. Join it (usermod -aG users"));
+    EXPECT_TRUE(says(runTool(outsider.prefix() + ctl + " " + command + " 2>&1"), 1,
+                     "may not use named objects: they belong to group users. Join it (usermod -aG users"))
+        << command;
   }
   EXPECT_TRUE(shmExists(name));
   ToolRun listed = runTool(member.prefix() + ctl + " list 2>&1");
-  EXPECT_EQ(listed.status, 0);
-  EXPECT_TRUE(contains(listed.out, name + "\tmutex\t1\t"));
+  EXPECT_TRUE(says(listed, 0, name + "\tmutex\t1\t"));
   EXPECT_TRUE(contains(listed.out, "could not be inspected"));
 
   chmod(internal::shmPath(name).c_str(), 0666);
   chown(internal::shmPath(internal::SyncNames::kRequestLock).c_str(), static_cast<uid_t>(-1), 0);
   ToolRun status = runTool(ctl + " status");
-  EXPECT_EQ(status.status, 0);
-  EXPECT_TRUE(contains(status.out, "access: members of group users"));
+  EXPECT_TRUE(says(status, 0, "access: members of group users"));
   EXPECT_TRUE(contains(status.out, "changed by hand: " + name +
                                        " has mode 0666, group users; the manager gives mode 0660, group users"));
   EXPECT_TRUE(contains(status.out, "changed by hand: os_mutex_manage_request_lock has mode 0660, group root"));
-  ToolRun memberStatus = runTool(member.prefix() + ctl + " status 2>&1");
-  EXPECT_EQ(memberStatus.status, 1);
-  EXPECT_TRUE(
-      contains(memberStatus.out, "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand"));
+  EXPECT_TRUE(says(runTool(member.prefix() + ctl + " status 2>&1"), 1,
+                   "may not open os_mutex_manage_request_lock, whose mode or group was changed by hand"));
 }

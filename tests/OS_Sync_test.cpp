@@ -7,11 +7,21 @@ namespace {
 using SyncManager = HostedManager;
 using ManagerProcess = NoManager;
 
+constexpr unsigned int kCreate = internal::MUTEX_CREATE_METHOD, kDestroy = internal::MUTEX_DESTROY_METHOD;
+
+struct Request {
+  unsigned int method, size;  // the size only in a create
+  const char* name;           // null: the area's bytes are left as they are
+};
+
 // Posts a request record written by hand; the finish posts seen (the first within 2 s).
-int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char* name = nullptr) {
+int send(internal::CSyncClient& raw, const Request& request) {
   unsigned char* area = bytesOf(raw.manager_memory_handle);
-  if (name != nullptr) memcpy(area + 4 * words.size(), name, strlen(name) + 1);
-  memcpy(area, words.data(), 4 * words.size());
+  const bool create = request.method == kCreate;
+  const size_t nameAt = create ? internal::kCreateNameOffset : internal::kDestroyNameOffset;
+  if (request.name != nullptr) strcpy(reinterpret_cast<char*>(area + nameAt), request.name);
+  memcpy(area + internal::kRequestMethodOffset, &request.method, 4);
+  if (create) memcpy(area + internal::kCreateSizeOffset, &request.size, 4);
   sem_wait(raw.enable_mutex_manager_sem);
   sem_post(raw.manage_request_sem);
   int answers = 0;
@@ -22,37 +32,30 @@ int send(internal::CSyncClient& raw, std::vector<unsigned int> words, const char
   return answers;
 }
 
-constexpr unsigned int kCreate = internal::MUTEX_CREATE_METHOD, kDestroy = internal::MUTEX_DESTROY_METHOD;
-
 }  // namespace
 
 TEST_F(SyncManager, EveryRequestIsAnsweredOnce) {
   internal::CSyncClient raw;
   ASSERT_TRUE(raw.create());
-  std::string name = uniqueName("raw"), other = uniqueName("ignored");
-  EXPECT_EQ(send(raw, {kCreate, 64}, name.c_str()), 1);
+  const std::string names[] = {uniqueName("raw"), uniqueName("ignored")};
+  const char *name = names[0].c_str(), *other = names[1].c_str();
+  EXPECT_EQ(send(raw, {kCreate, 64, name}), 1);
   ASSERT_EQ(shmSize(name), 64);
-  sharememory_handle* block = os_sharememory_open(name.c_str(), USE_DEFAULT);
+  sharememory_handle* block = os_sharememory_open(name, USE_DEFAULT);
   ASSERT_NE(block, nullptr);
   memset(bytesOf(block), 0x5A, 64);
 
-  std::pair<std::vector<unsigned int>, std::string> ignored[] = {{{kCreate, 128}, name},
-                                                                 {{kCreate, 0}, other},
-                                                                 {{kCreate, 0xFFFFFFFFu}, other},
-                                                                 {{kCreate, 32}, ""},
-                                                                 {{kCreate, 32}, "a/b"},
-                                                                 {{kDestroy}, ""},
-                                                                 {{kDestroy}, other},
-                                                                 {{0}, ""},
-                                                                 {{0xFFFFFFFFu}, ""}};
-  for (const auto& [words, target] : ignored)
-    EXPECT_EQ(send(raw, words, target.c_str()), 1) << "request " << words[0] << " for \"" << target << "\"";
+  const Request ignored[] = {{kCreate, 128, name}, {kCreate, 0, other},  {kCreate, 0xFFFFFFFFu, other},
+                             {kCreate, 32, ""},    {kCreate, 32, "a/b"}, {kDestroy, 0, ""},
+                             {kDestroy, 0, other}, {0, 0, ""},           {0xFFFFFFFFu, 0, ""}};
+  for (const Request& request : ignored)
+    EXPECT_EQ(send(raw, request), 1) << "request " << request.method << " for \"" << request.name << "\"";
   memset(bytesOf(raw.manager_memory_handle) + 4, 'x', 4096 - 4);  // names with no terminator anywhere
-  EXPECT_EQ(send(raw, {kDestroy}), 1) << "a destroy without a terminated name";
-  EXPECT_EQ(send(raw, {kCreate, 32}), 1) << "a create without a terminated name";
+  EXPECT_EQ(send(raw, {kDestroy, 0, nullptr}), 1) << "a destroy without a terminated name";
+  EXPECT_EQ(send(raw, {kCreate, 32, nullptr}), 1) << "a create without a terminated name";
   EXPECT_FALSE(shmExists(other));
   EXPECT_EQ(bytesOf(block)[63], 0x5A) << "a second create did not leave the block alone";
-  EXPECT_EQ(send(raw, {kDestroy}, name.c_str()), 1);
+  EXPECT_EQ(send(raw, {kDestroy, 0, name}), 1);
   EXPECT_FALSE(shmExists(name));
   os_sharememory_destroy(block);
 

@@ -359,6 +359,12 @@ inline ::testing::AssertionResult contains(const std::string& text, const std::s
   return in ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
 }
 
+// Whether a command exited with status and printed part; a failure shows what it printed.
+inline ::testing::AssertionResult says(const ToolRun& run, int status, const std::string& part) {
+  if (run.status == status) return contains(run.out, part);
+  return ::testing::AssertionFailure() << "exit status " << run.status << ", not " << status << ":\n" << run.out;
+}
+
 inline mutex_handle* namedMutex(const std::string& name, unsigned int flags = DEFAULT_MUTEX_ATTRIBUTE) {
   return os_mutex_create(flags, USE_STD, name.c_str());
 }
