@@ -1,7 +1,7 @@
 #ifndef OSTRELLED_TESTS_REPLACEDALLOCATOR_H
 #define OSTRELLED_TESTS_REPLACEDALLOCATOR_H
 
-// Counts every allocation; the thread's fail once gAllowedAllocations reaches 0 (-1: never).
+// The thread's allocations fail once gAllowedAllocations reaches 0 (-1: never).
 
 #include <cstdlib>
 #include <new>
@@ -11,11 +11,9 @@
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
 
-inline size_t g_allocations = 0;
 inline thread_local long gAllowedAllocations = -1;
 
 void* operator new(size_t size) {
-  ++g_allocations;
   if (gAllowedAllocations == 0) throw std::bad_alloc();
   if (gAllowedAllocations > 0) --gAllowedAllocations;
   if (void* p = std::malloc(size ? size : 1)) return p;
