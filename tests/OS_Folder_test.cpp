@@ -73,25 +73,29 @@ void keepingCopy(const char* source, const char* target) { os_folder_copy(source
 
 }  // namespace
 
-// Copy into a missing and an existing target, move and remove, on hostile names.
+// Copy into a missing and an existing target, move and remove, on hostile names and names like options.
 TEST_F(OS_Shell, FolderCommandsActOnTheLiteralPath) {
-  for (const char* name : kHostileNames) {
+  std::vector<std::string> names(std::begin(kHostileNames), std::end(kHostileNames));
+  names.insert(names.end(), std::begin(kDashNames), std::end(kDashNames));
+  for (const std::string& name : names) {
     SCOPED_TRACE(name);
-    const std::string source = m_dir / ("s " + std::string(name)), target = std::string("t ") + name;
+    const std::string source = name[0] == '-' ? name : m_dir / name, target = "-t" + name;
     ASSERT_TRUE(os_folder_create((source + "/sub").c_str()));
-    writeFile(source + "/f", "new");
+    writeFile(source + "/one", "new");
     writeFile(source + "/.hidden", "");  // the shell's "/*" skips dot entries
     ASSERT_TRUE(os_folder_copy(source.c_str(), target.c_str(), false));
-    EXPECT_TRUE(readFile(target + "/f") == "new" && exists(target + "/sub") && !exists(target + "/.hidden"));
-    // Nested under the last component ("\\" separates too); cp's question about f answered "n".
-    const std::string nested = target + "/" + source.substr(source.find_last_of("/\\") + 1);
+    EXPECT_TRUE(readFile(target + "/one") == "new" && exists(target + "/sub") && !exists(target + "/.hidden"));
+    // Nested under what follows the last separator ("\\" is one), else under the last character: intended.
+    const size_t separator = source.find_last_of("/\\");
+    const std::string nested =
+        target + "/" + source.substr(separator == std::string::npos ? source.size() - 1 : separator + 1);
     ASSERT_TRUE(os_folder_create(nested.c_str()));
-    writeFile(nested + "/f", "kept");
-    writeFile(source + "/g", "y");
-    keepingCopy((source + "/").c_str(), target.c_str());
-    EXPECT_EQ(readFile(nested + "/f") + readFile(nested + "/g"), "kepty");
+    writeFile(nested + "/one", "kept");
+    writeFile(source + "/two", "y");
+    keepingCopy(source.c_str(), target.c_str());  // cp's question about "one" answered "n"
+    EXPECT_EQ(readFile(nested + "/one") + readFile(nested + "/two"), "kepty");
     EXPECT_FALSE(os_folder_remove(target.c_str(), false));  // not empty
-    EXPECT_TRUE(os_folder_move((target + "/").c_str(), source.c_str()) && exists(source + "/" + target + "/f"));
+    EXPECT_TRUE(os_folder_move((target + "/").c_str(), source.c_str()) && exists(source + "/" + target + "/one"));
     EXPECT_TRUE(os_folder_remove((source + "//").c_str(), true));
     EXPECT_FALSE(exists(source) || exists(target));
   }
@@ -109,24 +113,6 @@ TEST_F(OS_Shell, CopyTakesANameEndingInABackslashLiterally) {
   keepingCopy("src\\", "dst\\");
   EXPECT_TRUE(readFile("dst\\c/g") == "y" && readFile("dst\\c/f") == "x");
   EXPECT_FALSE(anythingRan());
-}
-
-TEST_F(OS_Shell, FolderCommandsTakeNamesBeginningWithADashAsFolders) {
-  for (const char* name : kDashNames) {
-    SCOPED_TRACE(name);
-    const std::string source(name), copy = std::string("-c") + name, moved = std::string("-m") + name;
-    ASSERT_TRUE(os_folder_create((source + "/sub").c_str()));
-    writeFile(source + "/data", "d");
-    ASSERT_TRUE(os_folder_copy(name, copy.c_str(), false));
-    EXPECT_TRUE(readFile(copy + "/data") == "d" && exists(copy + "/sub"));
-    // Without a separator the nested folder is named by the last character: intended.
-    keepingCopy(name, copy.c_str());
-    EXPECT_EQ(readFile(copy + "/" + source.back() + "/data"), "d");
-    ASSERT_TRUE(os_folder_move(copy.c_str(), moved.c_str()));
-    EXPECT_TRUE(!exists(copy) && readFile(moved + "/data") == "d");
-    EXPECT_TRUE(os_folder_remove(name, true) && os_folder_remove(moved.c_str(), true));
-    EXPECT_FALSE(exists(source) || exists(moved));
-  }
 }
 
 // A program named with shell syntax is found by its name; its status stays ours.
