@@ -158,8 +158,8 @@ class Holder {
     auto body = [this, lock, unlock] {
       lock();
       int before = 0;  // 2 already: told to let go before it held
-      if (m_step[0].compare_exchange_strong(before, 1))
-        while (m_step[0] != 2) sched_yield();  // bounded by the test, which kills an overstaying child
+      if (m_flags[0].compare_exchange_strong(before, 1))
+        while (m_flags[0] != 2) sched_yield();  // bounded by the test, which kills an overstaying child
       unlock();
       return 0;
     };
@@ -174,7 +174,7 @@ class Holder {
     if (m_pid > 0) waitChild(m_pid);
   }
   bool held() { return m_flags.reaches(0, 1, 5.0); }
-  void letGo() { m_step[0] = 2; }
+  void letGo() { m_flags[0] = 2; }
   // Killed and reaped: a zombie would still count as a holder.
   void kill() {
     ::kill(m_pid, SIGKILL);
@@ -184,7 +184,6 @@ class Holder {
 
  private:
   SharedFlags m_flags;
-  std::atomic<int>* m_step = m_flags.at;
   pid_t m_pid = -1;
   std::thread m_thread;
 };
@@ -247,14 +246,14 @@ class Container {
     m_launcher = startChild([&] {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       if (unshare(CLONE_NEWPID | (ownProc ? CLONE_NEWNS : 0)) != 0) return kRefused;
-      pid_t inner = startChild([&] {
+      auto inner = [&] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // the launcher's death ends the namespace
         if (ownProc && (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                         mount("proc", "/proc", "proc", 0, nullptr) != 0))
           return kRefused;
         return body();
-      });
-      m_inner[0] = inner;
-      return waitChild(inner, 60.0);
+      };
+      return waitChild(startChild(inner), 60.0);
     });
   }
   ~Container() { kill(); }
@@ -262,14 +261,9 @@ class Container {
     if (m_status == -2) m_status = waitChild(m_launcher, seconds);
     return m_status;
   }
+  // Killed with its whole namespace, unless it has already ended.
   void kill() {
-    if (m_status != -2) return;
-    int status = 0;
-    if (waitpid(m_launcher, &status, WNOHANG) == m_launcher) {
-      m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return;
-    }
-    if (m_inner.reaches(0, 1, 5.0)) ::kill(m_inner[0], SIGKILL);
+    if (m_status == -2) ::kill(m_launcher, SIGKILL);
     wait();
   }
 
@@ -278,7 +272,6 @@ class Container {
   }
 
  private:
-  SharedFlags m_inner;
   pid_t m_launcher;
   int m_status = -2;
 };
