@@ -243,18 +243,17 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
   }
   EXPECT_EQ(runChild([&] { return outsider.become() ? outsiderGetsIn(prefix) : 100; }), 0)
       << "ways in that worked for an outsider";
-  EXPECT_EQ(runChild([&] {
-              if (!other.become()) return 100;
-              EveryKind theirs(prefix);
-              int shared = 0;  // attached, and finds what the holder took gone
-              for (size_t i = 0; i < theirs.objects.size(); ++i) {
-                shared += theirs.objects[i]->attached() && !theirs.objects[i]->tryTake();
-                if (!namedKinds()[i].owned) theirs.objects[i]->give();
-              }
-              return kinds - shared;
-            }),
-            0)
-      << "kinds that the other member did not share with the holder";
+  const int unshared = runChild([&] {
+    if (!other.become()) return 100;
+    EveryKind theirs(prefix);
+    int shared = 0;  // attached, and finds what the holder took gone
+    for (size_t i = 0; i < theirs.objects.size(); ++i) {
+      shared += theirs.objects[i]->attached() && !theirs.objects[i]->tryTake();
+      if (!namedKinds()[i].owned) theirs.objects[i]->give();
+    }
+    return kinds - shared;
+  });
+  EXPECT_EQ(unshared, 0) << "kinds that the other member did not share with the holder";
   step[0] = 2;
   EXPECT_EQ(waitChild(holder), 0) << "kinds whose give by the other member the holder did not find";
   EXPECT_TRUE(liveManagerAnswers());

@@ -18,14 +18,13 @@ TEST(OS_DynamicLibraryLoader, HintsChooseTheLoadScope) {
     int hints, expected;
   } rows[] = {{0, 0}, {export_external_symbols_hint | 16, 1}, {prevent_unload_hint, 2}};  // 1: global, 2: kept
   for (const auto& row : rows) {
-    EXPECT_EQ(runChild([&row] {
-                os_dynamic_library_loader_free(os_dynamic_library_loader_load_ex("libz.so.1", row.hints));
-                if (dlopen("libz.so.1", RTLD_LAZY | RTLD_NOLOAD) != nullptr) return 2;  // kept after the free
-                // Probed only now: a global lookup would make the library a dependency.
-                os_dynamic_library_loader_load_ex("libz.so.1", row.hints);
-                return dlsym(RTLD_DEFAULT, "zlibVersion") != nullptr ? 1 : 0;
-              }),
-              row.expected)
-        << row.hints;
+    const int scope = runChild([&row] {
+      os_dynamic_library_loader_free(os_dynamic_library_loader_load_ex("libz.so.1", row.hints));
+      if (dlopen("libz.so.1", RTLD_LAZY | RTLD_NOLOAD) != nullptr) return 2;  // kept after the free
+      // Probed only now: a global lookup would make the library a dependency.
+      os_dynamic_library_loader_load_ex("libz.so.1", row.hints);
+      return dlsym(RTLD_DEFAULT, "zlibVersion") != nullptr ? 1 : 0;
+    });
+    EXPECT_EQ(scope, row.expected) << row.hints;
   }
 }

@@ -105,10 +105,9 @@ TEST_P(SyncContract, UnusableHandlesRefuseEverything) {
 // By a try, by a timed take, and by a take already blocked when the holder died.
 TEST_P(OwnedSyncContract, AHolderKilledWhileHoldingIsRecoveredByTheNextTaker) {
   const char* const ways[] = {"try", "timed take", "take blocked before the kill"};
+  SyncObject* object = m_object.get();
   for (int way = 0; way < 3; ++way) {
-    SyncObject* object = m_object.get();
-    Holder holder([object] { object->hold(); }, [] {});
-    ASSERT_TRUE(holder.held()) << kind() << ": the holder did not take it within 5 s";
+    auto holder = holdElsewhere();
     std::atomic<int> blockedTook{-1};
     std::thread blocked;
     if (way == 2) {
@@ -119,7 +118,7 @@ TEST_P(OwnedSyncContract, AHolderKilledWhileHoldingIsRecoveredByTheNextTaker) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets it block first
     }
     auto start = std::chrono::steady_clock::now();
-    holder.kill();
+    holder->kill();
     bool taken = way == 2   ? (blocked.join(), blockedTook == 1)
                  : way == 0 ? object->tryTake()
                             : object->takeBy(deadlineIn(5000));
@@ -133,12 +132,8 @@ TEST_P(OwnedSyncContract, AHolderKilledWhileHoldingIsRecoveredByTheNextTaker) {
 
 // The first of two takers repairs it; neither loses an update of the other after that.
 TEST_P(OwnedSyncContract, TakersAfterAKilledHolderStillExcludeEachOther) {
+  holdElsewhere()->kill();
   SyncObject* object = m_object.get();
-  {
-    Holder holder([object] { object->hold(); }, [] {});
-    ASSERT_TRUE(holder.held()) << kind() << ": the holder did not take it within 5 s";
-    holder.kill();
-  }
   constexpr int kRounds = 5000;
   SharedFlags shared;  // [0] the count, [1] takers ready
   auto count = [&] {
@@ -180,15 +175,14 @@ TEST_P(NamedSyncContract, SurvivorsCarryOnWhileUsersAreKilledAtRandom) {
     EXPECT_TRUE(loop.allProgress()) << kind() << ", before any kill";
     EXPECT_TRUE(loop.killRandomly(12)) << kind();
   }
-  EXPECT_EQ(runChild([&] {
-              auto mine = GetParam()(m_name);
-              if (!GetParam().owned) mine->give();
-              bool taken = mine->takeBy(deadlineIn(2000));
-              if (taken && GetParam().owned) mine->give();
-              return taken ? 0 : 1;
-            }),
-            0)
-      << kind() << ": a process that opened the name after the kills could not take it within 2 s";
+  const int refused = runChild([&] {
+    auto mine = GetParam()(m_name);
+    if (!GetParam().owned) mine->give();
+    bool taken = mine->takeBy(deadlineIn(2000));
+    if (taken && GetParam().owned) mine->give();
+    return taken ? 0 : 1;
+  });
+  EXPECT_EQ(refused, 0) << kind() << ": a process that opened the name after the kills could not take it within 2 s";
 }
 
 INSTANTIATE_TEST_SUITE_P(Anonymous, SyncContract, ::testing::ValuesIn(anonymousKinds()), nameOf);
