@@ -93,12 +93,8 @@ TEST_F(ManagerProcess, KilledClientsNeverStopTheOthersAndAKilledManagerIsReplace
   pid_t manager = startManagerChild();
   std::string name = uniqueName("takeover");
   mutex_handle* old = namedMutex(name);
-  {
-    auto lifeOf = [](std::string name) { return [name] { attaches(name); }; };
-    KillLoop loop({lifeOf(uniqueName("a")), lifeOf(uniqueName("b")), lifeOf(uniqueName("c"))});
-    EXPECT_TRUE(loop.allProgress()) << "before any kill";
-    EXPECT_TRUE(loop.killRandomly(12, 7));
-  }
+  auto lifeOf = [](std::string name) { return [name] { attaches(name); }; };
+  EXPECT_TRUE(KillLoop::run({lifeOf(uniqueName("a")), lifeOf(uniqueName("b")), lifeOf(uniqueName("c"))}, 12, 7));
   kill(manager, SIGKILL);
   EXPECT_EQ(waitChild(manager), 128 + SIGKILL);
   ASSERT_TRUE(os_mutex_is_attached(old));

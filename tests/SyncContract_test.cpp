@@ -170,11 +170,7 @@ TEST_P(NamedSyncContract, SurvivorsCarryOnWhileUsersAreKilledAtRandom) {
   auto take = [object] { object->take(); };
   std::vector<std::function<void()>> roles = {give, give, take, take, take};
   if (GetParam().owned) roles = {use(true), use(true), use(false), use(false)};
-  {
-    KillLoop loop(roles);
-    EXPECT_TRUE(loop.allProgress()) << kind() << ", before any kill";
-    EXPECT_TRUE(loop.killRandomly(12)) << kind();
-  }
+  EXPECT_TRUE(KillLoop::run(roles, 12)) << kind();
   const int refused = runChild([&] {
     auto mine = GetParam()(m_name);
     if (!GetParam().owned) mine->give();

@@ -17,65 +17,62 @@ class SyncObject {
   virtual void destroy() = 0;      // leaves a null handle, which later calls meet
 };
 
-class MutexObject : public SyncObject {
+// One kind's handle: whether it attached, and its destroy, which leaves it null.
+template <class Handle, bool (*Attached)(const Handle*), void (*Destroy)(Handle*&)>
+class HandleObject : public SyncObject {
  public:
-  MutexObject(unsigned int flags, const char* name, RT_MODE mode) : m_h(os_mutex_create(flags, mode, name)) {}
-  ~MutexObject() override { os_mutex_destroy(m_h); }
-  bool attached() const override { return os_mutex_is_attached(m_h); }
+  explicit HandleObject(Handle* handle) : m_h(handle) {}
+  ~HandleObject() override { Destroy(m_h); }
+  bool attached() const override { return Attached(m_h); }
+  void destroy() override { Destroy(m_h); }
+  Handle* m_h;
+};
+
+class MutexObject : public HandleObject<mutex_handle, os_mutex_is_attached, os_mutex_destroy> {
+ public:
+  MutexObject(unsigned int flags, const char* name, RT_MODE mode) : HandleObject(os_mutex_create(flags, mode, name)) {}
   bool take() override { return os_mutex_lock(m_h), true; }
   bool tryTake() override { return os_mutex_trylock(m_h); }
   bool takeBy(const timespec& deadline) override { return os_mutex_lock_timeout(m_h, deadline); }
   void give() override { os_mutex_unlock(m_h); }
-  void destroy() override { os_mutex_destroy(m_h); }
-  mutex_handle* m_h;
 };
 
-class RWMutexObject : public SyncObject {
+class RWMutexObject : public HandleObject<rw_mutex_handle, os_rw_mutex_is_attached, os_rw_mutex_destroy> {
  public:
   RWMutexObject(bool readerHolds, const char* name, RT_MODE mode)
-      : m_h(os_rw_mutex_create(mode, name)), m_readerHolds(readerHolds) {}
-  ~RWMutexObject() override { os_rw_mutex_destroy(m_h); }
-  bool attached() const override { return os_rw_mutex_is_attached(m_h); }
+      : HandleObject(os_rw_mutex_create(mode, name)), m_readerHolds(readerHolds) {}
   bool take() override { return os_rw_mutex_lock_wr(m_h), true; }
   bool tryTake() override { return os_rw_mutex_trylock_wr(m_h); }
   bool takeBy(const timespec& deadline) override { return os_rw_mutex_lock_wr_timeout(m_h, deadline); }
   void give() override { os_rw_mutex_unlock(m_h); }
   void hold() override { m_readerHolds ? os_rw_mutex_lock_rd(m_h) : os_rw_mutex_lock_wr(m_h); }
-  void destroy() override { os_rw_mutex_destroy(m_h); }
-  rw_mutex_handle* m_h;
   bool m_readerHolds;
 };
 
-class SemaphoreObject : public SyncObject {
+class SemaphoreObject : public HandleObject<semaphore_handle, os_semaphore_is_attached, os_semaphore_destroy> {
  public:
-  SemaphoreObject(bool sysV, const char* name, RT_MODE mode) : m_h(internal::createSemaphore(1, mode, name, sysV)) {}
-  ~SemaphoreObject() override { os_semaphore_destroy(m_h); }
-  bool attached() const override { return os_semaphore_is_attached(m_h); }
+  SemaphoreObject(bool sysV, const char* name, RT_MODE mode)
+      : HandleObject(internal::createSemaphore(1, mode, name, sysV)) {}
   bool take() override { return os_semaphore_wait(m_h); }
   bool takeBy(const timespec& deadline) override { return os_semaphore_wait_timeout(m_h, deadline); }
   void give() override { os_semaphore_release(m_h); }
-  void destroy() override { os_semaphore_destroy(m_h); }
-  semaphore_handle* m_h;
 };
 
 enum class Wakeup { Condition, Posix, SysV };
 
-class EventObject : public SyncObject {
+class EventObject : public HandleObject<event_handle, os_event_is_attached, os_event_destroy> {
  public:
   EventObject(bool manual, Wakeup wakeup, const char* name, RT_MODE mode)
-      : m_h(internal::createEvent(manual, true, mode, name, wakeup == Wakeup::SysV, wakeup == Wakeup::Condition)),
+      : HandleObject(
+            internal::createEvent(manual, true, mode, name, wakeup == Wakeup::SysV, wakeup == Wakeup::Condition)),
         m_manual(manual) {}
-  ~EventObject() override { os_event_destroy(m_h); }
-  bool attached() const override { return os_event_is_attached(m_h); }
   bool take() override { return consumed(os_event_wait(m_h)); }
   bool takeBy(const timespec& deadline) override { return consumed(os_event_wait_timeout(m_h, deadline)); }
   void give() override { os_event_set_event(m_h); }
-  void destroy() override { os_event_destroy(m_h); }
   bool consumed(bool woken) {
     if (woken && m_manual) os_event_reset_event(m_h);
     return woken;
   }
-  event_handle* m_h;
   bool m_manual;
 };
 

@@ -188,9 +188,16 @@ class Holder {
   std::thread m_thread;
 };
 
-// Children running their roles in loops, counting rounds, killed at random and replaced.
+// Children running their roles in loops, counting rounds, killed at random and replaced: whether
+// every role progressed before the first kill and after each, within 10 s (the request lock is not
+// fair: a new child may wait long behind the others).
 class KillLoop {
  public:
+  static ::testing::AssertionResult run(std::vector<std::function<void()>> roles, int kills, unsigned int seed = 1) {
+    return KillLoop(std::move(roles)).killRandomly(kills, seed);
+  }
+
+ private:
   explicit KillLoop(std::vector<std::function<void()>> roles) : m_roles(std::move(roles)) {
     for (size_t slot = 0; slot < m_roles.size(); ++slot) m_pids.push_back(start(slot));
   }
@@ -198,29 +205,22 @@ class KillLoop {
     for (pid_t pid : m_pids) waitChild(pid, 0.0);  // kills each child, which never ends by itself
   }
 
-  // The request lock is not fair: a new child may wait long behind the others.
-  ::testing::AssertionResult allProgress(double seconds = 10.0) {
-    for (size_t slot = 0; slot < m_roles.size(); ++slot)
-      if (!m_rounds.reaches(int(slot), m_rounds[int(slot)] + 1, seconds))
-        return ::testing::AssertionFailure() << "role " << slot << " made no progress in " << seconds << " s";
-    return ::testing::AssertionSuccess();
-  }
-
-  ::testing::AssertionResult killRandomly(int kills, unsigned int seed = 1) {
+  ::testing::AssertionResult killRandomly(int kills, unsigned int seed) {
     std::mt19937 random(seed);
-    for (int kill = 0; kill < kills; ++kill) {
+    for (int kill = 0;; ++kill) {
+      for (size_t slot = 0; slot < m_roles.size(); ++slot)
+        if (!m_rounds.reaches(int(slot), m_rounds[int(slot)] + 1, 10.0))
+          return ::testing::AssertionFailure() << "role " << slot << " made no progress in 10 s after " << kill
+                                               << " kills, the last of role " << m_killed;
+      if (kill == kills) return ::testing::AssertionSuccess();
       std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
-      size_t slot = random() % m_roles.size();
-      ::kill(m_pids[slot], SIGKILL);
-      waitChild(m_pids[slot]);  // reaped at once: a zombie would still count as a holder
-      m_pids[slot] = start(slot);
-      ::testing::AssertionResult progress = allProgress();
-      if (!progress) return progress << " after kill " << kill + 1 << " (role " << slot << ")";
+      m_killed = random() % m_roles.size();
+      ::kill(m_pids[m_killed], SIGKILL);
+      waitChild(m_pids[m_killed]);  // reaped at once: a zombie would still count as a holder
+      m_pids[m_killed] = start(m_killed);
     }
-    return ::testing::AssertionSuccess();
   }
 
- private:
   pid_t start(size_t slot) {
     return startChild([this, slot] {
       prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that failed
@@ -234,6 +234,7 @@ class KillLoop {
 
   std::vector<std::function<void()>> m_roles;
   std::vector<pid_t> m_pids;
+  size_t m_killed = 0;
   SharedFlags m_rounds;
 };
 
