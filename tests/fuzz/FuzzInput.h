@@ -35,7 +35,8 @@ class Input {
     T value{};
     const size_t n = m_size < sizeof(T) ? m_size : sizeof(T);
     memcpy(&value, m_data, n);
-    advance(n);
+    m_data += n;
+    m_size -= n;
     return value;
   }
 
@@ -56,11 +57,6 @@ class Input {
   std::string rest() { return text(m_size); }
 
  private:
-  void advance(size_t n) {
-    m_data += n;
-    m_size -= n;
-  }
-
   const uint8_t* m_data;
   size_t m_size;
 };
