@@ -1,17 +1,19 @@
 #ifndef OSTRELLED_TESTS_FUZZ_FUZZINPUT_H
 #define OSTRELLED_TESTS_FUZZ_FUZZINPUT_H
 
-// Reading values out of the fuzzer's bytes, and the check that crashes on a wrong result.
+// What the fuzz targets share: the public interface, reading the fuzzer's bytes, the check that crashes.
 
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <optional>
 #include <string>
 #include <type_traits>
+#include <vector>
 
-#include <ostrelled/Types.h>
+#include <ostrelled/Ostrelled.h>
 
 namespace fuzz {
 

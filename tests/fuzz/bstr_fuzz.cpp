@@ -1,9 +1,5 @@
 // Counted-string operations on three handles, checked after every step against a model.
 
-#include <optional>
-
-#include <ostrelled/BStr.h>
-
 #include "FuzzInput.h"
 
 namespace {

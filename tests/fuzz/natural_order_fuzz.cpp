@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include <ostrelled/OS_CLibrary.h>
-
 #include "FuzzInput.h"
 
 namespace {

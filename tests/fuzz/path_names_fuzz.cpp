@@ -1,11 +1,6 @@
 // The path-name functions against their definition (trailing separators cut, "\" as "/", the last
 // component), each through the whole size-query protocol.
 
-#include <optional>
-#include <vector>
-
-#include <ostrelled/OS_FileSystem.h>
-
 #include "FuzzInput.h"
 
 namespace {

@@ -1,10 +1,5 @@
 // Safe-array steps against a model; no copies of string arrays, whose units are kept on purpose.
 
-#include <optional>
-#include <vector>
-
-#include <ostrelled/SafeArray.h>
-
 #include "FuzzInput.h"
 
 namespace {

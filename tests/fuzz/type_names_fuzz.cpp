@@ -1,7 +1,5 @@
 // Any text is a type name of the table or none; any tag's name comes through the size query.
 
-#include <ostrelled/Variant.h>
-
 #include "FuzzInput.h"
 
 namespace {

@@ -4,8 +4,6 @@
 #include <cmath>
 #include <type_traits>
 
-#include <ostrelled/Variant.h>
-
 #include "DataType/internal/ScalarDispatch.h"
 #include "FuzzInput.h"
 
