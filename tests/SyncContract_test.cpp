@@ -16,9 +16,8 @@ class SyncContract : public ::testing::TestWithParam<SyncKind> {
   std::string kind() const { return std::string(GetParam().named ? "named " : "anonymous ") + GetParam().name; }
   // Takes the object in another thread (anonymous kinds) or process (named ones) until told to let go.
   std::unique_ptr<Holder> holdElsewhere() {
-    SyncObject* object = m_object.get();
     auto holder =
-        std::make_unique<Holder>([object] { object->hold(); }, [object] { object->give(); }, GetParam().named);
+        std::make_unique<Holder>([this] { m_object->hold(); }, [this] { m_object->give(); }, GetParam().named);
     EXPECT_TRUE(holder->held()) << kind() << ": the holder did not take it within 5 s";
     return holder;
   }
@@ -104,46 +103,44 @@ TEST_P(SyncContract, UnusableHandlesRefuseEverything) {
 // By a try, by a timed take, and by a take already blocked when the holder died.
 TEST_P(OwnedSyncContract, AHolderKilledWhileHoldingIsRecoveredByTheNextTaker) {
   const char* const ways[] = {"try", "timed take", "take blocked before the kill"};
-  SyncObject* object = m_object.get();
   for (int way = 0; way < 3; ++way) {
     auto holder = holdElsewhere();
     std::atomic<int> blockedTook{-1};
     std::thread blocked;
     if (way == 2) {
       blocked = std::thread([&] {
-        blockedTook = object->takeBy(deadlineIn(5000));
-        if (blockedTook) object->give();  // by the thread that took it
+        blockedTook = m_object->takeBy(deadlineIn(5000));
+        if (blockedTook) m_object->give();  // by the thread that took it
       });
       std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets it block first
     }
     auto start = std::chrono::steady_clock::now();
     holder->kill();
     bool taken = way == 2   ? (blocked.join(), blockedTook == 1)
-                 : way == 0 ? object->tryTake()
-                            : object->takeBy(deadlineIn(5000));
+                 : way == 0 ? m_object->tryTake()
+                            : m_object->takeBy(deadlineIn(5000));
     EXPECT_TRUE(taken) << kind() << ": the " << ways[way] << " did not recover it from the killed holder";
     EXPECT_LT(secondsSince(start), 1.0 + kLateSlack) << kind() << ": the " << ways[way] << " recovered it late";
-    if (taken && way != 2) object->give();
-    EXPECT_TRUE(object->tryTake()) << kind() << ": not free and consistent after the " << ways[way] << " repaired it";
-    object->give();
+    if (taken && way != 2) m_object->give();
+    EXPECT_TRUE(m_object->tryTake()) << kind() << ": not free and consistent after the " << ways[way] << " repaired it";
+    m_object->give();
   }
 }
 
 // The first of two takers repairs it; neither loses an update of the other after that.
 TEST_P(OwnedSyncContract, TakersAfterAKilledHolderStillExcludeEachOther) {
   holdElsewhere()->kill();
-  SyncObject* object = m_object.get();
   constexpr int kRounds = 5000;
   SharedFlags shared;  // [0] the count, [1] takers ready
   auto count = [&] {
     ++shared[1];
     while (shared[1] < 2) sched_yield();  // bounded by the test, which kills an overstaying child
     for (int round = 0; round < kRounds; ++round) {
-      object->take();
+      m_object->take();
       int seen = shared[0];
       if (round % 64 == 0) sched_yield();
       shared[0] = seen + 1;
-      object->give();
+      m_object->give();
     }
     return 0;
   };
@@ -153,20 +150,19 @@ TEST_P(OwnedSyncContract, TakersAfterAKilledHolderStillExcludeEachOther) {
 }
 
 TEST_P(NamedSyncContract, SurvivorsCarryOnWhileUsersAreKilledAtRandom) {
-  SyncObject* object = m_object.get();
-  auto use = [object](bool asHolder) {
-    return [object, asHolder] {
-      asHolder ? object->hold() : static_cast<void>(object->take());
+  auto use = [this](bool asHolder) {
+    return [this, asHolder] {
+      asHolder ? m_object->hold() : static_cast<void>(m_object->take());
       usleep(100);
-      object->give();
+      m_object->give();
       usleep(400);
     };
   };
-  auto give = [object] {
-    object->give();
+  auto give = [this] {
+    m_object->give();
     usleep(300);
   };
-  auto take = [object] { object->take(); };
+  auto take = [this] { m_object->take(); };
   std::vector<std::function<void()>> roles = {give, give, take, take, take};
   if (GetParam().owned) roles = {use(true), use(true), use(false), use(false)};
   EXPECT_TRUE(KillLoop::run(roles, 12)) << kind();
