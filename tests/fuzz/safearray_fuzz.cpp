@@ -33,6 +33,7 @@ void setElement(fuzz::Input& in, safearray_handle* array, Model& model, unsigned
   LPBSTRUNIT unit = model.vt == TVT_BSTR && value ? fuzz::newUnit(*value) : nullptr;
   void* source = model.vt == TVT_BSTR ? static_cast<void*>(&unit) : value->data();
   const bool accepted = model.valid && index < model.count;
+  fuzz::check(!safearray_set_element(array, index, nullptr) && !safearray_set_element(nullptr, index, source), "null");
   fuzz::check(safearray_set_element(array, index, source) == accepted, "set");
   if (accepted) model.elements[index] = value;
   fuzz::freeUnit(unit);  // the array made its own copy
@@ -41,6 +42,9 @@ void setElement(fuzz::Input& in, safearray_handle* array, Model& model, unsigned
 void checkElement(safearray_handle* array, const Model& model, unsigned index) {
   char buffer[8] = {};
   const bool readable = model.valid && index < model.count;
+  fuzz::check(
+      !safearray_get_element(array, index, nullptr) && !safearray_get_element(nullptr, index, buffer) && buffer[0] == 0,
+      "null");
   fuzz::check(safearray_get_element(array, index, buffer) == readable, "get");
   if (!readable) return;
   if (model.vt == TVT_BSTR) {
@@ -55,6 +59,7 @@ void checkElement(safearray_handle* array, const Model& model, unsigned index) {
 
 void checkCopy(safearray_handle* array, const Model& model) {
   void* copy = nullptr;
+  fuzz::check(!safearray_access_element(array, nullptr) && !safearray_access_element(nullptr, &copy) && !copy, "null");
   const bool accepted = model.count == 0 || model.valid;
   fuzz::check(safearray_access_element(array, &copy) == accepted, "access");
   if (!accepted) return;
