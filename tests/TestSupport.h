@@ -64,13 +64,6 @@ inline timespec deadlineIn(long millis) {
   return t;
 }
 
-// Empty when a wait of millis from start ended within the slack; else how long it took.
-inline std::string endedAtDeadline(const std::chrono::steady_clock::time_point& start, long millis) {
-  double seconds = secondsSince(start);
-  bool inTime = seconds >= millis / 1000.0 - 0.001 && seconds < millis / 1000.0 + kLateSlack;
-  return inTime ? "" : "a wait of " + std::to_string(millis) + " ms took " + std::to_string(seconds) + " s";
-}
-
 inline void watchNothingHappenFor100ms() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
 
 inline pid_t startChild(const std::function<int()>& body) {
@@ -97,8 +90,7 @@ inline int runChild(const std::function<int()>& body, double seconds = 10.0) {
 inline double secondsUnderSignals(const std::function<void()>& wait, std::chrono::milliseconds period,
                                   int* signals = nullptr) {
   static std::atomic<int> seen{0};
-  struct sigaction action {
-  }, previous{};
+  struct sigaction action = {}, previous = {};
   action.sa_handler = [](int) { seen.fetch_add(1); };
   sigaction(SIGUSR1, &action, &previous);
   seen = 0;
