@@ -7,7 +7,7 @@ using NamedCreate = NoManager;
 
 TEST_F(NamedCreate, ACreateThatFailsToAllocateLeavesNothingBehind) {
   pid_t manager = startManagerChild();
-  for (const SyncKind& kind : namedKinds()) {
+  for (const SyncKind& kind : kNamedKinds) {
     std::string name = uniqueName(kind.name);
     bool succeeded = false;
     for (long allowed = 0; allowed < 200 && !succeeded; ++allowed) {

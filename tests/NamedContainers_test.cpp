@@ -19,7 +19,7 @@ bool priorityInheriting(const SyncKind& kind) {
 
 // Also between two pid 1s; a priority-inheriting mutex is refused in another namespace, never aborted.
 TEST_F(Containers, OwnedKindsExcludeBetweenPidNamespacesAndComeBackFromAKilledOne) {
-  for (const SyncKind& kind : namedKinds()) {
+  for (const SyncKind& kind : kNamedKinds) {
     if (!kind.owned) continue;
     std::string name = uniqueName("ns");
     SharedFlags flags;

@@ -153,12 +153,10 @@ namespace {
 // One named object of every kind under one prefix.
 struct EveryKind {
   explicit EveryKind(const std::string& prefix) {
-    for (const SyncKind& kind : namedKinds()) objects.push_back(kind(prefix + "_" + kind.name));
+    for (const SyncKind& kind : kNamedKinds) objects.push_back(kind(prefix + "_" + kind.name));
   }
   int attached() const {
-    int count = 0;
-    for (const auto& object : objects) count += object->attached();
-    return count;
+    return std::count_if(objects.begin(), objects.end(), [](const auto& object) { return object->attached(); });
   }
   std::vector<std::unique_ptr<SyncObject>> objects;
 };
@@ -170,7 +168,7 @@ int outsiderGetsIn(const std::string& prefix) {
   mutex_handle* fresh = namedMutex(prefix + "_new");
   got += os_mutex_is_attached(fresh) + shmExists(prefix + "_new");
   os_mutex_destroy(fresh);
-  for (const SyncKind& kind : namedKinds()) {
+  for (const SyncKind& kind : kNamedKinds) {
     std::string name = prefix + "_" + kind.name;
     got += (shm_open(name.c_str(), O_RDONLY, 0) != -1) + (shm_unlink(name.c_str()) == 0);
     // Finding a set asks for no permission; reading and posting do.
@@ -187,10 +185,10 @@ int outsiderGetsIn(const std::string& prefix) {
 
 }  // namespace
 
-class SyncDaemonWithAGroup : public NoManager {
+class SyncDaemonWithAGroup : public SyncDaemon {
  protected:
   void SetUp() override {
-    NoManager::SetUp();
+    SyncDaemon::SetUp();
     if (IsSkipped()) return;
     const group* users = getgrnam("users");
     if (users == nullptr) GTEST_SKIP() << "no group 'users' on this machine";
@@ -217,7 +215,7 @@ class SyncDaemonWithAGroup : public NoManager {
 // Outsiders reach nothing, other members reach the holder; every name is the group's, mode 0660.
 TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
   std::string prefix = uniqueName("group");
-  const int kinds = static_cast<int>(namedKinds().size());
+  const int kinds = static_cast<int>(kNamedKinds.size());
   SharedFlags step;  // 1: the holder took everything (-1: not all attached), 2: the other member is done
   pid_t holder = startChild([&] {
     if (!member.become()) return 100;
@@ -227,13 +225,13 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
     if (!step.reaches(0, 2, 8.0)) return 101;
     int wrong = 0;  // a lock still ours, or a unit or set that the other member did not give
     for (size_t i = 0; i < mine.objects.size(); ++i)
-      namedKinds()[i].owned ? mine.objects[i]->give()
-                            : static_cast<void>(wrong += !mine.objects[i]->takeBy(deadlineIn(1000)));
+      kNamedKinds[i].owned ? mine.objects[i]->give()
+                           : static_cast<void>(wrong += !mine.objects[i]->takeBy(deadlineIn(1000)));
     return wrong;
   });
   ASSERT_TRUE(waitUntil([&] { return step[0] != 0; })) << "the holder did not take every kind within 5 s";
   ASSERT_EQ(step[0], 1) << "the holder could not attach every kind";
-  for (const SyncKind& kind : namedKinds()) {
+  for (const SyncKind& kind : kNamedKinds) {
     struct stat st {};
     std::string name = prefix + "_" + kind.name;
     EXPECT_EQ(stat(internal::shmPath(name).c_str(), &st), 0) << name;
@@ -249,7 +247,7 @@ TEST_F(SyncDaemonWithAGroup, MembersShareEveryKindAndAnOutsiderReachesNothing) {
     int shared = 0;  // attached, and finds what the holder took gone
     for (size_t i = 0; i < theirs.objects.size(); ++i) {
       shared += theirs.objects[i]->attached() && !theirs.objects[i]->tryTake();
-      if (!namedKinds()[i].owned) theirs.objects[i]->give();
+      if (!kNamedKinds[i].owned) theirs.objects[i]->give();
     }
     return kinds - shared;
   });

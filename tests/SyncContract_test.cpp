@@ -33,7 +33,7 @@ class OwnedSyncContract : public SyncContract {};
 
 std::vector<SyncKind> ownedNamedKinds() {
   std::vector<SyncKind> owned;
-  for (const SyncKind& kind : namedKinds())
+  for (const SyncKind& kind : kNamedKinds)
     if (kind.owned) owned.push_back(kind);
   return owned;
 }
@@ -177,7 +177,7 @@ TEST_P(NamedSyncContract, SurvivorsCarryOnWhileUsersAreKilledAtRandom) {
   EXPECT_EQ(refused, 0) << kind() << ": a process that opened the name after the kills could not take it within 2 s";
 }
 
-INSTANTIATE_TEST_SUITE_P(Anonymous, SyncContract, ::testing::ValuesIn(anonymousKinds()), nameOf);
-INSTANTIATE_TEST_SUITE_P(Named, SyncContract, ::testing::ValuesIn(namedKinds()), nameOf);
-INSTANTIATE_TEST_SUITE_P(Named, NamedSyncContract, ::testing::ValuesIn(namedKinds()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Anonymous, SyncContract, ::testing::ValuesIn(kAnonymousKinds), nameOf);
+INSTANTIATE_TEST_SUITE_P(Named, SyncContract, ::testing::ValuesIn(kNamedKinds), nameOf);
+INSTANTIATE_TEST_SUITE_P(Named, NamedSyncContract, ::testing::ValuesIn(kNamedKinds), nameOf);
 INSTANTIATE_TEST_SUITE_P(Named, OwnedSyncContract, ::testing::ValuesIn(ownedNamedKinds()), nameOf);

@@ -92,33 +92,27 @@ std::function<std::unique_ptr<SyncObject>(const char*, RT_MODE)> maker(Args... a
   return [=](const char* name, RT_MODE mode) { return std::make_unique<Object>(args..., name, mode); };
 }
 
-inline const std::vector<SyncKind>& anonymousKinds() {
-  static const std::vector<SyncKind> kinds = {
-      {"Mutex", false, true, false, maker<MutexObject>(DEFAULT_MUTEX_ATTRIBUTE)},
-      {"PriorityInheritingMutex", false, true, false, maker<MutexObject>(MUTEX_PRIO_INHERIT)},
-      {"RWMutex", false, true, false, maker<RWMutexObject>(false)},
-      {"Semaphore", false, false, false, maker<SemaphoreObject>(false)},
-      {"Event", false, false, false, maker<EventObject>(false, Wakeup::Condition)},
-  };
-  return kinds;
-}
+inline const std::vector<SyncKind> kAnonymousKinds = {
+    {"Mutex", false, true, false, maker<MutexObject>(DEFAULT_MUTEX_ATTRIBUTE)},
+    {"PriorityInheritingMutex", false, true, false, maker<MutexObject>(MUTEX_PRIO_INHERIT)},
+    {"RWMutex", false, true, false, maker<RWMutexObject>(false)},
+    {"Semaphore", false, false, false, maker<SemaphoreObject>(false)},
+    {"Event", false, false, false, maker<EventObject>(false, Wakeup::Condition)},
+};
 
-inline const std::vector<SyncKind>& namedKinds() {
-  static const std::vector<SyncKind> kinds = {
-      {"Mutex", true, true, false, maker<MutexObject>(DEFAULT_MUTEX_ATTRIBUTE)},
-      {"RecursiveMutex", true, true, false, maker<MutexObject>(MUTEX_RECURSIVE)},
-      {"PriorityInheritingMutex", true, true, false, maker<MutexObject>(MUTEX_PRIO_INHERIT)},
-      {"RecursivePriorityInheritingMutex", true, true, false, maker<MutexObject>(MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT)},
-      {"RWMutexHeldByAWriter", true, true, false, maker<RWMutexObject>(false)},
-      {"RWMutexHeldByAReader", true, true, false, maker<RWMutexObject>(true)},
-      {"PosixSemaphore", true, false, false, maker<SemaphoreObject>(false)},
-      {"SysVSemaphore", true, false, true, maker<SemaphoreObject>(true)},
-      {"ConditionEvent", true, false, false, maker<EventObject>(false, Wakeup::Condition)},
-      {"PosixEvent", true, false, false, maker<EventObject>(false, Wakeup::Posix)},
-      {"SysVEvent", true, false, true, maker<EventObject>(false, Wakeup::SysV)},
-      {"ManualResetSysVEvent", true, false, true, maker<EventObject>(true, Wakeup::SysV)},
-  };
-  return kinds;
-}
+inline const std::vector<SyncKind> kNamedKinds = {
+    {"Mutex", true, true, false, maker<MutexObject>(DEFAULT_MUTEX_ATTRIBUTE)},
+    {"RecursiveMutex", true, true, false, maker<MutexObject>(MUTEX_RECURSIVE)},
+    {"PriorityInheritingMutex", true, true, false, maker<MutexObject>(MUTEX_PRIO_INHERIT)},
+    {"RecursivePriorityInheritingMutex", true, true, false, maker<MutexObject>(MUTEX_RECURSIVE | MUTEX_PRIO_INHERIT)},
+    {"RWMutexHeldByAWriter", true, true, false, maker<RWMutexObject>(false)},
+    {"RWMutexHeldByAReader", true, true, false, maker<RWMutexObject>(true)},
+    {"PosixSemaphore", true, false, false, maker<SemaphoreObject>(false)},
+    {"SysVSemaphore", true, false, true, maker<SemaphoreObject>(true)},
+    {"ConditionEvent", true, false, false, maker<EventObject>(false, Wakeup::Condition)},
+    {"PosixEvent", true, false, false, maker<EventObject>(false, Wakeup::Posix)},
+    {"SysVEvent", true, false, true, maker<EventObject>(false, Wakeup::SysV)},
+    {"ManualResetSysVEvent", true, false, true, maker<EventObject>(true, Wakeup::SysV)},
+};
 
 #endif
