@@ -3,26 +3,17 @@
 
 #include "TestSupport.h"
 
-static sockaddr* loopback(sockaddr_in& addr, uint16_t port = 0) {
-  addr = sockaddr_in{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-  return reinterpret_cast<sockaddr*>(&addr);
-}
-
-static uint16_t portOf(int s) {
-  sockaddr_in addr{};
-  socklen_t len = sizeof(addr);
-  os_socket_get_sock_name(s, reinterpret_cast<sockaddr*>(&addr), &len, USE_DEFAULT);
-  return ntohs(addr.sin_port);
-}
-
 // A connected TCP pair on 127.0.0.1 made through the library's own calls.
 class LoopbackTcp : public ::testing::Test {
  protected:
   LoopbackTcp() {
-    sockaddr_in addr;
-    os_socket_bind(listener, loopback(addr), sizeof(addr), USE_RT);
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof(addr);
+    sockaddr* address = reinterpret_cast<sockaddr*>(&addr);
+    os_socket_bind(listener, address, length, USE_RT);
     os_socket_listen(listener, 4, USE_DEFAULT);
-    if (os_socket_connect(client, loopback(addr, portOf(listener)), sizeof(addr), USE_STD) == 0)
+    os_socket_get_sock_name(listener, address, &length, USE_DEFAULT);  // now with the port that bind chose
+    if (os_socket_connect(client, address, length, USE_STD) == 0)
       server = os_socket_accept(listener, nullptr, nullptr, USE_DEFAULT);
     // Set directly so that no receive below can block for good, whatever the library does.
     const timeval bound{8, 0};
