@@ -10,11 +10,9 @@ using CtlWithoutManager = NoManager;
 ToolRun ctl(const std::string& args) { return runTool(toolPath("ostrelled-ctl") + " " + args); }
 
 void writeBlock(const std::string& name, size_t size, unsigned char flags) {
-  int fd = open(internal::shmPath(name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
   std::string bytes(size, static_cast<char>(flags));
   bytes[0] = 1, bytes[1] = bytes[2] = bytes[3] = 0;  // attach count 1
-  ASSERT_EQ(write(fd, bytes.data(), size), static_cast<ssize_t>(size));
-  close(fd);
+  writeFile(internal::shmPath(name), bytes);
 }
 
 }  // namespace

@@ -57,8 +57,7 @@ pid_t startDaemon(const std::string& log, const std::string& notifySocket = "", 
 class NotifySocket {
  public:
   NotifySocket() : m_path("/tmp/" + uniqueName("notify")), m_fd(socket(AF_UNIX, SOCK_DGRAM, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{AF_UNIX, {}};
     snprintf(address.sun_path, sizeof address.sun_path, "%s", m_path.c_str());
     bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     timeval bound{5, 0};
@@ -101,8 +100,7 @@ TEST_F(SyncDaemon, OnlyADeadManagerIsReplacedAndItFailsCallsAtOnceMeanwhile) {
   // Ready: its own start-up requests are done, so no request lock is stopped with it.
   ASSERT_EQ(notify.next().rfind("READY=1\n", 0), 0u);
   kill(first, SIGSTOP);
-  int status = 0;
-  waitpid(first, &status, WUNTRACED);
+  waitpid(first, nullptr, WUNTRACED);
   auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(attaches(name)) << "attached with the manager stopped";
   EXPECT_GE(secondsSince(start), 0.099) << "a stopped manager did not get its full time";

@@ -55,7 +55,6 @@ TEST(OS_Clock, AbsoluteSleepEndsAtItsDeadlineInEveryMode) {
 // Times too far off for a span stay on their side of now; pollUntil asks once more at the end.
 TEST(OS_Clock, DeadlinesTellPassedFromComing) {
   using internal::Deadline;
-  using internal::Span;
   const std::pair<Deadline, bool> passed[] = {
       {Deadline::at({0, 0}), true},
       {Deadline::at({LONG_MIN / 2, 0}), true},
@@ -67,7 +66,7 @@ TEST(OS_Clock, DeadlinesTellPassedFromComing) {
   };
   for (const auto& [deadline, expected] : passed) {
     EXPECT_EQ(deadline.passed(), expected) << deadline.time().tv_sec;
-    EXPECT_EQ(deadline.left() > Span::zero(), !expected) << deadline.time().tv_sec;
+    EXPECT_EQ(deadline.left() > internal::Span::zero(), !expected) << deadline.time().tv_sec;
   }
   EXPECT_EQ(Deadline::never().timeOrNull(), nullptr);
 
