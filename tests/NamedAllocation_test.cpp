@@ -11,20 +11,16 @@ TEST_F(NamedCreate, ACreateThatFailsToAllocateLeavesNothingBehind) {
     std::string name = uniqueName(kind.name);
     bool succeeded = false;
     for (long allowed = 0; allowed < 200 && !succeeded; ++allowed) {
-      bool threw = false;
       gAllowedAllocations = allowed;
       try {
         succeeded = kind(name)->attached();
-      } catch (const std::bad_alloc&) {
-        threw = true;
-      }
-      gAllowedAllocations = -1;
-      if (!threw) {
+        gAllowedAllocations = -1;
         EXPECT_TRUE(succeeded) << kind.name << " after " << allowed << " allocations: neither attached nor thrown";
-        continue;
+      } catch (const std::bad_alloc&) {
+        gAllowedAllocations = -1;
+        ASSERT_FALSE(shmExists(name)) << kind.name << ": the block stayed after a failure at allocation " << allowed;
+        ASSERT_TRUE(requestLockFree()) << kind.name << ": the request lock stayed taken after allocation " << allowed;
       }
-      ASSERT_FALSE(shmExists(name)) << kind.name << ": the block stayed after a failure at allocation " << allowed;
-      ASSERT_TRUE(requestLockFree()) << kind.name << ": the request lock stayed taken after allocation " << allowed;
     }
     EXPECT_TRUE(succeeded) << kind.name << " never succeeded in 200 allocations";
   }
