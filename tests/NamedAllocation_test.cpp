@@ -26,5 +26,6 @@ TEST_F(NamedCreate, ACreateThatFailsToAllocateLeavesNothingBehind) {
   }
   EXPECT_TRUE(liveManagerAnswers()) << "the manager stopped serving";
   kill(manager, SIGTERM);
-  waitChild(manager);
+  EXPECT_EQ(waitChild(manager), 0) << "the manager did not stop on SIGTERM";
+  EXPECT_FALSE(os_sync_environment_initialize(true)) << "the stopped manager left its names";
 }

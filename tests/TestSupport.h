@@ -376,10 +376,18 @@ inline bool requestLockFree() {
   return free;
 }
 
+// A manager in a child; SIGTERM stops it as a manager stops, removing its names.
 inline pid_t startManagerChild() {
   pid_t manager = startChild([] {
-    if (os_sync_environment_initialize(false)) pause();
-    return 1;
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, nullptr);  // before the manager's thread, which inherits it
+    if (!os_sync_environment_initialize(false)) return 1;
+    int signal = 0;
+    sigwait(&term, &signal);
+    os_sync_environment_uninitialize();
+    return 0;
   });
   EXPECT_TRUE(waitUntil(liveManagerAnswers, 10.0)) << "the manager in a child did not answer within 10 s";
   return manager;
