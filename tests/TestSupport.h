@@ -306,14 +306,19 @@ inline off_t shmSize(const std::string& name) {
   struct stat st;
   return stat(internal::shmPath(name).c_str(), &st) == 0 ? st.st_size : -1;
 }
-inline bool shmExists(const std::string& name) { return shmSize(name) >= 0; }
+// Whether /dev/shm holds the name; either way the result names the file.
+inline ::testing::AssertionResult shmExists(const std::string& name) {
+  bool there = shmSize(name) >= 0;
+  return (there ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+         << internal::shmPath(name) << (there ? " exists" : " does not exist");
+}
 
 // How many of the manager's four machine-wide names exist.
 inline int managerNamesLeft() {
   using namespace internal::SyncNames;
-  int left = shmExists(kRequestArea);
+  int left = shmSize(kRequestArea) >= 0;
   for (const char* sem : {kEnabledSemaphore, kRequestSemaphore, kFinishSemaphore})
-    left += shmExists(internal::semaphoreFileName(sem));
+    left += shmSize(internal::semaphoreFileName(sem)) >= 0;
   return left;
 }
 
